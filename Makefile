@@ -1,0 +1,57 @@
+# Every target does its own set-up: a virtual environment, the build and the install.
+PYTHON ?= python3
+VENV   ?= .venv
+BIN    := $(VENV)/bin
+PIP    := $(BIN)/python -m pip
+DEPS   := numpy polars scikit-build-core cmake ninja pytest hypothesis pandas ruff
+SOURCES := pyproject.toml CMakeLists.txt $(shell find native src -type f \( -name '*.cpp' -o -name '*.hpp' -o -name '*.py' -o -name '*.toml' -o -name '*.csv' \) 2>/dev/null)
+
+ASAN_VENV := .venv-asan
+ASAN_BIN  := $(ASAN_VENV)/bin
+
+.PHONY: demo test test-asan bench lint clean
+
+demo: $(VENV)/.installed
+	$(BIN)/veltrane tables
+	$(BIN)/veltrane show SULT --sex u
+
+test: $(VENV)/.installed
+	$(BIN)/python -m pytest -q
+
+lint: $(VENV)/.installed
+	$(BIN)/ruff check src tests tools bench
+
+bench: $(VENV)/.installed
+	$(BIN)/python bench/run.py
+
+# The suite under AddressSanitizer and UndefinedBehaviorSanitizer, in a venv of its own.
+test-asan: $(ASAN_VENV)/.installed
+	LD_PRELOAD="$$(g++ -print-file-name=libasan.so) $$(g++ -print-file-name=libubsan.so)" \
+	PYTHONMALLOC=malloc ASAN_OPTIONS=detect_leaks=0 \
+	UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+	$(ASAN_BIN)/python -m pytest -q -p no:cacheprovider
+
+$(VENV)/.deps:
+	test -x $(BIN)/python || $(PYTHON) -m venv $(VENV)
+	$(PIP) install -q --upgrade pip
+	$(PIP) install -q $(DEPS)
+	touch $@
+
+$(VENV)/.installed: $(VENV)/.deps $(SOURCES)
+	$(PIP) install -q --no-build-isolation --no-deps .
+	touch $@
+
+$(ASAN_VENV)/.deps:
+	test -x $(ASAN_BIN)/python || $(PYTHON) -m venv $(ASAN_VENV)
+	$(ASAN_BIN)/python -m pip install -q --upgrade pip
+	$(ASAN_BIN)/python -m pip install -q $(DEPS)
+	touch $@
+
+$(ASAN_VENV)/.installed: $(ASAN_VENV)/.deps $(SOURCES)
+	$(ASAN_BIN)/python -m pip install -q --no-build-isolation --no-deps \
+	    -C build-dir=build/asan -C cmake.build-type=RelWithDebInfo \
+	    -C cmake.define.VELTRANE_SANITIZE=ON .
+	touch $@
+
+clean:
+	rm -rf build $(VENV) $(ASAN_VENV)

@@ -1,0 +1,377 @@
+// The module veltrane.tables.decrement: module state, the collaborators it imports, its
+// constants, and the public abstract class DecrementTable (abc.ABCMeta over the C type).
+// Names are bound in a fixed order at import; the unisex cache registers with the
+// configuration's reset hook, and a change hook keeps the settings snapshot current.
+#include "decrement/table.hpp"
+
+#include <cstring>
+#include <utility>
+
+namespace veltrane::decrement {
+
+ModuleState* state_of(PyObject* module) { return static_cast<ModuleState*>(PyModule_GetState(module)); }
+
+ModuleState* state_from_type(PyTypeObject* type) {
+    PyObject* module = PyType_GetModuleByDef(type, &module_def);
+    if (module == nullptr) py::throw_error_set();
+    return state_of(module);
+}
+
+bool str_equals(PyObject* obj, std::string_view text) {
+    if (obj == nullptr || !PyUnicode_Check(obj)) return false;
+    Py_ssize_t size = 0;
+    const char* data = PyUnicode_AsUTF8AndSize(obj, &size);
+    if (data == nullptr) {
+        PyErr_Clear();
+        return false;
+    }
+    return std::string_view(data, static_cast<std::size_t>(size)) == text;
+}
+
+std::string utf8(PyObject* str) {
+    Py_ssize_t size = 0;
+    const char* data = PyUnicode_AsUTF8AndSize(str, &size);
+    if (data == nullptr) py::throw_error_set();
+    return {data, static_cast<std::size_t>(size)};
+}
+
+py::ref type_name_of(PyObject* obj) {
+    PyTypeObject* type = PyType_Check(obj) ? reinterpret_cast<PyTypeObject*>(obj) : Py_TYPE(obj);
+    return py::check(PyType_GetName(type));
+}
+
+namespace {
+
+int int_setting(PyObject* decimals, const char* name) {
+    py::ref value = py::check(PyObject_GetAttrString(decimals, name));
+    const long v = PyLong_AsLong(value.get());
+    if (v == -1 && PyErr_Occurred()) py::throw_error_set();
+    return static_cast<int>(v);
+}
+
+}  // namespace
+
+const ConfigSnapshot& config(ModuleState* st) {
+    if (st->config_seen == st->config_version) return st->config_cache;
+    py::ref cfg = py::check(PyObject_CallNoArgs(st->config));
+    py::ref decimals = py::check(PyObject_GetAttrString(cfg.get(), "decimals"));
+    ConfigSnapshot s;
+    s.qx = int_setting(decimals.get(), "qx");
+    s.ix = int_setting(decimals.get(), "ix");
+    s.ox = int_setting(decimals.get(), "ox");
+    s.px = int_setting(decimals.get(), "px");
+    s.tpx = int_setting(decimals.get(), "tpx");
+    s.tqx = int_setting(decimals.get(), "tqx");
+    s.lx = int_setting(decimals.get(), "lx");
+    s.dx = int_setting(decimals.get(), "dx");
+    py::ref interpolation = py::check(PyObject_GetAttrString(cfg.get(), "lx_interpolation"));
+    s.interpolation =
+        str_equals(interpolation.get(), "linear") ? kernels::Interpolation::linear : kernels::Interpolation::exponential;
+    py::ref warn = py::check(PyObject_GetAttrString(cfg.get(), "warn_on_chained_table_rebuild"));
+    s.warn_chained = py::require(PyObject_IsTrue(warn.get())) == 1;
+    st->config_cache = s;
+    st->config_seen = st->config_version;
+    return st->config_cache;
+}
+
+namespace {
+
+PyObject* clear_cohort_unisex_cache(PyObject* module, PyObject*) {
+    return py::guard([&]() -> PyObject* {
+        py::ref result = py::check(PyObject_CallMethod(state_of(module)->unisex_cache, "clear", nullptr));
+        Py_RETURN_NONE;
+    });
+}
+
+PyObject* config_changed(PyObject* module, PyObject*) {
+    ++state_of(module)->config_version;
+    Py_RETURN_NONE;
+}
+
+PyMethodDef module_methods[] = {
+    {"_clear_cohort_unisex_cache", clear_cohort_unisex_cache, METH_NOARGS,
+     "_clear_cohort_unisex_cache()\n--\n\nEmpty the process-wide cache of cohort-projected unisex inputs."},
+    {"_config_changed", config_changed, METH_NOARGS,
+     "_config_changed()\n--\n\nTell the module that a configuration setting changed."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+// Binds `name` in the module to `value` (a new reference is taken).
+void bind(PyObject* module, const char* name, PyObject* value) { py::require(PyModule_AddObjectRef(module, name, value)); }
+
+py::ref import(const char* name) { return py::check(PyImport_ImportModule(name)); }
+
+// from `module_name` import each of `names`, binding them in `module`.
+void import_names(PyObject* module, const char* module_name, std::initializer_list<const char*> names) {
+    py::ref source = import(module_name);
+    for (const char* name : names) {
+        py::ref value = py::check(PyObject_GetAttrString(source.get(), name));
+        bind(module, name, value.get());
+    }
+}
+
+// A new reference to a module attribute, for the module state to own.
+PyObject* attr(PyObject* module, const char* name) { return py::check(PyObject_GetAttrString(module, name)).release(); }
+
+py::ref intern(const char* text) { return py::check(PyUnicode_InternFromString(text)); }
+
+void init_names(Names& n) {
+    n.table_type = intern("table_type");
+    n.data = intern("data");
+    n.columns = intern("columns");
+    n.valid_sexes = intern("valid_sexes");
+    n.w = intern("w");
+    n.generational = intern("generational");
+    n.select = intern("select");
+    n.mi_structure = intern("mi_structure");
+    n.grid_years = intern("grid_years");
+    n.generational_formula_type = intern("generational_formula_type");
+    n.base_year = intern("base_year");
+    n.select_period = intern("select_period");
+    n.start_duration = intern("start_duration");
+    n.mi_by_duration = intern("mi_by_duration");
+    n.table_name = intern("table_name");
+    n.get_column = intern("get_column");
+    n.to_numpy = intern("to_numpy");
+    n.decimals = intern("decimals");
+    n.lx_interpolation = intern("lx_interpolation");
+    n.warn_on_chained_table_rebuild = intern("warn_on_chained_table_rebuild");
+    n.cohort = intern("cohort");
+    n.u = intern("u");
+    n.m = intern("m");
+    n.f = intern("f");
+    n.ult = intern("ult");
+    n.slots = intern("__slots__");
+    n.file_name = intern("file_name");
+    n.data_field = intern("_data");
+    n.valid_sexes_field = intern("_valid_sexes");
+    n.with_columns = intern("with_columns");
+}
+
+// The public class is made as a class statement would make it: by calling the metaclass
+// with the C type and abc.ABC as bases, and an abstract `table_type` property.
+constexpr const char* kPublicClassSource = R"PY(
+def _build(core, ABC, ABCMeta, abstractmethod, namespace):
+    def table_type(self):
+        """The kind of table: "life", "disability" or "exit", supplied by each concrete class."""
+        raise NotImplementedError
+    table_type.__qualname__ = "DecrementTable.table_type"
+    ns = dict(namespace)
+    ns["__slots__"] = ()
+    ns["__module__"] = "veltrane.tables.decrement"
+    ns["__qualname__"] = "DecrementTable"
+    ns["table_type"] = property(abstractmethod(table_type))
+    return ABCMeta("DecrementTable", (core, ABC), ns)
+)PY";
+
+constexpr const char* kPublicClassDoc =
+    "Abstract base of life, disability and exit decrement tables.\n\n"
+    "A table is built from a named table file for one sex ('m', 'f' or 'u'), and where the\n"
+    "table's structure requires it for a cohort (year of birth, generational tables) and a\n"
+    "policy duration (select-ultimate tables). It holds the one-year decrement rates by age\n"
+    "and the survivorship from a radix of 1,000,000.\n\n"
+    "Parameters\n----------\n"
+    "table_name : str\n    Name of the table file, without extension.\n"
+    "sex : {'m', 'f', 'u'}\n    Sex (any case). Required unless ``pending=True``.\n"
+    "cohort : int, optional\n    Year of birth; required for generational tables only.\n"
+    "unisex_blend : float, optional\n    Male weight in [0, 1] blending male and female rates for sex 'u'.\n"
+    "duration : int or 'ult', optional\n    Policy duration; required for select-ultimate tables only.\n"
+    "pending : bool, default False\n    Allow a generational or select table whose keys arrive later.\n";
+
+py::ref build_public_class(PyObject* module, ModuleState* st) {
+    py::ref globals = py::check(PyDict_New());
+    py::require(PyDict_SetItemString(globals.get(), "__builtins__", PyEval_GetBuiltins()));
+    py::ref code = py::check(Py_CompileString(kPublicClassSource, "<veltrane.tables.decrement>", Py_file_input));
+    py::ref done = py::check(PyEval_EvalCode(code.get(), globals.get(), globals.get()));
+    PyObject* builder = PyDict_GetItemString(globals.get(), "_build");
+    if (builder == nullptr) py::raise(PyExc_SystemError, "public class builder missing");
+
+    py::ref abc = import("abc");
+    py::ref abc_base = py::check(PyObject_GetAttrString(abc.get(), "ABC"));
+    py::ref abcmeta = py::check(PyObject_GetAttrString(abc.get(), "ABCMeta"));
+    py::ref abstract = py::check(PyObject_GetAttrString(abc.get(), "abstractmethod"));
+
+    py::ref ns = py::check(PyDict_New());
+    py::ref doc = py::check(PyUnicode_FromString(kPublicClassDoc));
+    py::require(PyDict_SetItemString(ns.get(), "__doc__", doc.get()));
+    // Deliberately asymmetric: a disability table accepts exits, an exit table no disability.
+    py::ref combos = py::check(PyDict_New());
+    for (auto [host, others] : {std::pair{"life", "exit disability"}, std::pair{"disability", "exit"},
+                                std::pair{"exit", "exit"}}) {
+        py::ref text = py::check(PyUnicode_FromString(others));
+        py::ref parts = py::check(PyUnicode_Split(text.get(), nullptr, -1));
+        py::ref kinds = py::check(PySet_New(parts.get()));
+        py::require(PyDict_SetItemString(combos.get(), host, kinds.get()));
+    }
+    py::require(PyDict_SetItemString(ns.get(), "_VALID_TABLE_COMBINATIONS", combos.get()));
+    py::ref prefixes = py::check(PyDict_New());
+    for (const TableKind& kind : kTableKinds) {
+        py::ref value = py::check(PyUnicode_FromStringAndSize(kind.prefix.data(), static_cast<Py_ssize_t>(kind.prefix.size())));
+        py::ref key = py::check(PyUnicode_FromStringAndSize(kind.type.data(), static_cast<Py_ssize_t>(kind.type.size())));
+        py::require(PyDict_SetItem(prefixes.get(), key.get(), value.get()));
+    }
+    py::require(PyDict_SetItemString(ns.get(), "_DECREMENT_PREFIX_MAP", prefixes.get()));
+    py::ref threshold = py::check(PyLong_FromLong(kVectorialWarningThreshold));
+    py::require(PyDict_SetItemString(ns.get(), "_VECTORIAL_MEMORY_WARNING_THRESHOLD", threshold.get()));
+    st->prefix_map = Py_NewRef(prefixes.get());
+
+    PyObject* call[5] = {reinterpret_cast<PyObject*>(st->core_type), abc_base.get(), abcmeta.get(), abstract.get(),
+                         ns.get()};
+    (void)module;
+    return py::check(PyObject_Vectorcall(builder, call, 5, nullptr));
+}
+
+int decrement_exec(PyObject* module) {
+    return py::guard_int([&] {
+        ModuleState* st = state_of(module);
+        new (st) ModuleState();
+        py::import_numpy();
+        init_names(st->names);
+
+        // 1. Standard library and third-party names.
+        for (const char* name : {"copy", "itertools", "warnings"}) {
+            py::ref m = import(name);
+            bind(module, name, m.get());
+        }
+        import_names(module, "abc", {"ABC", "abstractmethod"});
+        import_names(module, "collections", {"OrderedDict"});
+        import_names(module, "collections.abc", {"Sequence"});
+        import_names(module, "pathlib", {"Path"});
+        import_names(module, "typing", {"Union", "Any"});
+        py::ref numpy = import("numpy");
+        bind(module, "np", numpy.get());
+        py::ref polars = import("polars");
+        bind(module, "pl", polars.get());
+        import_names(module, "numpy.typing", {"NDArray"});
+        // 2. Collaborators.
+        import_names(module, "veltrane.base", {"PaymentFrequencyLiteral", "TableKey", "_NUMERIC_TYPES"});
+        import_names(module, "veltrane.config", {"Config", "_reset_callbacks"});
+        import_names(module, "veltrane.helpers",
+                     {"_EPS_INT", "_as_f64_safe", "_assert_probs_in_unit_interval", "_finalize_scalar_or_array",
+                      "_is_finite_f64_array", "_is_finite_scalar", "_is_integer_valued", "_validate_numeric_input",
+                      "_validate_scalar_numeric"});
+        import_names(module, "veltrane.tables.base",
+                     {"_GENERATIONAL_FORMULA_TYPE_MAP", "_LX_RADIX", "ModifyDecrement", "SexLiteral",
+                      "_current_calendar_year", "_DecimalsConfig", "_gen_projected_improvement"});
+        import_names(module, "veltrane.tables.source", {"TableSource"});
+
+        st->table_source = attr(module, "TableSource");
+        st->config = attr(module, "Config");
+        st->formula_map = attr(module, "_GENERATIONAL_FORMULA_TYPE_MAP");
+        st->projected = attr(module, "_gen_projected_improvement");
+        st->current_year = attr(module, "_current_calendar_year");
+        st->decimals_config = attr(module, "_DecimalsConfig");
+        py::ref radix = py::check(PyObject_GetAttrString(module, "_LX_RADIX"));
+        st->lx_radix = PyFloat_AsDouble(radix.get());
+        if (st->lx_radix == -1.0 && PyErr_Occurred()) py::throw_error_set();
+        py::ref copy_module = import("copy");
+        st->deepcopy = py::check(PyObject_GetAttrString(copy_module.get(), "deepcopy")).release();
+        st->shallow_copy = py::check(PyObject_GetAttrString(copy_module.get(), "copy")).release();
+        st->polars_series = py::check(PyObject_GetAttrString(polars.get(), "Series")).release();
+
+        // 3-8. Module state: the unisex cache and its reset hook, the sentinel, the counter.
+        py::ref ordered = py::check(PyObject_GetAttrString(module, "OrderedDict"));
+        py::ref cache = py::check(PyObject_CallNoArgs(ordered.get()));
+        bind(module, "_COHORT_ADJUSTED_QX_CACHE_UNISEX", cache.get());
+        st->unisex_cache = cache.release();
+        py::ref cache_max = py::check(PyLong_FromLong(kCohortCacheMax));
+        bind(module, "_COHORT_ADJUSTED_QX_CACHE_MAX", cache_max.get());
+        py::ref sentinel = py::check(PyObject_CallNoArgs(reinterpret_cast<PyObject*>(&PyBaseObject_Type)));
+        bind(module, "_CONFIGURE_UNSET", sentinel.get());
+        st->sentinel = sentinel.release();
+        py::ref clear = py::check(PyObject_GetAttrString(module, "_clear_cohort_unisex_cache"));
+        py::ref reset_callbacks = py::check(PyObject_GetAttrString(module, "_reset_callbacks"));
+        py::require(PyList_Append(reset_callbacks.get(), clear.get()));
+        py::ref itertools = import("itertools");
+        py::ref counter = py::check(PyObject_CallMethod(itertools.get(), "count", nullptr));
+        bind(module, "_table_instance_counter", counter.get());
+        st->instance_counter = counter.release();
+        py::ref tol = py::check(PyFloat_FromDouble(kQCertaintyTol));
+        bind(module, "_Q_CERTAINTY_TOL", tol.get());
+
+        // Settings changes reach the snapshot through the configuration's change hook.
+        py::ref config_module = import("veltrane.config");
+        py::ref change_callbacks = py::check(PyObject_GetAttrString(config_module.get(), "_change_callbacks"));
+        py::ref changed = py::check(PyObject_GetAttrString(module, "_config_changed"));
+        py::require(PyList_Append(change_callbacks.get(), changed.get()));
+
+        // 12. The table classes.
+        st->core_type = reinterpret_cast<PyTypeObject*>(
+            py::require(PyType_FromModuleAndSpec(module, table_type_spec(), nullptr)));
+        py::ref public_class = build_public_class(module, st);
+        bind(module, "DecrementTable", public_class.get());
+        st->public_class = public_class.release();
+        return 0;
+    });
+}
+
+int decrement_traverse(PyObject* module, visitproc visit, void* arg) {
+    ModuleState* st = state_of(module);
+    if (st == nullptr) return 0;
+    Py_VISIT(st->core_type);
+    Py_VISIT(st->public_class);
+    Py_VISIT(st->table_source);
+    Py_VISIT(st->config);
+    Py_VISIT(st->formula_map);
+    Py_VISIT(st->projected);
+    Py_VISIT(st->current_year);
+    Py_VISIT(st->decimals_config);
+    Py_VISIT(st->deepcopy);
+    Py_VISIT(st->shallow_copy);
+    Py_VISIT(st->sentinel);
+    Py_VISIT(st->prefix_map);
+    Py_VISIT(st->instance_counter);
+    Py_VISIT(st->unisex_cache);
+    Py_VISIT(st->polars_series);
+    return 0;
+}
+
+int decrement_clear(PyObject* module) {
+    ModuleState* st = state_of(module);
+    if (st == nullptr) return 0;
+    Py_CLEAR(st->core_type);
+    Py_CLEAR(st->public_class);
+    Py_CLEAR(st->table_source);
+    Py_CLEAR(st->config);
+    Py_CLEAR(st->formula_map);
+    Py_CLEAR(st->projected);
+    Py_CLEAR(st->current_year);
+    Py_CLEAR(st->decimals_config);
+    Py_CLEAR(st->deepcopy);
+    Py_CLEAR(st->shallow_copy);
+    Py_CLEAR(st->sentinel);
+    Py_CLEAR(st->prefix_map);
+    Py_CLEAR(st->instance_counter);
+    Py_CLEAR(st->unisex_cache);
+    Py_CLEAR(st->polars_series);
+    return 0;
+}
+
+void decrement_free(void* module) {
+    decrement_clear(static_cast<PyObject*>(module));
+    ModuleState* st = state_of(static_cast<PyObject*>(module));
+    if (st != nullptr) st->~ModuleState();
+}
+
+PyModuleDef_Slot module_slots[] = {
+    {Py_mod_exec, reinterpret_cast<void*>(decrement_exec)},
+    {0, nullptr},
+};
+
+}  // namespace
+
+PyModuleDef module_def = {
+    PyModuleDef_HEAD_INIT,
+    "veltrane.tables.decrement",
+    "Decrement tables: the abstract DecrementTable and its machinery, in C++.",
+    static_cast<Py_ssize_t>(sizeof(ModuleState)),
+    module_methods,
+    module_slots,
+    decrement_traverse,
+    decrement_clear,
+    decrement_free,
+};
+
+}  // namespace veltrane::decrement
+
+PyMODINIT_FUNC PyInit_decrement() { return PyModuleDef_Init(&veltrane::decrement::module_def); }

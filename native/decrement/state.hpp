@@ -1,0 +1,120 @@
+// Shared declarations of the decrement module: module state (collaborators, interned
+// names, the configuration snapshot) and the table object with its fields.
+// Invariant: every array field is null or a 1-D C-contiguous float64 array it owns.
+#pragma once
+
+#include "common/numeric.hpp"
+#include "decrement/constants.hpp"
+#include "kernels/survival.hpp"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace veltrane::decrement {
+
+// The settings read at every calculation, refreshed when the configuration changes.
+struct ConfigSnapshot {
+    int qx = 12, ix = 12, ox = 12, px = 12, tpx = 12, tqx = 12, lx = 9, dx = 9;
+    kernels::Interpolation interpolation = kernels::Interpolation::linear;
+    bool warn_chained = true;
+};
+
+struct Names {
+    py::ref table_type, data, columns, valid_sexes, w, generational, select, mi_structure, grid_years,
+        generational_formula_type, base_year, select_period, start_duration, mi_by_duration, table_name,
+        get_column, to_numpy, decimals, lx_interpolation, warn_on_chained_table_rebuild, cohort, u, m, f,
+        ult, slots, file_name, data_field, valid_sexes_field, with_columns;
+};
+
+struct ModuleState {
+    PyTypeObject* core_type = nullptr;  // the C type carrying state and behaviour
+    PyObject* public_class = nullptr;   // DecrementTable, made abstract with abc.ABCMeta
+    // Collaborators.
+    PyObject* table_source = nullptr;   // TableSource
+    PyObject* config = nullptr;         // Config
+    PyObject* formula_map = nullptr;    // _GENERATIONAL_FORMULA_TYPE_MAP
+    PyObject* projected = nullptr;      // _gen_projected_improvement
+    PyObject* current_year = nullptr;   // _current_calendar_year
+    PyObject* decimals_config = nullptr;  // _DecimalsConfig
+    PyObject* deepcopy = nullptr;       // copy.deepcopy
+    PyObject* shallow_copy = nullptr;   // copy.copy
+    PyObject* sentinel = nullptr;       // _CONFIGURE_UNSET
+    PyObject* prefix_map = nullptr;     // DecrementTable._DECREMENT_PREFIX_MAP
+    PyObject* instance_counter = nullptr;  // _table_instance_counter
+    PyObject* unisex_cache = nullptr;   // _COHORT_ADJUSTED_QX_CACHE_UNISEX
+    PyObject* polars_series = nullptr;  // polars.Series
+    double lx_radix = 1'000'000.0;
+    Names names;
+    // Configuration snapshot: `version` moves on every change of settings.
+    std::uint64_t config_version = 1;
+    std::uint64_t config_seen = 0;
+    ConfigSnapshot config_cache;
+};
+
+struct TableObject {
+    PyObject_HEAD
+    ModuleState* st;
+    PyObject* weakrefs;
+    long long instance_id;
+    py::ref table;
+    py::ref sex;
+    py::ref cohort;
+    py::ref duration;
+    bool select_duration_set;
+    py::ref decrement_base;
+    py::ref decrement;
+    bool modified;
+    py::ref lx;
+    py::ref lx_raw;
+    py::ref w_mod;
+    py::ref modifications_applied;
+    py::ref px;
+    py::ref qx;
+    py::ref unisex_blend;
+    py::ref decimals_config;
+    py::ref decimals_decrement_cache;
+    bool table_is_private_copy;
+    bool metadata_pending;
+    bool suspend_rebuild;
+    long rebuilds_since_calc;
+    bool initialized;
+};
+
+inline TableObject* as_table(PyObject* o) { return reinterpret_cast<TableObject*>(o); }
+
+// --- module.cpp -------------------------------------------------------------------
+ModuleState* state_of(PyObject* module);
+// The configuration settings, re-read only after a change.
+const ConfigSnapshot& config(ModuleState* st);
+// Interned string compare helper: true when `obj` is a str equal to `text`.
+bool str_equals(PyObject* obj, std::string_view text);
+std::string utf8(PyObject* str);
+py::ref type_name_of(PyObject* obj);
+
+// --- table.cpp --------------------------------------------------------------------
+
+PyObject* table_alloc(PyTypeObject* type, ModuleState* st);
+void ensure_ready(TableObject* t, std::string_view method_name);
+void invalidate_caches(TableObject* t);
+py::ref source_attr(TableObject* t, PyObject* name);
+bool source_flag(TableObject* t, PyObject* name);
+py::ref table_name(TableObject* t);
+std::string_view prefix_for(TableObject* t);
+long source_w(TableObject* t);
+
+// --- rates.cpp --------------------------------------------------------------------
+py::ref compute_decrement(TableObject* t);
+py::ref validate_cohort_year(TableObject* t, PyObject* value);
+py::ref get_mi_col(TableObject* t, PyObject* sex, PyObject* dur);
+py::ref compute_lx(TableObject* t);
+py::ref normalise_duration(TableObject* t, PyObject* value, bool allow_none_message);
+extern PyMethodDef rates_methods[];
+
+}  // namespace veltrane::decrement
+
+namespace veltrane::decrement {
+extern PyModuleDef module_def;
+// The module state reached from the table type or any subclass of it.
+ModuleState* state_from_type(PyTypeObject* type);
+}  // namespace veltrane::decrement

@@ -1,0 +1,34 @@
+// Pieces of DecrementTable's type that live in separate files, gathered by table.cpp.
+#pragma once
+
+#include "decrement/state.hpp"
+
+namespace veltrane::decrement {
+
+PyType_Spec* table_type_spec();
+
+// construct.cpp
+PyObject* Table_new(PyTypeObject* type, PyObject* args, PyObject* kwargs);
+int Table_init(PyObject* self, PyObject* args, PyObject* kwargs);
+
+// lifecycle.cpp
+extern PyGetSetDef table_properties[];
+extern PyMethodDef lifecycle_methods[];
+// The common tail of every key change: base rates, working copy, flags, caches.
+void rebuild_rates(TableObject* t);
+bool metadata_complete(TableObject* t);
+// Setter bodies, shared with construction.
+void set_sex(TableObject* t, PyObject* value);
+void set_cohort(TableObject* t, PyObject* value);
+void set_duration(TableObject* t, PyObject* value);
+void apply_and_rebuild(TableObject* t, PyObject* sex, PyObject* cohort, PyObject* duration, PyObject* blend);
+
+// rates.cpp
+py::ref select_column(TableObject* t, PyObject* sex, PyObject* dur, std::string_view prefix);
+
+// unisex.cpp
+void generate_unisex(TableObject* t, PyObject* blend);
+int decimals_for_decrement(TableObject* t);
+extern PyMethodDef unisex_methods[];
+
+}  // namespace veltrane::decrement

@@ -1,0 +1,188 @@
+// Unisex rates blended from the male and female rates with a male weight. The blend is
+// written as the unisex column of the table's private copy of its source, from which the
+// ordinary rate construction reads it. Generational tables blend cohort-projected rates,
+// kept in a process-wide first-in-first-out cache. Nothing is written before all checks pass.
+#include "decrement/table.hpp"
+
+#include "kernels/rounding.hpp"
+
+#include <vector>
+
+namespace veltrane::decrement {
+namespace {
+
+bool has_column(PyObject* columns, PyObject* name) { return py::require(PySequence_Contains(columns, name)) == 1; }
+
+std::vector<double> rounded_column(PyObject* data, PyObject* col, int decimals, const Names& n) {
+    py::ref series = py::check(PyObject_CallMethodOneArg(data, n.get_column.get(), col));
+    py::ref values = py::check(PyObject_CallMethodNoArgs(series.get(), n.to_numpy.get()));
+    py::ref v = py::copy_as_f64(values.get());
+    std::span<const double> s = py::f64_cspan(v.get());
+    std::vector<double> out(s.begin(), s.end());
+    kernels::round_in_place(out, decimals);
+    return out;
+}
+
+// The cohort-projected base rates of one sex, from the cache or a fresh table.
+std::vector<double> projected_rates(TableObject* t, const char* sex, PyObject* formula_type, int decimals) {
+    ModuleState* st = t->st;
+    py::ref file_name = source_attr(t, st->names.file_name.get());
+    py::ref sex_obj = py::check(PyUnicode_FromString(sex));
+    py::ref key = py::check(PyTuple_Pack(5, file_name.get(), sex_obj.get(), t->cohort.or_none(), formula_type,
+                                         t->duration.or_none()));
+    py::ref cached = py::ref::steal(PyObject_GetItem(st->unisex_cache, key.get()));
+    if (!cached) {
+        if (!PyErr_ExceptionMatches(PyExc_KeyError)) py::throw_error_set();
+        PyErr_Clear();
+        py::ref kwargs = py::check(PyDict_New());
+        py::require(PyDict_SetItemString(kwargs.get(), "sex", sex_obj.get()));
+        py::require(PyDict_SetItemString(kwargs.get(), "cohort", t->cohort.or_none()));
+        PyObject* duration = Py_None;
+        if (source_flag(t, st->names.select.get())) {
+            duration = t->duration.is_none() ? st->names.ult.get() : t->duration.get();
+        }
+        py::require(PyDict_SetItemString(kwargs.get(), "duration", duration));
+        py::ref call_args = py::check(PyTuple_Pack(1, file_name.get()));
+        py::ref single = py::check(PyObject_Call(reinterpret_cast<PyObject*>(Py_TYPE(t)), call_args.get(), kwargs.get()));
+        if (!PyObject_TypeCheck(single.get(), st->core_type)) {
+            py::raise(PyExc_TypeError, "building the single-sex table did not return a table");
+        }
+        py::ref base = py::copy_as_f64(as_table(single.get())->decrement_base.or_none());
+        while (PyObject_Length(st->unisex_cache) >= kCohortCacheMax) {
+            py::ref popped = py::check(PyObject_CallMethod(st->unisex_cache, "popitem", "O", Py_False));
+        }
+        py::require(PyObject_SetItem(st->unisex_cache, key.get(), base.get()));
+        cached = std::move(base);
+    }
+    std::span<const double> s = py::f64_cspan(cached.get());
+    std::vector<double> out(s.begin(), s.end());
+    kernels::round_in_place(out, decimals);
+    return out;
+}
+
+}  // namespace
+
+int decimals_for_decrement(TableObject* t) {
+    if (!t->decimals_decrement_cache.is_none()) {
+        const long d = PyLong_AsLong(t->decimals_decrement_cache.get());
+        if (d == -1 && PyErr_Occurred()) py::throw_error_set();
+        return static_cast<int>(d);
+    }
+    const ConfigSnapshot& cfg = config(t->st);
+    py::ref type = source_attr(t, t->st->names.table_type.get());
+    const int d = str_equals(type.get(), "life") ? cfg.qx : str_equals(type.get(), "disability") ? cfg.ix : cfg.ox;
+    t->decimals_decrement_cache = py::check(PyLong_FromLong(d));
+    return d;
+}
+
+void generate_unisex(TableObject* t, PyObject* blend) {
+    ModuleState* st = t->st;
+    const Names& n = st->names;
+    double w = 0.0;
+    try {
+        w = numeric::validate_scalar(blend, "unisex_blend", "_generate_unisex_decrement");
+    } catch (const py::PyErrSet&) {
+        if (!PyErr_ExceptionMatches(PyExc_TypeError)) throw;
+        PyErr_Clear();
+        py::raise(PyExc_TypeError, "Expected numeric input for unisex_blend");
+    }
+    if (!(0.0 <= w && w <= 1.0)) {
+        py::ref shown = py::check(PyFloat_FromDouble(w));
+        py::raise(PyExc_ValueError, "unisex_blend must be in [0.0, 1.0], got %S", shown.get());
+    }
+    const std::string_view prefix = prefix_for(t);
+    const std::string p(prefix);
+    py::ref col_m, col_f, col_u;
+    if (source_flag(t, n.select.get())) {
+        col_m = select_column(t, n.m.get(), t->duration.get(), prefix);
+        col_f = select_column(t, n.f.get(), t->duration.get(), prefix);
+        col_u = select_column(t, n.u.get(), t->duration.get(), prefix);
+    } else {
+        col_m = py::check(PyUnicode_FromFormat("%s_m", p.c_str()));
+        col_f = py::check(PyUnicode_FromFormat("%s_f", p.c_str()));
+        col_u = py::check(PyUnicode_FromFormat("%s_u", p.c_str()));
+    }
+    py::ref data = source_attr(t, n.data.get());
+    py::ref columns = py::check(PyObject_GetAttr(data.get(), n.columns.get()));
+    py::ref name = table_name(t);
+    if (!has_column(columns.get(), col_m.get()) || !has_column(columns.get(), col_f.get())) {
+        py::raise(PyExc_ValueError,
+                  "Cannot generate unisex rates: table '%S' is missing required columns '%S' and/or '%S'", name.get(),
+                  col_m.get(), col_f.get());
+    }
+    const int d = decimals_for_decrement(t);
+    std::vector<double> qm, qf;
+    if (!source_flag(t, n.generational.get())) {
+        qm = rounded_column(data.get(), col_m.get(), d, n);
+        qf = rounded_column(data.get(), col_f.get(), d, n);
+    } else {
+        py::ref mi_m = get_mi_col(t, n.m.get(), t->duration.get());
+        py::ref mi_f = get_mi_col(t, n.f.get(), t->duration.get());
+        if (!has_column(columns.get(), mi_m.get()) || !has_column(columns.get(), mi_f.get())) {
+            py::raise(PyExc_ValueError,
+                      "Cannot generate unisex rates for generational table '%S': missing '%S' and/or '%S'", name.get(),
+                      mi_m.get(), mi_f.get());
+        }
+        if (t->cohort.is_none()) {
+            py::raise(PyExc_ValueError, "Cohort must be set before generating unisex rates for generational tables.");
+        }
+        if (source_attr(t, n.base_year.get()).is_none()) {
+            py::raise(PyExc_ValueError, "base_year metadata missing in table '%S'.", name.get());
+        }
+        py::ref formula = source_attr(t, n.generational_formula_type.get());
+        if (formula.is_none()) {
+            py::raise(PyExc_ValueError, "generational_formula_type metadata missing in table '%S'.", name.get());
+        }
+        PyObject* function = PyDict_GetItemWithError(st->formula_map, formula.get());
+        if (function == nullptr && PyErr_Occurred()) py::throw_error_set();
+        if (function == nullptr && !str_equals(formula.get(), "projected_improvement")) {
+            py::raise(PyExc_ValueError, "Unknown generational_formula_type '%S' in table '%S'", formula.get(), name.get());
+        }
+        qm = projected_rates(t, "m", formula.get(), d);
+        qf = projected_rates(t, "f", formula.get(), d);
+    }
+    if (qm.size() != qf.size()) py::raise(PyExc_ValueError, "male and female rates differ in length");
+    py::ref u = py::new_f64(static_cast<npy_intp>(qm.size()));
+    double* out = py::f64_data(u.get());
+    for (std::size_t i = 0; i < qm.size(); ++i) {
+        const double v = w * qm[i] + (1.0 - w) * qf[i];
+        out[i] = v < 0.0 ? 0.0 : (v > 1.0 ? 1.0 : v);
+    }
+    // Everything is computed: from here on only the table's own copy of the source changes.
+    py::ref series = py::check(PyObject_CallFunctionObjArgs(st->polars_series, col_u.get(), u.get(), nullptr));
+    py::ref new_data = py::check(PyObject_CallMethodOneArg(data.get(), n.with_columns.get(), series.get()));
+    py::ref sexes = source_attr(t, n.valid_sexes.get());
+    py::ref new_sexes;
+    if (py::require(PySequence_Contains(sexes.get(), n.u.get())) == 0) {
+        new_sexes = py::check(PySequence_List(sexes.get()));
+        py::require(PyList_Append(new_sexes.get(), n.u.get()));
+        py::require(PyList_Sort(new_sexes.get()));
+    }
+    if (!t->table_is_private_copy) {
+        t->table = py::check(PyObject_CallOneArg(st->shallow_copy, t->table.get()));
+        t->table_is_private_copy = true;
+    }
+    py::require(PyObject_SetAttr(t->table.get(), n.data_field.get(), new_data.get()));
+    if (new_sexes) py::require(PyObject_SetAttr(t->table.get(), n.valid_sexes_field.get(), new_sexes.get()));
+}
+
+namespace {
+
+PyObject* Table_generate_unisex(PyObject* self, PyObject* blend) {
+    return py::guard([&]() -> PyObject* {
+        generate_unisex(as_table(self), blend);
+        Py_RETURN_NONE;
+    });
+}
+
+}  // namespace
+
+PyMethodDef unisex_methods[] = {
+    {"_generate_unisex_decrement", Table_generate_unisex, METH_O,
+     "_generate_unisex_decrement(unisex_blend)\n--\n\n"
+     "Blend the male and female rates with the male weight into the unisex column of a private copy of "
+     "the source."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+}  // namespace veltrane::decrement

@@ -1,0 +1,36 @@
+"""Veltrane: actuarial decrement tables (life, disability and exit) with a C++ core.
+
+The table classes are imported on first use, so that light modules (configuration,
+table files) load without the compiled extension.
+"""
+
+from __future__ import annotations
+
+from typing import TYPE_CHECKING, Any
+
+from veltrane.base import PaymentFrequencyLiteral, TableKey
+from veltrane.config import Config
+
+if TYPE_CHECKING:
+    from veltrane.tables import DecrementTable, DisabilityTable, ExitTable, LifeTable
+
+__all__ = [
+    "Config",
+    "DecrementTable",
+    "DisabilityTable",
+    "ExitTable",
+    "LifeTable",
+    "PaymentFrequencyLiteral",
+    "TableKey",
+]
+__version__ = "0.1.0"
+
+_TABLE_EXPORTS = frozenset({"DecrementTable", "DisabilityTable", "ExitTable", "LifeTable"})
+
+
+def __getattr__(name: str) -> Any:
+    if name in _TABLE_EXPORTS:
+        from veltrane import tables
+
+        return getattr(tables, name)
+    raise AttributeError(f"module 'veltrane' has no attribute {name!r}")

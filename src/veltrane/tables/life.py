@@ -1,0 +1,74 @@
+"""Life tables: one-year mortality rates q by age."""
+
+from __future__ import annotations
+
+import math
+from numbers import Real
+from typing import ClassVar
+
+from veltrane.tables.typed import TypedTable
+
+__all__ = ["LifeTable"]
+
+
+def _check_interest_rate(value: object) -> float | None:
+    if value is None:
+        return None
+    if isinstance(value, bool) or not isinstance(value, Real):
+        raise TypeError(f"interest_rate must be a real number, got {type(value).__name__}")
+    rate = float(value)
+    if not math.isfinite(rate) or rate <= -1.0:
+        raise ValueError(f"interest_rate must be a finite number > -1, got {value!r}")
+    return rate
+
+
+class LifeTable(TypedTable):
+    """A life table: mortality rates ``qx`` from a table file of type "life".
+
+    Parameters
+    ----------
+    table_name, sex, cohort, unisex_blend, duration, pending
+        As for :class:`~veltrane.tables.decrement.DecrementTable`.
+    interest_rate : float, optional
+        Annual effective interest rate carried with the table for valuation code (> -1).
+
+    Examples
+    --------
+    >>> from veltrane import LifeTable
+    >>> LifeTable("SULT", "u").table_type
+    'life'
+    """
+
+    __slots__ = ("_interest_rate",)
+    _TABLE_TYPE: ClassVar[str] = "life"
+
+    def __init__(
+        self,
+        table_name: str,
+        sex: str | None = None,
+        cohort: int | None = None,
+        unisex_blend: float | None = None,
+        duration: int | str | None = None,
+        cartesian: bool = False,
+        return_dict: bool = False,
+        pending: bool = False,
+        interest_rate: float | None = None,
+    ) -> None:
+        if self._initialized:
+            return
+        rate = _check_interest_rate(interest_rate)
+        super().__init__(table_name, sex, cohort, unisex_blend, duration, cartesian, return_dict, pending)
+        self._interest_rate = rate
+
+    @property
+    def table_type(self) -> str:
+        """Always "life"."""
+        return "life"
+
+    @property
+    def interest_rate(self) -> float | None:
+        """The annual effective interest rate given at construction, or None."""
+        try:
+            return self._interest_rate
+        except AttributeError:
+            return None

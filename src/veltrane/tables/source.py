@@ -1,0 +1,469 @@
+"""Table sources: the checked metadata and columns of one decrement table, found by name and shared.
+
+A table is a pair of files in a tables directory, ``NAME.toml`` (metadata) and ``NAME.csv``
+(columns); ``docs/table-files.md`` describes the format. ``TableSource(name)`` searches the
+directories of ``Config().tables_path`` in order and then the bundled tables, and returns one
+shared object per name and search path.
+
+Examples
+--------
+>>> from veltrane.tables.source import TableSource
+>>> sult = TableSource("SULT")
+>>> sult is TableSource("SULT"), sult.table_type, sult.start_age, sult.w
+(True, 'life', 20, 120)
+"""
+
+from __future__ import annotations
+
+import copy
+import io
+import os
+import tomllib
+from collections.abc import Callable, Iterable, Mapping
+from pathlib import Path
+from typing import Any, Final
+
+import polars as pl
+
+from veltrane import config as _config
+from veltrane.tables import _table_format as fmt
+
+__all__ = ["BUNDLED_TABLES_DIR", "TableSource", "write_table"]
+
+#: Directory of the tables shipped with the package; searched after ``Config().tables_path``.
+BUNDLED_TABLES_DIR: Final = Path(__file__).parent / "data"
+
+# (table name, search path) -> source. Keyed by the path tuple itself, so a changed
+# ``tables_path`` misses at once without any file-system call on the hot path.
+_cache: dict[tuple[str, tuple[Path, ...]], TableSource] = {}
+
+_SLOTS: Final = (
+    "_table_name",
+    "_file_name",
+    "_file_path",
+    "_data",
+    "_valid_sexes",
+    "_meta",
+    "_metadata",
+    "_w",
+)
+
+
+class TableSource:
+    """The metadata and columns of one decrement table.
+
+    ``TableSource(name)`` returns the shared, cached source of the table ``name`` (bare file name,
+    no extension): the same object for as long as the name and ``Config().tables_path`` stay the
+    same, until ``TableSource.clear_cache()``, ``Config().reset()`` or ``write_table`` of that name.
+
+    Parameters
+    ----------
+    table_name : str
+        Name of the table: the stem shared by ``NAME.toml`` and ``NAME.csv``.
+
+    Raises
+    ------
+    FileNotFoundError
+        No directory holds the table; the message lists every directory searched.
+    ValueError
+        The files break the format; the message names the file, the column (or metadata key)
+        and the row (age and line number).
+
+    Notes
+    -----
+    Sources are shared between tables, so treat them as read-only. A table that needs different
+    columns takes ``copy.copy(source)`` (a new object sharing the frame) and replaces ``_data`` or
+    ``_valid_sexes`` on its copy. ``copy.deepcopy`` clones the frame as well. Sources pickle with
+    their data.
+    """
+
+    __slots__ = (*_SLOTS, "__weakref__")
+
+    _table_name: str
+    _file_name: str
+    _file_path: Path | None
+    _data: pl.DataFrame
+    _valid_sexes: list[str]
+    _meta: fmt.TableMeta
+    _metadata: dict[str, Any]
+    _w: int
+
+    def __new__(cls, table_name: str) -> TableSource:
+        key = (table_name, _config.Config().tables_path)
+        try:
+            return _cache[key]
+        except KeyError:
+            pass
+        return _cache.setdefault(key, _load(table_name, key[1]))
+
+    def __init__(self, table_name: str) -> None:
+        # Everything happens in __new__; a cached source must come back untouched.
+        pass
+
+    # -- construction --------------------------------------------------------------------------
+    @classmethod
+    def from_frame(
+        cls,
+        name: str,
+        metadata: Mapping[str, Any],
+        data: pl.DataFrame,
+        file_path: str | os.PathLike[str] | None = None,
+    ) -> TableSource:
+        """Check and build a source from parsed pieces (not cached, not found by name).
+
+        Parameters
+        ----------
+        name : str
+            Table name, returned as ``table_name`` and ``file_name``.
+        metadata : mapping
+            The metadata, shaped as the TOML file (top-level keys, ``generational``, ``select``
+            and ``source`` sub-mappings).
+        data : polars.DataFrame
+            Column ``age`` and the rate and improvement columns. Numeric columns are taken as
+            they are; text columns are parsed cell by cell.
+        file_path : path-like, optional
+            File the pieces came from, used in messages and as ``file_path``.
+
+        Returns
+        -------
+        TableSource
+
+        Raises
+        ------
+        ValueError
+            The pieces break the format (the message names the column and row).
+        """
+        if not isinstance(data, pl.DataFrame):
+            raise TypeError(f"data must be a polars DataFrame, got {type(data).__name__}")
+        path = None if file_path is None else Path(file_path)
+        where = str(path) if path is not None else f"table {name!r}"
+        return cls._build(_check_name(name), metadata, data, path, where, where, lambda i: f"row {i + 1}")
+
+    @classmethod
+    def _build(
+        cls,
+        name: str,
+        metadata: Mapping[str, Any],
+        data: pl.DataFrame,
+        file_path: Path | None,
+        meta_where: str,
+        data_where: str,
+        row_name: Callable[[int], str],
+    ) -> TableSource:
+        meta = fmt.parse_metadata(metadata, meta_where)
+        valid_sexes = fmt.check_columns(data.columns, meta, data_where)
+        frame = fmt.convert_frame(data, data_where, row_name)
+        w = frame.height - 1
+        for key, value in (("start_age", meta.start_age), ("omega", meta.omega)):
+            if value is not None and value > w:
+                raise fmt.TableFormatError(
+                    f"{meta_where}: key {key!r}: {value} lies beyond the last age {w} of {data_where}"
+                )
+        fmt.check_start_age(frame, meta.start_age, data_where, row_name)
+        self = object.__new__(cls)
+        self._table_name = name
+        self._file_name = name
+        self._file_path = file_path
+        self._data = frame
+        self._valid_sexes = valid_sexes
+        self._meta = meta
+        self._metadata = copy.deepcopy(dict(metadata))
+        self._w = w
+        return self
+
+    @staticmethod
+    def clear_cache() -> None:
+        """Forget every loaded source, so the next ``TableSource(name)`` reads the files again."""
+        _cache.clear()
+
+    # -- identity and shape -----------------------------------------------------------------------
+    @property
+    def table_name(self) -> str:
+        """Name of the table."""
+        return self._table_name
+
+    @property
+    def file_name(self) -> str:
+        """Name the files were found under (their stem): ``TableSource(file_name)`` finds them again."""
+        return self._file_name
+
+    @property
+    def file_path(self) -> Path | None:
+        """Path of the metadata file ``NAME.toml`` (the columns are beside it in ``NAME.csv``).
+
+        For a source built by ``from_frame``, the path given there, or None.
+        """
+        return self._file_path
+
+    @property
+    def table_type(self) -> str:
+        """ "life", "disability" or "exit"."""
+        return self._meta.table_type
+
+    @property
+    def data(self) -> pl.DataFrame:
+        """The columns: ``age`` (Int64, 0..w) and the rate and improvement columns (Float64)."""
+        return self._data
+
+    @property
+    def valid_sexes(self) -> list[str]:
+        """Sexes of the table (the list itself, not a copy).
+
+        The metadata's ``sexes`` when given, else the sexes having rate columns, in file order.
+        Whether each of them has its columns is checked by the table classes when a sex is used.
+        """
+        return self._valid_sexes
+
+    @property
+    def w(self) -> int:
+        """Terminal age: the age of the last row."""
+        return self._w
+
+    @property
+    def omega(self) -> int:
+        """Limiting age (metadata ``omega``, default ``w``)."""
+        return self._w if self._meta.omega is None else self._meta.omega
+
+    @property
+    def start_age(self) -> int:
+        """First age with meaningful rates; all rates below it are 0."""
+        return self._meta.start_age
+
+    @property
+    def description(self) -> str:
+        """Free text from the metadata ("" when absent)."""
+        return self._meta.description
+
+    @property
+    def sex_independent(self) -> bool:
+        """Whether the rates do not depend on sex (default: the sexes are just "u")."""
+        if self._meta.sex_independent is not None:
+            return self._meta.sex_independent
+        return self._valid_sexes == ["u"]
+
+    @property
+    def metadata(self) -> dict[str, Any]:
+        """The metadata as parsed (without defaults filled in); a fresh deep copy on every call."""
+        return copy.deepcopy(self._metadata)
+
+    # -- generational -----------------------------------------------------------------------------
+    @property
+    def generational(self) -> bool:
+        """Whether rates improve by calendar year (the metadata has a ``[generational]`` table)."""
+        return self._meta.generational is not None
+
+    @property
+    def generational_formula_type(self) -> str | None:
+        """Name of the improvement formula (e.g. "exponential", "compound"), or None."""
+        gen = self._meta.generational
+        return None if gen is None else gen.formula_type
+
+    @property
+    def base_year(self) -> int | None:
+        """Calendar year of the base rates of a generational table, or None."""
+        gen = self._meta.generational
+        return None if gen is None else gen.base_year
+
+    @property
+    def mi_structure(self) -> str | None:
+        """Layout of the improvement columns: "flat", "year_indexed" or "select_period"."""
+        gen = self._meta.generational
+        return None if gen is None else gen.mi_structure
+
+    @property
+    def grid_years(self) -> list[int] | None:
+        """Ascending calendar years of the year-indexed improvement columns (a fresh list)."""
+        gen = self._meta.generational
+        return None if gen is None or gen.grid_years is None else list(gen.grid_years)
+
+    @property
+    def mi_by_duration(self) -> bool:
+        """Whether improvement depends on the select duration (``mi_structure == "select_period"``)."""
+        return self.mi_structure == "select_period"
+
+    # -- select -----------------------------------------------------------------------------------
+    @property
+    def select(self) -> bool:
+        """Whether the table is select-and-ultimate (the metadata has a ``[select]`` table)."""
+        return self._meta.select is not None
+
+    @property
+    def select_period(self) -> int | None:
+        """Number of select durations before the ultimate column applies."""
+        sel = self._meta.select
+        return None if sel is None else sel.period
+
+    @property
+    def start_duration(self) -> int | None:
+        """Duration of the first select column (default 1)."""
+        sel = self._meta.select
+        return None if sel is None else sel.start_duration
+
+    @property
+    def select_improvement_diagonal(self) -> str | None:
+        """How improvement follows the select diagonal (``select.improvement_diagonal``), or None."""
+        sel = self._meta.select
+        return None if sel is None else sel.improvement_diagonal
+
+    # -- presentation -----------------------------------------------------------------------------
+    def _taxonomy_lines(self) -> list[str]:
+        sexes = ", ".join(self._valid_sexes) or "none"
+        independent = " (sex-independent)" if self.sex_independent else ""
+        lines = [f"Type: {self.table_type} table, sexes {sexes}{independent}"]
+        parts = []
+        if (sel := self._meta.select) is not None:
+            last = sel.start_duration + sel.period - 1
+            parts.append(
+                f"select-and-ultimate, select period {sel.period} (durations {sel.start_duration}-{last})"
+            )
+        if (gen := self._meta.generational) is not None:
+            structure = gen.mi_structure.replace("_", "-")
+            if gen.grid_years is not None:
+                structure += f" {gen.grid_years[0]}-{gen.grid_years[-1]}"
+            formula = f"{gen.formula_type} formula, " if gen.formula_type else ""
+            base = f", base year {gen.base_year}" if gen.base_year is not None else ""
+            parts.append(f"generational, {formula}{structure} improvement{base}")
+        lines.append("Structure: " + ("; ".join(parts) or "period"))
+        below = f" (rates 0 below {self.start_age})" if self.start_age else ""
+        lines.append(f"Ages: {self.start_age}-{self._w}{below}, omega {self.omega}")
+        src = self._meta.source
+        cited = [str(src[k]) for k in ("name", "authority", "year") if k in src]
+        if cited:
+            lines.append("Source: " + ", ".join(cited))
+        return lines
+
+    def __repr__(self) -> str:
+        return (
+            f"<TableSource {self._table_name!r}: {self.table_type}, sexes {self._valid_sexes}, "
+            f"ages 0-{self._w}, {self._data.width - 1} rate/improvement columns>"
+        )
+
+    # -- copies -----------------------------------------------------------------------------------
+    def __copy__(self) -> TableSource:
+        new = object.__new__(type(self))
+        for slot in _SLOTS:
+            object.__setattr__(new, slot, getattr(self, slot))
+        new._valid_sexes = list(self._valid_sexes)  # cheap, and spares the shared source in-place edits
+        return new
+
+    def __deepcopy__(self, memo: dict[int, Any]) -> TableSource:
+        new = self.__copy__()
+        memo[id(self)] = new
+        new._data = self._data.clone()
+        new._meta = copy.deepcopy(self._meta, memo)
+        new._metadata = copy.deepcopy(self._metadata, memo)
+        return new
+
+    def __reduce__(self) -> tuple[Callable[..., TableSource], tuple[Any, ...]]:
+        return _restore, (type(self), tuple(getattr(self, slot) for slot in _SLOTS))
+
+
+def _restore(cls: type[TableSource], state: tuple[Any, ...]) -> TableSource:
+    new = object.__new__(cls)
+    for slot, value in zip(_SLOTS, state, strict=True):
+        object.__setattr__(new, slot, value)
+    return new
+
+
+def _clear_on_reset() -> None:
+    _cache.clear()
+
+
+_config._reset_callbacks.append(_clear_on_reset)
+
+
+# -- files ------------------------------------------------------------------------------------------
+def _check_name(name: object) -> str:
+    if not isinstance(name, str):
+        raise TypeError(f"table name must be a str, got {type(name).__name__}")
+    if not name or name in (".", "..") or any(sep and sep in name for sep in ("/", os.sep, os.altsep)):
+        raise ValueError(f"table name must be a bare file name (no directory), got {name!r}")
+    return name
+
+
+def _load(name: str, tables_path: tuple[Path, ...]) -> TableSource:
+    _check_name(name)
+    searched = (*tables_path, BUNDLED_TABLES_DIR)
+    for directory in searched:
+        toml_path, csv_path = directory / f"{name}.toml", directory / f"{name}.csv"
+        has_toml, has_csv = toml_path.is_file(), csv_path.is_file()
+        if has_toml and has_csv:
+            return _read(name, toml_path, csv_path)
+        if has_toml or has_csv:
+            missing, found = (csv_path, toml_path) if has_toml else (toml_path, csv_path)
+            raise FileNotFoundError(f"table {name!r}: {missing} is missing (found {found.name} beside it)")
+    hint = " (give the bare name, without extension)" if name.endswith((".toml", ".csv")) else ""
+    dirs = ", ".join(str(d) for d in searched)
+    raise FileNotFoundError(f"table {name!r} not found{hint}; searched for {name}.toml/{name}.csv in: {dirs}")
+
+
+def _read(name: str, toml_path: Path, csv_path: Path) -> TableSource:
+    with toml_path.open(encoding="utf-8-sig") as handle:  # -sig: editors on some systems write a BOM
+        toml_text = handle.read()
+    with csv_path.open(encoding="utf-8-sig", newline="") as handle:
+        return _parse(name, toml_text, handle, toml_path, csv_path)
+
+
+def _parse(
+    name: str, toml_text: str, csv_lines: Iterable[str], toml_path: Path, csv_path: Path
+) -> TableSource:
+    try:
+        metadata = tomllib.loads(toml_text)
+    except tomllib.TOMLDecodeError as exc:
+        raise fmt.TableFormatError(f"{toml_path}: invalid TOML: {exc}") from exc
+    cells, lines = fmt.read_csv_cells(csv_lines, str(csv_path))
+    return TableSource._build(
+        name, metadata, cells, toml_path, str(toml_path), str(csv_path), lambda i: f"line {lines[i]}"
+    )
+
+
+def write_table(
+    directory: str | os.PathLike[str],
+    name: str,
+    metadata: Mapping[str, Any],
+    columns: Mapping[str, Iterable[object]],
+    *,
+    validate: bool = True,
+) -> Path:
+    """Write a table as ``NAME.toml`` and ``NAME.csv`` in ``directory`` (created if missing).
+
+    Floats are written in their shortest exact form, so reading the files back gives the same
+    doubles. Cached sources of that name are dropped, so the next ``TableSource(name)`` reads the
+    new files.
+
+    Parameters
+    ----------
+    directory : path-like
+        Tables directory.
+    name : str
+        Table name (stem of both files).
+    metadata : mapping
+        The metadata, shaped as the TOML file.
+    columns : mapping of str to sequence
+        Columns in file order, ``age`` included; all of the same length. ``None`` writes an empty cell.
+    validate : bool, default True
+        Check the pair as ``TableSource`` would read it and write nothing if it breaks the format.
+        Pass False to write deliberately malformed files.
+
+    Returns
+    -------
+    Path
+        Path of the written ``NAME.toml``.
+
+    Raises
+    ------
+    ValueError
+        ``validate`` is set and the table breaks the format, or the columns differ in length.
+    """
+    folder = Path(directory)
+    _check_name(name)
+    toml_path, csv_path = folder / f"{name}.toml", folder / f"{name}.csv"
+    toml_text, csv_text = fmt.toml_text(metadata), fmt.csv_text(columns)
+    if validate:
+        _parse(name, toml_text, io.StringIO(csv_text, newline=""), toml_path, csv_path)
+    folder.mkdir(parents=True, exist_ok=True)
+    toml_path.write_text(toml_text, encoding="utf-8")
+    csv_path.write_text(csv_text, encoding="utf-8", newline="")
+    for key in [k for k in _cache if k[0] == name]:
+        _cache.pop(key, None)
+    return toml_path

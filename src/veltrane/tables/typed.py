@@ -1,0 +1,39 @@
+"""The common construction of the concrete table classes (life, disability, exit)."""
+
+from __future__ import annotations
+
+from typing import ClassVar
+
+from veltrane.tables.decrement import DecrementTable
+
+
+class TypedTable(DecrementTable):
+    """A decrement table of one fixed kind: checks that the table file is of that kind.
+
+    Concrete subclasses set ``_TABLE_TYPE`` and implement ``table_type``.
+    """
+
+    __slots__ = ()
+    _TABLE_TYPE: ClassVar[str]
+
+    def __init__(
+        self,
+        table_name: str,
+        sex: str | None = None,
+        cohort: int | None = None,
+        unisex_blend: float | None = None,
+        duration: int | str | None = None,
+        cartesian: bool = False,
+        return_dict: bool = False,
+        pending: bool = False,
+    ) -> None:
+        DecrementTable.__init__(
+            self,
+            table_name,
+            sex,
+            cohort,
+            expected_table_type=self._TABLE_TYPE,
+            unisex_blend=unisex_blend,
+            duration=duration,
+            pending=pending,
+        )

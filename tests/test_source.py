@@ -1,0 +1,339 @@
+"""Table files: loading each structure, rejecting malformed files, search order, sharing and copies."""
+
+from __future__ import annotations
+
+import copy
+import math
+import pickle
+import time
+from pathlib import Path
+
+import numpy as np
+import polars as pl
+import pytest
+
+from veltrane.config import Config
+from veltrane.tables.source import BUNDLED_TABLES_DIR, TableSource, write_table
+
+LIFE_M = 'table_type = "life"\nsexes = ["m"]\n'
+GEN_M = LIFE_M + '[generational]\nformula_type = "exponential"\nbase_year = 2000\n'
+YEARS_M = GEN_M + 'mi_structure = "year_indexed"\ngrid_years = [2015, 2016]\n'
+SELECT_M = LIFE_M + "[select]\nperiod = 2\n"
+TWO_AGES = "age,qx_m\n0,0.1\n1,0.2\n"
+
+
+@pytest.fixture
+def tables_dir(tmp_path: Path):
+    with Config().override(tables_path=[tmp_path]):
+        yield tmp_path
+    TableSource.clear_cache()
+
+
+def _pair(directory: Path, name: str, toml: str, csv: str) -> None:
+    (directory / f"{name}.toml").write_text(toml, encoding="utf-8")
+    (directory / f"{name}.csv").write_text(csv, encoding="utf-8")
+
+
+@pytest.mark.parametrize(
+    ("metadata", "columns", "expected"),
+    [
+        pytest.param(
+            {"table_type": "life", "start_age": 2},
+            {"age": range(5), "qx_f": [0, 0, 0.1 + 0.2, 5e-324, 1], "qx_m": [0, 0, 0.5, 0.7, 1.0]},
+            {
+                "valid_sexes": ["f", "m"],
+                "w": 4,
+                "omega": 4,
+                "start_age": 2,
+                "sex_independent": False,
+                "generational": False,
+                "select": False,
+            },
+            id="period",
+        ),
+        pytest.param(
+            {
+                "table_type": "disability",
+                "omega": 2,
+                "generational": {"formula_type": "compound", "base_year": 2012},
+            },
+            {"age": range(4), "ix_m": [0.1] * 4, "mi_m": [0.01, -0.02, 0, 0]},
+            {
+                "valid_sexes": ["m"],
+                "w": 3,
+                "omega": 2,
+                "generational_formula_type": "compound",
+                "base_year": 2012,
+                "mi_structure": "flat",
+                "grid_years": None,
+                "mi_by_duration": False,
+            },
+            id="generational-flat",
+        ),
+        pytest.param(
+            {
+                "table_type": "life",
+                "generational": {
+                    "formula_type": "projected_improvement",
+                    "base_year": 2014,
+                    "mi_structure": "year_indexed",
+                    "grid_years": [2015, 2016],
+                },
+            },
+            {"age": range(2), "qx_f": [0.1, 1], "mi_f_2015": [0.01, 0], "mi_f_2016": [0.02, 0]},
+            {"mi_structure": "year_indexed", "grid_years": [2015, 2016], "sex_independent": False},
+            id="generational-year-indexed",
+        ),
+        pytest.param(
+            {
+                "table_type": "exit",
+                "select": {"period": 2, "start_duration": 0},
+                "source": {"name": "X", "year": 1999},
+            },
+            {"age": range(2), "ox_u_s0": [0.3, 0.2], "ox_u_s1": [0.2, 0.1], "ox_u_ult": [0.1, 0.1]},
+            {
+                "valid_sexes": ["u"],
+                "sex_independent": True,
+                "select": True,
+                "select_period": 2,
+                "start_duration": 0,
+            },
+            id="select",
+        ),
+        pytest.param(
+            {
+                "table_type": "life",
+                "sexes": ["m"],
+                "generational": {
+                    "formula_type": "exponential",
+                    "base_year": 2015,
+                    "mi_structure": "select_period",
+                },
+                "select": {"period": 1, "improvement_diagonal": "issue"},
+            },
+            {
+                "age": range(2),
+                "qx_m_s1": [0.1, 0.2],
+                "qx_m_ult": [0.2, 0.3],
+                "mi_m_s1": [0.01, 0.01],
+                "mi_m_ult": [0.02, 0.02],
+            },
+            {
+                "mi_by_duration": True,
+                "select_period": 1,
+                "start_duration": 1,
+                "select_improvement_diagonal": "issue",
+            },
+            id="select-generational",
+        ),
+    ],
+)
+def test_structures_load(tables_dir, metadata, columns, expected):
+    toml_path = write_table(tables_dir, "T", metadata, columns)
+    src = TableSource("T")
+    assert {key: getattr(src, key) for key in expected} == expected
+    assert (src.file_name, src.file_path, src.metadata) == ("T", toml_path, metadata)
+    assert src.data.columns == list(columns)
+    assert len(src._taxonomy_lines()) >= 3
+    for name, values in columns.items():  # every double comes back bit for bit
+        assert src.data[name].to_list() == [float(v) if name != "age" else v for v in values]
+
+
+@pytest.mark.parametrize(
+    ("toml", "csv", "column", "row"),
+    [
+        (LIFE_M, "age,qx_m\n0,0.1\n2,0.1\n", "age", "line 3"),
+        (LIFE_M, "age,qx_m\n0,0.1\n1,0.1\n1,0.1\n", "age", "line 4"),
+        (LIFE_M, "age,qx_m\n1,0.1\n", "age", "line 2"),
+        (LIFE_M, "age,qx_m\n0,0.1\n1.5,0.1\n", "age", "line 3"),
+        (LIFE_M, "age,qx_m\n0,0.1\n1,abc\n", "qx_m", "age 1 (line 3)"),
+        (LIFE_M, "age,qx_m\n0,0.1\n\n1,\n", "qx_m", "age 1 (line 4)"),
+        (LIFE_M, "age,qx_m\n0,0.1\n1,1.5\n", "qx_m", "age 1 (line 3)"),
+        (LIFE_M, "age,qx_m\n0,-0.1\n", "qx_m", "age 0 (line 2)"),
+        (LIFE_M, "age,qx_m\n0,nan\n", "qx_m", "age 0 (line 2)"),
+        ('table_type = "life"\nsexes = ["m", "f"]\n', "age,qx_m,qx_f\n0,0.1\n", "qx_f", "line 2"),
+        (LIFE_M + "start_age = 1\n", TWO_AGES, "qx_m", "age 0 (line 2)"),
+        (GEN_M, "age,qx_m,mi_m\n0,0.1,0.01\n1,0.1,inf\n", "mi_m", "age 1 (line 3)"),
+        (LIFE_M, "age,qx_male\n0,0.1\n", "qx_male", "line 1"),
+        (LIFE_M, "age,qx_m,qx_f\n0,0.1,0.1\n", "qx_f", "line 1"),
+        (LIFE_M, "age,ix_m\n0,0.1\n", "ix_m", "line 1"),
+        (LIFE_M, "age,qx_m,qx_m\n0,0.1,0.1\n", "qx_m", "line 1"),
+        (LIFE_M, "age,qx_m_s1\n0,0.1\n", "qx_m_s1", "line 1"),
+        (LIFE_M, "age,qx_m,mi_m\n0,0.1,0.01\n", "mi_m", "line 1"),
+        ('table_type = "life"\nsex_independent = true\n', "age,qx_m\n0,0.1\n", "qx_m", "line 1"),
+        (SELECT_M, "age,qx_m\n0,0.1\n", "qx_m", "line 1"),
+        (SELECT_M, "age,qx_m_s3\n0,0.1\n", "qx_m_s3", "line 1"),
+        (SELECT_M, "age,qx_m_s01\n0,0.1\n", "qx_m_s01", "line 1"),
+        (GEN_M, "age,qx_m,mi_u\n0,0.1,0.01\n", "mi_u", "line 1"),
+        (GEN_M, "age,qx_m,mi_m_2015\n0,0.1,0.01\n", "mi_m_2015", "line 1"),
+        (YEARS_M, "age,qx_m,mi_m_2017\n0,0.1,0.01\n", "mi_m_2017", "line 1"),
+        (YEARS_M, "age,qx_m,mi_m\n0,0.1,0.01\n", "mi_m", "line 1"),
+    ],
+)
+def test_malformed_columns_name_file_column_and_row(tables_dir, toml, csv, column, row):
+    _pair(tables_dir, "BAD", toml, csv)
+    with pytest.raises(ValueError) as info:
+        TableSource("BAD")
+    message = str(info.value)
+    assert str(tables_dir / "BAD.csv") in message
+    assert f"column {column!r}" in message
+    assert row in message
+
+
+@pytest.mark.parametrize(
+    ("toml", "key"),
+    [
+        (LIFE_M + 'colour = "red"\n', "'colour'"),
+        (SELECT_M + "length = 3\n", "'select.length'"),
+        (LIFE_M + 'omega = "1"\n', "'omega'"),
+        (LIFE_M + "start_age = true\n", "'start_age'"),
+        (LIFE_M + "omega = 1.0\n", "'omega'"),
+        (LIFE_M + "omega = 2\n", "'omega'"),
+        (LIFE_M + "start_age = 3\n", "'start_age'"),
+        (LIFE_M + "format_version = 2\n", "'format_version'"),
+        ('sexes = ["m"]\n', "'table_type'"),
+        ('table_type = "death"\n', "'table_type'"),
+        ('table_type = "life"\nsexes = ["x"]\n', "'sexes'"),
+        ('table_type = "life"\nsexes = ["m"]\nsex_independent = true\n', "'sex_independent'"),
+        (LIFE_M + "[select]\nperiod = 0\n", "'select.period'"),
+        (LIFE_M + "[select]\nperiod = 1\nimprovement_diagonal = 'issue'\n", "'select.improvement_diagonal'"),
+        (GEN_M + 'mi_structure = "year_indexed"\ngrid_years = [2016, 2015]\n', "'generational.grid_years'"),
+        (GEN_M + 'mi_structure = "flat"\ngrid_years = [2015]\n', "'generational.grid_years'"),
+        (GEN_M + 'mi_structure = "select_period"\n', "'generational.mi_structure'"),
+        (GEN_M + 'mi_structure = "by_age"\n', "'generational.mi_structure'"),
+        (LIFE_M + "[source]\nyear = '1999'\n", "'source.year'"),
+        (LIFE_M + "omega = \n", "invalid TOML"),
+    ],
+)
+def test_malformed_metadata_names_file_and_key(tables_dir, toml, key):
+    _pair(tables_dir, "BAD", toml, TWO_AGES)
+    with pytest.raises(ValueError) as info:
+        TableSource("BAD")
+    assert str(tables_dir / "BAD.toml") in str(info.value)
+    assert key in str(info.value)
+
+
+@pytest.mark.parametrize(
+    ("toml", "csv", "valid_sexes"),
+    [
+        ('table_type = "life"\nsexes = ["m", "f"]\n', TWO_AGES, ["m", "f"]),
+        (GEN_M, TWO_AGES, ["m"]),
+        (YEARS_M, "age,qx_m,mi_m_2015\n0,0.1,0.01\n", ["m"]),
+        (SELECT_M, "age,qx_m_s1\n0,0.1\n", ["m"]),
+        (
+            LIFE_M + '[generational]\nmi_structure = "year_indexed"\n',
+            "age,qx_m,mi_m_2015\n0,0.1,0.01\n",
+            ["m"],
+        ),
+    ],
+    ids=[
+        "declared-sex-without-rates",
+        "no-improvement",
+        "missing-grid-year",
+        "missing-select-columns",
+        "no-formula",
+    ],
+)
+def test_missing_columns_are_left_to_the_tables(tables_dir, toml, csv, valid_sexes):
+    _pair(tables_dir, "GAPPY", toml, csv)
+    assert TableSource("GAPPY").valid_sexes == valid_sexes
+
+
+def test_write_table_refuses_a_malformed_table_and_writes_nothing(tmp_path):
+    columns = {"age": [0, 1], "qx_m": [0.1, None]}
+    with pytest.raises(ValueError, match=r"column 'qx_m', age 1 \(line 3\): empty cell"):
+        write_table(tmp_path, "T", {"table_type": "life"}, columns)
+    assert list(tmp_path.iterdir()) == []
+    write_table(tmp_path, "T", {"table_type": "life"}, columns, validate=False)
+    assert (tmp_path / "T.csv").read_text() == "age,qx_m\n0,0.1\n1,\n"
+
+
+def test_from_frame_checks_like_the_file_reader():
+    meta = {"table_type": "life"}
+    src = TableSource.from_frame("mem", meta, pl.DataFrame({"age": [0, 1], "qx_u": ["0.5", "1"]}))
+    assert (src.data["qx_u"].to_list(), src.file_path) == ([0.5, 1.0], None)
+    with pytest.raises(ValueError, match=r"table 'mem': column 'qx_u', age 1 \(row 2\): rate 2.0"):
+        TableSource.from_frame("mem", meta, pl.DataFrame({"age": [0, 1], "qx_u": [0.5, 2.0]}))
+
+
+def test_search_order_and_bundled_last(tmp_path):
+    first, second = tmp_path / "a", tmp_path / "b"
+    for directory, rate in ((first, 0.1), (second, 0.2)):
+        directory.mkdir()
+        for name in ("T", "SULT"):
+            write_table(directory, name, {"table_type": "life"}, {"age": [0], "qx_u": [rate]})
+    with Config().override(tables_path=[first, second]):
+        assert TableSource("T").data["qx_u"][0] == 0.1
+        assert TableSource("SULT").file_path == first / "SULT.toml"  # user tables shadow bundled ones
+    with Config().override(tables_path=[second, first]):
+        assert TableSource("T").data["qx_u"][0] == 0.2
+    with Config().override(tables_path=[]):
+        assert TableSource("SULT").file_path == BUNDLED_TABLES_DIR / "SULT.toml"
+
+
+def test_missing_table_lists_every_directory(tables_dir):
+    with pytest.raises(FileNotFoundError) as info:
+        TableSource("NOPE")
+    assert all(str(d) in str(info.value) for d in ("'NOPE'", tables_dir, BUNDLED_TABLES_DIR))
+    (tables_dir / "HALF.toml").write_text(LIFE_M)
+    with pytest.raises(FileNotFoundError, match=r"HALF\.csv"):
+        TableSource("HALF")
+
+
+def test_sources_are_shared_until_the_path_files_or_cache_change(tables_dir, tmp_path):
+    write_table(tables_dir, "T", {"table_type": "life"}, {"age": [0], "qx_u": [0.1]})
+    src = TableSource("T")
+    start = time.perf_counter()
+    for _ in range(2000):
+        assert TableSource("T") is src
+    assert (time.perf_counter() - start) / 2000 < 20e-6  # a hit reads no files
+    other = tmp_path / "other"
+    with Config().override(tables_path=[other, tables_dir]):
+        assert TableSource("T") is not src
+    assert TableSource("T") is src
+    TableSource.clear_cache()
+    assert TableSource("T") is not src
+    src = TableSource("T")
+    write_table(tables_dir, "T", {"table_type": "life"}, {"age": [0], "qx_u": [0.3]})
+    assert TableSource("T").data["qx_u"][0] == 0.3
+    src = TableSource("T")
+    Config().reset()
+    Config().tables_path = [tables_dir]
+    assert TableSource("T") is not src
+
+
+def test_copies_and_pickling():
+    src = TableSource.from_frame("mem", {"table_type": "life"}, pl.DataFrame({"age": [0], "qx_u": [0.5]}))
+    shallow = copy.copy(src)
+    assert shallow is not src and shallow.data is src.data
+    shallow._data = shallow.data.with_columns(qx_u=pl.lit(0.25))
+    shallow._valid_sexes = ["m"]
+    assert (src.data["qx_u"][0], src.valid_sexes) == (0.5, ["u"])
+    deep = copy.deepcopy(shallow)
+    assert deep.data is not shallow.data and deep.data.equals(shallow.data)
+    restored = pickle.loads(pickle.dumps(shallow))
+    assert (restored.data["qx_u"][0], restored.valid_sexes, restored.table_type) == (0.25, ["m"], "life")
+    src.metadata["table_type"] = "exit"
+    assert src.metadata["table_type"] == "life"
+
+
+def test_bundled_tables_follow_their_laws():
+    with Config().override(tables_path=[]):
+        sult, sssm = TableSource("SULT"), TableSource("SSSM")
+    ages = np.arange(121)
+    mu_integral = 0.00022 + 2.7e-6 * 1.124**ages * (1.124 - 1) / math.log(1.124)
+    law = np.where(ages < 20, 0.0, 1.0 - np.exp(-mu_integral))
+    law[120] = 1.0
+    q = sult.data["qx_u"].to_numpy()
+    np.testing.assert_allclose(q, law, rtol=1e-11, atol=0)
+    assert (sult.start_age, sult.omega, sult.w, sult.valid_sexes, sult.sex_independent) == (
+        20,
+        120,
+        120,
+        ["u"],
+        True,
+    )
+    assert (sssm.select_period, sssm.start_duration) == (2, 1)
+    assert sssm.data["qx_u_ult"].to_list() == q.tolist()
+    for column, factor in (("qx_u_s1", 0.81), ("qx_u_s2", 0.9)):
+        assert sssm.data[column].to_list() == [1.0 if x == 1.0 else factor * x for x in q.tolist()]
