@@ -214,6 +214,7 @@ py::ref build_public_class(PyObject* module, ModuleState* st) {
     py::ref threshold = py::check(PyLong_FromLong(kVectorialWarningThreshold));
     py::require(PyDict_SetItemString(ns.get(), "_VECTORIAL_MEMORY_WARNING_THRESHOLD", threshold.get()));
     st->prefix_map = Py_NewRef(prefixes.get());
+    add_function_class_entries(st, ns.get());
 
     PyObject* call[5] = {reinterpret_cast<PyObject*>(st->core_type), abc_base.get(), abcmeta.get(), abstract.get(),
                          ns.get()};

@@ -330,7 +330,8 @@ PyMethodDef* build_methods() {
     defs[n++] = {"copy", Table_copy, METH_NOARGS,
                  "copy()\n--\n\nReturn a deep copy of the table (``copy.deepcopy(self)``)."};
     defs[n++] = {"__reduce__", Table_reduce, METH_NOARGS, nullptr};
-    for (const PyMethodDef* groups : {lifecycle_methods, rates_methods, unisex_methods}) {
+    for (const PyMethodDef* groups :
+         {lifecycle_methods, rates_methods, unisex_methods, function_methods, presentation_methods}) {
         for (const PyMethodDef* p = groups; p->ml_name != nullptr; ++p) defs[n++] = *p;
     }
     defs[n] = {nullptr, nullptr, 0, nullptr};

@@ -26,6 +26,15 @@ void apply_and_rebuild(TableObject* t, PyObject* sex, PyObject* cohort, PyObject
 // rates.cpp
 py::ref select_column(TableObject* t, PyObject* sex, PyObject* dur, std::string_view prefix);
 
+// functions.cpp: lx, px, qx, tpx, tqx, dx and their engines.
+extern PyMethodDef function_methods[];
+// Adds class-level entries (e.g. the interpolation routines and their map) to the
+// namespace from which DecrementTable is made.
+void add_function_class_entries(ModuleState* st, PyObject* ns);
+
+// presentation.cpp: decimals, data views.
+extern PyMethodDef presentation_methods[];
+
 // unisex.cpp
 void generate_unisex(TableObject* t, PyObject* blend);
 int decimals_for_decrement(TableObject* t);
