@@ -362,8 +362,10 @@ void init_table(TableObject* t, InitArgs a) {
         if (len != 1) {
             py::raise(PyExc_TypeError, "cohort in __init__ must be int or None, got sequence of length %zd", len);
         }
+        // Only an integer unwraps to its value: anything else goes on unchanged, so that the
+        // cohort checks refuse it (int() would silently turn [1970.7] into 1970).
         py::ref item = py::check(PySequence_GetItem(a.cohort, 0));
-        cohort_holder = py::check(PyNumber_Long(item.get()));
+        cohort_holder = is_integer_object(item.get()) ? py::check(PyNumber_Index(item.get())) : std::move(item);
         a.cohort = cohort_holder.get();
     }
     if (a.sex == Py_None && !a.pending) {
@@ -416,7 +418,9 @@ void init_table(TableObject* t, InitArgs a) {
     }
     assign_duration(t, a.duration, name.get());
 
-    py::ref unisex_col = column_name(prefix, t->st->names.u.get());
+    // A select table keeps its unisex rates in the select columns: look for the one of the duration.
+    py::ref unisex_col =
+        select ? select_column(t, n.u.get(), t->duration.get(), prefix) : column_name(prefix, n.u.get());
     const bool native_unisex = py::require(PySequence_Contains(columns.get(), unisex_col.get())) == 1;
     check_blend_for_sex(a.unisex_blend, a.sex);
     if (str_equals(a.sex, "u") && !native_unisex && a.unisex_blend == Py_None) {

@@ -49,9 +49,15 @@ bool metadata_complete(TableObject* t) {
     return true;
 }
 
-void ensure_ready(TableObject* t, std::string_view method_name) {
+namespace {
+
+// `stacklevel` counts Python frames only: 1 when a C calculation is the caller (its caller's
+// line is then the current frame), 2 when Python code called _ensure_ready itself.
+void ensure_ready_at(TableObject* t, std::string_view method_name, int stacklevel) {
     const Names& n = t->st->names;
-    if (t->metadata_pending) {
+    // A select table may leave the pending state before all its keys arrived (sex and duration
+    // without the cohort of a generational table): without rates it is refused the same way.
+    if (t->metadata_pending || t->decrement.is_none()) {
         std::vector<std::string> missing;
         if (t->sex.is_none()) missing.emplace_back("sex");
         if (source_flag(t, n.generational.get()) && t->cohort.is_none()) missing.emplace_back("cohort");
@@ -77,11 +83,14 @@ void ensure_ready(TableObject* t, std::string_view method_name) {
             "Table '%S': %ld setters triggered rebuilds between calculations. Use configure() or "
             "batch_update() for a single rebuild.",
             name.get(), t->rebuilds_since_calc));
-        // No Python frame stands for this C method: level 1 is the caller's own line.
-        py::warn_obj(PyExc_UserWarning, message.get(), 1);
+        py::warn_obj(PyExc_UserWarning, message.get(), stacklevel);
     }
     t->rebuilds_since_calc = 0;
 }
+
+}  // namespace
+
+void ensure_ready(TableObject* t, std::string_view method_name) { ensure_ready_at(t, method_name, 1); }
 
 namespace {
 
@@ -403,7 +412,7 @@ PyObject* Table_ensure_ready(PyObject* self, PyObject* const* args, Py_ssize_t n
         }
         if (nargs > 1) py::raise(PyExc_TypeError, "_ensure_ready() takes at most 1 argument");
         std::string name = method == nullptr || method == Py_None ? std::string() : utf8(method);
-        ensure_ready(as_table(self), name);
+        ensure_ready_at(as_table(self), name, 2);
         Py_RETURN_NONE;
     });
 }

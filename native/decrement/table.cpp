@@ -255,10 +255,15 @@ void copy_subclass_state(PyObject* self, PyObject* copy, PyObject* memo, ModuleS
             py::require(set(descr, copy, copied.get()));
         }
     }
-    PyObject** dictptr = _PyObject_GetDictPtr(self);
-    if (dictptr != nullptr && *dictptr != nullptr && PyDict_GET_SIZE(*dictptr) > 0) {
-        py::ref copied = py::check(PyObject_CallFunctionObjArgs(st->deepcopy, *dictptr, memo, nullptr));
-        py::ref target = py::check(PyObject_GenericGetDict(copy, nullptr));
+    py::ref dict = py::ref::steal(PyObject_GetAttrString(self, "__dict__"));
+    if (!dict) {
+        if (!PyErr_ExceptionMatches(PyExc_AttributeError)) py::throw_error_set();
+        PyErr_Clear();
+        return;
+    }
+    if (PyDict_Check(dict.get()) && PyDict_GET_SIZE(dict.get()) > 0) {
+        py::ref copied = py::check(PyObject_CallFunctionObjArgs(st->deepcopy, dict.get(), memo, nullptr));
+        py::ref target = py::check(PyObject_GetAttrString(copy, "__dict__"));
         py::require(PyDict_Update(target.get(), copied.get()));
     }
 }
@@ -329,6 +334,8 @@ PyMethodDef* build_methods() {
                  "__deepcopy__(memo)\n--\n\nA deep copy that keeps the instance id (so it hashes alike)."};
     defs[n++] = {"copy", Table_copy, METH_NOARGS,
                  "copy()\n--\n\nReturn a deep copy of the table (``copy.deepcopy(self)``)."};
+    defs[n++] = {"__copy__", Table_copy, METH_NOARGS,
+                 "__copy__()\n--\n\nA table shares nothing mutable with its copy: the same as copy()."};
     defs[n++] = {"__reduce__", Table_reduce, METH_NOARGS, nullptr};
     for (const PyMethodDef* groups :
          {lifecycle_methods, rates_methods, unisex_methods, function_methods, presentation_methods}) {

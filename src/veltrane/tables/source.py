@@ -36,6 +36,14 @@ BUNDLED_TABLES_DIR: Final = Path(__file__).parent / "data"
 # (table name, search path) -> source. Keyed by the path tuple itself, so a changed
 # ``tables_path`` misses at once without any file-system call on the hot path.
 _cache: dict[tuple[str, tuple[Path, ...]], TableSource] = {}
+#: Run whenever a table name may come to mean other data: the cache is cleared, a table is
+#: written, or a source is (re)loaded. Caches of data derived from sources register here.
+_invalidation_callbacks: list[Callable[[], None]] = []
+
+
+def _invalidate() -> None:
+    for callback in tuple(_invalidation_callbacks):
+        callback()
 
 _SLOTS: Final = (
     "_table_name",
@@ -94,7 +102,9 @@ class TableSource:
             return _cache[key]
         except KeyError:
             pass
-        return _cache.setdefault(key, _load(table_name, key[1]))
+        source = _cache.setdefault(key, _load(table_name, key[1]))
+        _invalidate()
+        return source
 
     def __init__(self, table_name: str) -> None:
         # Everything happens in __new__; a cached source must come back untouched.
@@ -175,6 +185,7 @@ class TableSource:
     def clear_cache() -> None:
         """Forget every loaded source, so the next ``TableSource(name)`` reads the files again."""
         _cache.clear()
+        _invalidate()
 
     # -- identity and shape -----------------------------------------------------------------------
     @property
@@ -466,4 +477,5 @@ def write_table(
     csv_path.write_text(csv_text, encoding="utf-8", newline="")
     for key in [k for k in _cache if k[0] == name]:
         _cache.pop(key, None)
+    _invalidate()
     return toml_path

@@ -1,0 +1,321 @@
+"""Construction: the module surface, every check of __init__ with its exact message, pending shells."""
+
+from __future__ import annotations
+
+import abc
+import collections
+import itertools
+import math
+import re
+
+import numpy as np
+import pytest
+
+from veltrane import config
+from veltrane.config import Config
+from veltrane.tables import DecrementTable, decrement
+from veltrane.tables.base import _current_calendar_year
+from veltrane.tables.disability import DisabilityTable
+from veltrane.tables.exit import ExitTable
+from veltrane.tables.life import LifeTable
+from veltrane.tables.source import TableSource
+
+YEAR = _current_calendar_year()
+
+
+def exactly(exc, message):
+    return pytest.raises(exc, match=f"^{re.escape(message)}$")
+
+
+@pytest.fixture
+def kinds(tables):
+    """One small table of every structure, plus a few files that lack what they promise."""
+    tables.period()
+    tables.period("DIS", sexes=("m",), table_type="disability", prefix="ix")
+    tables.flat()
+    tables.year_indexed()
+    tables.year_indexed("PROJ", formula="projected_improvement")
+    tables.select()
+    tables.select("SEL0", start=0)
+    tables.select("GSEL", generational="compound")
+    tables.select("USEL", sexes=("u",))
+    q = tables.rates()
+    tables.write("MISS", {"table_type": "life", "sexes": ["m", "f", "u"]}, {"qx_m": q})
+    gen = {"formula_type": "compound", "base_year": 2000}
+    meta = {"table_type": "life", "sexes": ["m", "f"], "generational": gen}
+    tables.write("NOMI", meta, {"qx_m": q, "qx_f": q, "mi_m": q})
+    years = {**gen, "mi_structure": "year_indexed", "grid_years": [2000, 2010]}
+    tables.write(
+        "NOYR", meta | {"generational": years}, {"qx_m": q, "qx_f": q, "mi_m_2000": q, "mi_f_2010": q}
+    )
+    by_duration = meta | {"generational": {**gen, "mi_structure": "select_period"}, "select": {"period": 2}}
+    cols = {f"qx_{s}_{d}": q for s in "mf" for d in ("s1", "s2", "ult")}
+    tables.write("NOSP", by_duration, cols | {"mi_m_s1": q, "mi_m_s2": q, "mi_f_ult": q, "mi_f_s1": q})
+    return tables
+
+
+def fresh(cls=LifeTable):
+    """An allocated, uninitialised instance: lets a test call __init__ itself."""
+    return cls.__new__(cls, "SULT", "u")
+
+
+# -- module surface ------------------------------------------------------------------------------
+
+
+def test_module_state_and_reset_hook():
+    cache = decrement._COHORT_ADJUSTED_QX_CACHE_UNISEX
+    assert type(cache) is collections.OrderedDict and type(decrement._CONFIGURE_UNSET) is object
+    assert decrement._COHORT_ADJUSTED_QX_CACHE_MAX == 256 and decrement._Q_CERTAINTY_TOL == 1e-12
+    assert type(decrement._table_instance_counter) is itertools.count
+    assert decrement._clear_cohort_unisex_cache in config._reset_callbacks
+    assert decrement._clear_cohort_unisex_cache() is None  # empty: nothing to do, nothing raised
+    before = LifeTable("SULT", "u")._instance_id
+    cache[("key",)] = np.zeros(1)
+    with Config():
+        Config().reset()
+    assert decrement._COHORT_ADJUSTED_QX_CACHE_UNISEX is cache and not cache
+    # The counter is process-wide and survives a reset: ids keep rising by one per table.
+    assert LifeTable("SULT", "u")._instance_id == before + 1
+
+
+def test_class_constants():
+    combinations = {"life": {"exit", "disability"}, "disability": {"exit"}, "exit": {"exit"}}
+    assert combinations == DecrementTable._VALID_TABLE_COMBINATIONS
+    assert DecrementTable._DECREMENT_PREFIX_MAP == {"life": "qx", "disability": "ix", "exit": "ox"}
+    assert DecrementTable._VECTORIAL_MEMORY_WARNING_THRESHOLD == 100
+
+
+def test_abstract_base():
+    class Reference(abc.ABC):
+        @property
+        @abc.abstractmethod
+        def table_type(self): ...
+
+    with pytest.raises(TypeError) as host:
+        Reference()
+    assert issubclass(DecrementTable, abc.ABC) and isinstance(DecrementTable, abc.ABCMeta)
+    assert "table_type" in DecrementTable.__abstractmethods__
+    untyped = type("Untyped", (DecrementTable,), {"__slots__": ()})
+    for cls in (DecrementTable, untyped):
+        with exactly(TypeError, str(host.value).replace("Reference", cls.__name__)):
+            cls("SULT", "u")
+
+    class Typed(DecrementTable):  # a plain Python subclass is a working table
+        __slots__ = ()
+        table_type = property(lambda self: "life")
+
+    assert Typed("SULT", "u")._decrement_base[-1] == 1.0
+
+
+def test_instances_have_fixed_fields():
+    t = LifeTable("SULT", "u")
+    assert not hasattr(t, "__dict__")
+    with pytest.raises(AttributeError):
+        t.no_such_field = 1
+    with pytest.raises(AttributeError):
+        t.omega = 3
+
+
+# -- __init__: every refusal, with its message ---------------------------------------------------
+
+SEX_REQUIRED = (
+    "LifeTable(): 'sex' is required unless pending=True. Pass sex='m', 'f', or 'u', "
+    "or use LifeTable('PER', pending=True)."
+)
+PERIOD_PENDING = (
+    "pending=True has no effect on static period table 'PER'. A static period table requires no "
+    "deferred metadata (cohort, duration). Use the normal constructor instead."
+)
+DURATION_REQUIRED = (
+    "Table '{}' is a select-ultimate table (select_period=2, start_duration={s}): 'duration' is required. "
+    "Pass an integer >= {s} or duration='ult' for the ultimate column."
+)
+NO_NATIVE_U = (
+    "unisex_blend parameter is required when sex='u' because table '{0}' lacks native unisex column '{1}'. "
+    "Example: LifeTable('{0}', sex='u', unisex_blend=0.5)"
+)
+STATIC_COHORT = "Cohort should not be specified for static tables."
+BLEND_WITH_SEX = (
+    "Cannot specify unisex_blend=0.5 when sex='m' is explicitly set. Use sex='u' to apply unisex blending."
+)
+
+
+# fmt: off
+INIT_REFUSALS = [
+    ("PER", {"sex": "m", "cohort": [1970, 1971]}, TypeError,
+     "cohort in __init__ must be int or None, got sequence of length 2"),
+    ("PER", {"sex": "m", "cohort": ()}, TypeError,
+     "cohort in __init__ must be int or None, got sequence of length 0"),
+    ("PER", {}, TypeError, SEX_REQUIRED),
+    ("DIS", {"sex": "m", "expected_table_type": "life"}, ValueError,
+     "Table 'DIS' is of type 'disability', expected 'life'."),
+    ("MISS", {"sex": "m"}, ValueError, "Missing required qx_* columns in table 'MISS': ['qx_f', 'qx_u']"),
+    ("NOMI", {"sex": "m", "cohort": 1970}, ValueError,
+     "Missing MI columns in generational table 'NOMI' (mi_structure='flat'): ['mi_f']"),
+    ("NOYR", {"sex": "m", "cohort": 1970}, ValueError,
+     "Missing MI columns in generational table 'NOYR' (mi_structure='year_indexed'): "
+     "['mi_m_2010', 'mi_f_2000']"),
+    ("NOSP", {"sex": "m", "cohort": 1970, "duration": 1}, ValueError,
+     "Missing MI columns in generational table 'NOSP' (mi_structure='select_period'): "
+     "['mi_m_ult', 'mi_f_s2']"),
+    ("PER", {"sex": "m", "pending": True}, ValueError, PERIOD_PENDING),
+    ("GEN", {"sex": "m"}, ValueError,
+     "Table 'GEN' is a generational table: 'cohort' (year of birth) is required."),
+    ("YRS", {"sex": "m"}, ValueError, "Table 'YRS' (year_indexed): 'cohort' (year of birth) is required."),
+    ("PROJ", {"sex": "m"}, ValueError,
+     "Table 'PROJ' uses 'projected_improvement': 'cohort' (year of birth) is required. "
+     "The projection year for each age x is derived as cohort + x."),
+    ("GSEL", {"sex": "m", "duration": 1}, ValueError,
+     "Table 'GSEL' is a generational table (mi_structure='select_period'): "
+     "'cohort' (year of birth) is required."),
+    ("GEN", {"sex": "m", "cohort": 1899}, ValueError, f"Cohort year must be between 1900 and {YEAR}."),
+    ("PER", {"sex": "m", "cohort": 1970}, ValueError, STATIC_COHORT),
+    ("PER", {"sex": "m", "cohort": [1970]}, ValueError, STATIC_COHORT),
+    ("SEL", {"sex": "m"}, ValueError, DURATION_REQUIRED.format("SEL", s=1)),
+    ("SEL0", {"sex": "m"}, ValueError, DURATION_REQUIRED.format("SEL0", s=0)),
+    ("SEL", {"sex": "m", "duration": True}, TypeError, "duration must be int, 'ult', or None, got bool"),
+    ("SEL", {"sex": "m", "duration": 0}, ValueError,
+     "duration must be an integer >= 1 or 'ult' for select tables, got 0."),
+    ("SEL", {"sex": "m", "duration": "x"}, ValueError,
+     "duration must be an integer >= 1 or 'ult' for select tables, got 'x'."),
+    ("SEL", {"sex": "m", "duration": 1.0}, ValueError,
+     "duration must be an integer >= 1 or 'ult' for select tables, got 1.0."),
+    ("PER", {"sex": "m", "duration": 1}, ValueError,
+     "duration is only valid for select tables. Table 'PER' is not a select table."),
+    ("PER", {"sex": "M", "unisex_blend": 0.5}, ValueError, BLEND_WITH_SEX),
+    ("PER", {"sex": "u"}, ValueError, NO_NATIVE_U.format("PER", "qx_u")),
+    ("SEL", {"sex": "u", "duration": 1}, ValueError, NO_NATIVE_U.format("SEL", "qx_u_s1")),
+    ("PER", {"sex": "x"}, ValueError, "Invalid sex 'x' for table 'PER'. Valid options: ['m', 'f']."),
+    # Pending shells check their blend too (the public constructor would refuse it first).
+    ("GEN", {"sex": "m", "unisex_blend": 0.5, "pending": True}, ValueError, BLEND_WITH_SEX),
+    ("GEN", {"sex": "u", "unisex_blend": True, "pending": True}, TypeError,
+     "unisex_blend must be numeric, not bool."),
+    ("GEN", {"sex": "u", "unisex_blend": 1.5, "pending": True}, ValueError,
+     "unisex_blend must be in [0.0, 1.0], got 1.5."),
+    ("GEN", {"sex": "m", "cohort": 2 * YEAR, "pending": True}, ValueError,
+     f"Cohort year must be between 1900 and {YEAR}."),
+    ("SEL", {"sex": None, "duration": 0, "pending": True}, ValueError,
+     "duration must be an integer >= 1 or 'ult', got 0."),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize(("name", "kwargs", "exc", "message"), INIT_REFUSALS)
+def test_init_refuses(kinds, name, kwargs, exc, message):
+    t = fresh()
+    with exactly(exc, message):
+        DecrementTable.__init__(t, name, **kwargs)
+    assert not t._initialized
+
+
+@pytest.mark.parametrize("element", [1970.0, 1970.7, "1970", True])
+def test_cohort_sequence_holds_an_integer(kinds, element):
+    # A one-element sequence unwraps; a non-integer inside it is refused, not truncated.
+    refused = r"^Cohort year must be an integer\.$|^cohort must be int"
+    with pytest.raises((TypeError, ValueError), match=refused):
+        DecrementTable.__init__(fresh(), "GEN", "m", cohort=[element])
+    ready = fresh()
+    DecrementTable.__init__(ready, "GEN", "m", cohort=(np.int64(1970),))
+    assert type(ready.cohort) is int
+    np.testing.assert_array_equal(ready._decrement_base, LifeTable("GEN", "m", cohort=1970)._decrement_base)
+
+
+# fmt: off
+PUBLIC_REFUSALS = [
+    (lambda: LifeTable("DIS", "m"), ValueError, "Table 'DIS' is of type 'disability', expected 'life'."),
+    (lambda: ExitTable("PER", "m"), ValueError, "Table 'PER' is of type 'life', expected 'exit'."),
+    (lambda: LifeTable("PER"), TypeError,
+     "LifeTable(): 'sex' is required unless pending=True. Pass sex='m', 'f', or 'u'."),
+    (lambda: LifeTable("PER", "m", unisex_blend=0.5), ValueError, BLEND_WITH_SEX),
+    (lambda: LifeTable("PER", "u", unisex_blend=True), TypeError,
+     "Expected numeric input for unisex_blend"),
+    (lambda: LifeTable("PER", "u", unisex_blend=1.5), ValueError,
+     "unisex_blend must be in [0.0, 1.0], got 1.5"),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize(("call", "exc", "message"), PUBLIC_REFUSALS)
+def test_public_constructor_refuses(kinds, call, exc, message):
+    with exactly(exc, message):
+        call()
+
+
+def test_unknown_table_and_unknown_type(kinds, monkeypatch):
+    with pytest.raises(FileNotFoundError, match="NOPE"):
+        LifeTable("NOPE", "m")
+    monkeypatch.setattr(TableSource, "table_type", property(lambda self: "bogus"))
+    with exactly(ValueError, "Unknown table_type 'bogus' in table 'PER'."):
+        DecrementTable.__init__(fresh(), "PER", "m")
+
+
+# -- successful construction ---------------------------------------------------------------------
+
+
+# fmt: off
+READY = [
+    (LifeTable, "PER", {"sex": "F"}, None, None),
+    (DisabilityTable, "DIS", {"sex": "m"}, None, None),
+    (LifeTable, "GEN", {"sex": "m", "cohort": np.int32(1970)}, 1970, None),
+    (LifeTable, "GEN", {"sex": "m", "cohort": 1970, "pending": True}, 1970, None),  # complete: built now
+    (LifeTable, "GSEL", {"sex": "f", "cohort": 1960, "duration": np.int64(2)}, 1960, 2),
+    (LifeTable, "SEL0", {"sex": "m", "duration": 0}, None, 0),
+    (LifeTable, "SEL", {"sex": "m", "duration": "ult"}, None, "ult"),
+    (LifeTable, "USEL", {"sex": "u", "duration": 1}, None, 1),  # native unisex select columns
+]
+# fmt: on
+
+
+@pytest.mark.parametrize(("cls", "name", "kwargs", "cohort", "duration"), READY)
+def test_ready_table_invariants(kinds, cls, name, kwargs, cohort, duration):
+    t = cls(name, **kwargs)
+    assert t.sex == kwargs["sex"].lower() and t.cohort == cohort and t.duration == duration
+    assert type(t.cohort) is (int if cohort else type(None))
+    assert t._decrement_base.dtype == np.float64 and len(t._decrement_base) == t.table.w + 1
+    np.testing.assert_array_equal(t._decrement, t._decrement_base)
+    assert t._decrement is not t._decrement_base
+    assert (t._lx, t._lx_raw, t._px, t._qx) == (None, None, None, None)
+    assert not t.modified and t.modifications_applied == [] and not t.metadata_pending
+    assert t.w == t.table.w and t._rebuilds_since_calc == 0 and t._initialized
+    assert t._select_duration_set is (duration is not None)
+
+
+def test_pending_shells(kinds):
+    only_cohort = LifeTable("GSEL", cohort=np.int64(1970), pending=True)
+    assert only_cohort.metadata_pending and only_cohort.sex is None and only_cohort.w == only_cohort.table.w
+    assert type(only_cohort._cohort) is int and only_cohort._cohort == 1970
+    assert (only_cohort._decrement_base, only_cohort._decrement, only_cohort._lx) == (None, None, None)
+    select = LifeTable("GSEL", "M", duration="ult", pending=True)
+    assert (select.sex, select.duration, select._select_duration_set) == ("m", "ult", True)
+    assert select.metadata_pending and select._decrement is None
+
+
+def test_second_init_changes_nothing(kinds):
+    t = LifeTable("GEN", "m", cohort=1970)
+    ident, base = t._instance_id, t._decrement_base
+    DecrementTable.__init__(t, "PER", "f")
+    LifeTable.__init__(t, "GEN", "f", cohort=1980, interest_rate=0.5)
+    assert (t.table_name, t.sex, t.cohort, t._instance_id) == ("GEN", "m", 1970, ident)
+    assert t._decrement_base is base and t.interest_rate is None
+
+
+@pytest.mark.parametrize(("rate", "stored"), [(None, None), (0.03, 0.03), (0, 0.0), (np.float64(-0.5), -0.5)])
+def test_interest_rate_accepted(rate, stored):
+    t = LifeTable("SULT", "u", interest_rate=rate)
+    assert t.interest_rate == stored and type(t.interest_rate) is type(stored)
+    assert t.copy().interest_rate == stored
+
+
+@pytest.mark.parametrize(
+    ("rate", "exc", "message"),
+    [
+        (True, TypeError, "interest_rate must be a real number, got bool"),
+        ("0.03", TypeError, "interest_rate must be a real number, got str"),
+        (math.nan, ValueError, "interest_rate must be a finite number > -1, got nan"),
+        (math.inf, ValueError, "interest_rate must be a finite number > -1, got inf"),
+        (-1, ValueError, "interest_rate must be a finite number > -1, got -1"),
+    ],
+)
+def test_interest_rate_refused(rate, exc, message):
+    with exactly(exc, message):
+        LifeTable("SULT", "u", interest_rate=rate)

@@ -1,0 +1,376 @@
+"""Rate construction: base vectors of every table structure against NumPy, lx, and unisex blends."""
+
+from __future__ import annotations
+
+import csv
+import re
+from pathlib import Path
+
+import numpy as np
+import pytest
+
+from veltrane.config import Config
+from veltrane.tables import base, decrement
+from veltrane.tables.disability import DisabilityTable
+from veltrane.tables.exit import ExitTable
+from veltrane.tables.life import LifeTable
+from veltrane.tables.source import TableSource
+
+YEAR = base._current_calendar_year()
+RAW = Path(__file__).resolve().parents[2] / "shared" / "tables" / "raw" / "r-mortality-tables"
+AGES = np.arange(8, dtype=np.float64)
+
+
+def exactly(exc, message):
+    return pytest.raises(exc, match=f"^{re.escape(message)}$")
+
+
+def one_dimensional(formula, q, lam, cohort, base_year):
+    t = (cohort - base_year) + AGES[: len(q)]
+    factor = {"exponential": lambda: np.exp(-lam * t), "compound": lambda: (1.0 - lam) ** t}[formula]()
+    return np.clip(q * factor, 0.0, 1.0)
+
+
+def year_column(grid, cohort):
+    """Index of the grid column each age uses: first grid year not before its (clamped) calendar year."""
+    years = np.clip(cohort + AGES.astype(np.int64), grid[0], grid[-1])
+    return np.searchsorted(np.asarray(grid, dtype=np.int64), years, side="left")
+
+
+def projected(q, mi, cohort, base_year, grid):
+    """Age by age: compound the improvement of every calendar year between the base year and cohort + x."""
+    out = []
+    for x in range(len(q)):
+        target, factor = cohort + x, 1.0
+        for y in range(min(target, base_year) + 1, max(target, base_year) + 1):
+            factor *= 1.0 - mi[x][min(np.searchsorted(grid, y), len(grid) - 1)]
+        out.append(q[x] * factor if target >= base_year else q[x] / factor)
+    return np.clip(out, 0.0, 1.0)
+
+
+# -- period and generational tables ----------------------------------------------------------------
+
+
+@pytest.mark.parametrize(
+    ("cls", "table_type", "prefix"),
+    [(LifeTable, "life", "qx"), (DisabilityTable, "disability", "ix"), (ExitTable, "exit", "ox")],
+)
+def test_period_rates_are_the_column(tables, cls, table_type, prefix):
+    cols = tables.period(table_type=table_type, prefix=prefix)
+    for sex in "mf":
+        np.testing.assert_array_equal(cls("PER", sex)._decrement_base, cols[f"{prefix}_{sex}"])
+
+
+@pytest.mark.parametrize("formula", ["exponential", "compound"])
+@pytest.mark.parametrize("cohort", [1900, 1955, YEAR])
+def test_flat_improvement(tables, formula, cohort):
+    cols = tables.flat(formula=formula, base_year=1990)
+    for sex in "mf":
+        got = LifeTable("GEN", sex, cohort=cohort)._decrement_base
+        want = one_dimensional(formula, cols[f"qx_{sex}"], cols[f"mi_{sex}"], cohort, 1990)
+        np.testing.assert_allclose(got, want, rtol=1e-13, atol=0)
+
+
+@pytest.mark.parametrize("cohort", [1990, 2008, 2018])  # before, across and after the grid
+def test_year_indexed_improvement(tables, cohort):
+    grid = (2000, 2010, 2020)
+    cols = tables.year_indexed(grid=grid)
+    rows = np.arange(len(AGES))
+    for sex in "mf":
+        matrix = np.column_stack([cols[f"mi_{sex}_{y}"] for y in grid])
+        lam = matrix[rows, year_column(grid, cohort)]
+        want = one_dimensional("compound", cols[f"qx_{sex}"], lam, cohort, 2005)
+        np.testing.assert_allclose(
+            LifeTable("YRS", sex, cohort=cohort)._decrement_base, want, rtol=1e-13, atol=0
+        )
+
+
+@pytest.mark.parametrize("cohort", [1950, 1999, 2015])
+def test_projected_improvement(tables, cohort):
+    grid = (2000, 2010, 2020)
+    cols = tables.year_indexed("PROJ", formula="projected_improvement", grid=grid)
+    for sex in "mf":
+        matrix = np.column_stack([cols[f"mi_{sex}_{y}"] for y in grid])
+        want = projected(cols[f"qx_{sex}"], matrix, cohort, 2005, grid)
+        np.testing.assert_allclose(
+            LifeTable("PROJ", sex, cohort=cohort)._decrement_base, want, rtol=1e-12, atol=0
+        )
+
+
+def test_formula_receives_the_documented_arguments(tables, monkeypatch):
+    """Base rates, improvement by age (its year's column, -0.0 made +0.0 where q is 0), ages, cohort, year."""
+    calls = []
+
+    def spy(q, lam, ages, cohort, base_year):
+        calls.append((q.copy(), lam.copy(), ages.copy(), cohort, base_year))
+        return q * 0.5
+
+    monkeypatch.setitem(base._GENERATIONAL_FORMULA_TYPE_MAP, "spy", spy)
+    grid = (2000, 2010)
+    cols = tables.year_indexed(formula="spy", grid=grid)
+    q = cols["qx_m"].copy()
+    q[2] = 0.0
+    mi = {y: cols[f"mi_m_{y}"].copy() for y in grid}
+    mi[2000][2] = mi[2010][2] = -0.0
+    tables.write(
+        "YRS", TableSource("YRS").metadata, cols | {"qx_m": q, "mi_m_2000": mi[2000], "mi_m_2010": mi[2010]}
+    )
+    got = LifeTable("YRS", "m", cohort=1997)._decrement_base
+    ((q_in, lam, ages, cohort, base_year),) = calls
+    np.testing.assert_array_equal(got, q * 0.5)
+    np.testing.assert_array_equal(q_in, q)
+    want = np.column_stack([mi[2000], mi[2010]])[np.arange(8), year_column(grid, 1997)]
+    np.testing.assert_array_equal(lam, want)
+    assert not np.signbit(lam[2]) and ages.dtype == np.float64
+    np.testing.assert_array_equal(ages, AGES)
+    assert (cohort, base_year) == (1997, 2005) and type(cohort) is int
+
+
+# -- select tables -----------------------------------------------------------------------------------
+
+
+# fmt: off
+SELECT_COLUMNS = [(1, 1, "s1"), (1, 2, "s2"), (1, 3, "ult"), (1, 40, "ult"), (1, "ult", "ult"),
+                  (0, 0, "s0"), (0, 1, "s1"), (0, 2, "ult")]
+# fmt: on
+
+
+@pytest.mark.parametrize(("start", "duration", "suffix"), SELECT_COLUMNS)
+def test_select_columns(tables, start, duration, suffix):
+    cols = tables.select(start=start)
+    t = LifeTable("SEL", "f", duration=duration)
+    np.testing.assert_array_equal(t._decrement_base, cols[f"qx_f_{suffix}"])
+    assert t._get_select_col("m", None) == "qx_m_ult"
+
+
+@pytest.mark.parametrize(("duration", "suffix"), [(1, "s1"), (2, "s2"), (3, "ult"), ("ult", "ult")])
+def test_select_improvement_by_duration(tables, duration, suffix):
+    cols = tables.select("GSEL", generational="exponential")
+    t = LifeTable("GSEL", "m", cohort=1960, duration=duration)
+    want = one_dimensional("exponential", cols[f"qx_m_{suffix}"], cols[f"mi_m_{suffix}"], 1960, 2000)
+    np.testing.assert_allclose(t._decrement_base, want, rtol=1e-13, atol=0)
+    assert t._get_mi_col("f", None if duration == "ult" else duration) == f"mi_f_{suffix}"
+    assert t._get_select_col("f", 1) == "qx_f_s1"
+    with exactly(ValueError, "duration 0 is below start_duration=1 for table 'GSEL'."):
+        t._get_select_col("m", 0)
+
+
+def test_bundled_select_model():
+    data = TableSource("SSSM").data
+    for duration, col in ((1, "qx_u_s1"), (2, "qx_u_s2"), (3, "qx_u_ult"), ("ult", "qx_u_ult")):
+        got = LifeTable("SSSM", "U", duration=duration)._decrement_base
+        np.testing.assert_array_equal(got, data[col].to_numpy())
+    assert LifeTable("SULT", "u")._get_mi_col("m", 1) == "mi_m"
+
+
+# -- what the rate construction refuses ------------------------------------------------------------
+
+SELECT_GEN = ("qx_m_s1", "qx_m_s2", "qx_m_ult", "mi_m_s1", "mi_m_s2", "mi_m_ult")
+YEARS = {"base_year": 2000, "mi_structure": "year_indexed"}
+NO_FORMULA = "generational_formula_type metadata missing in table 'BAD'."
+# fmt: off
+BUILD_REFUSALS = [
+    ({"formula_type": "compound"}, None, ("qx_m", "mi_m"), "base_year metadata missing in table 'BAD'."),
+    ({"base_year": 2000}, None, ("qx_m", "mi_m"), NO_FORMULA),
+    ({}, None, ("qx_m", "mi_m"), NO_FORMULA),
+    # A select table asks for the base year first.
+    ({"mi_structure": "select_period"}, 2, SELECT_GEN, "base_year metadata missing in table 'BAD'."),
+    ({"formula_type": "bogus", "base_year": 2000}, None, ("qx_m", "mi_m"),
+     "Unknown or unsupported generational_formula_type 'bogus' in table 'BAD'"),
+    ({"formula_type": "bogus", **YEARS, "grid_years": [2000]}, None, ("qx_m", "mi_m_2000"),
+     "Unknown generational_formula_type 'bogus' in table 'BAD'."),
+    ({"formula_type": "compound", **YEARS}, None, ("qx_m",),
+     "Table 'BAD': year_indexed mi_structure requires grid_years metadata."),
+    ({"formula_type": "projected_improvement", "base_year": 2000}, None, ("qx_m", "mi_m"),
+     "Table 'BAD': projected_improvement requires year-indexed mi_{sex}_YYYY columns but none found."),
+    (None, 2, ("qx_m_s1", "qx_m_ult"),
+     "Column 'qx_m_s2' not found in table 'BAD'. duration=2, select_period=2."),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize(("generational", "select", "columns", "message"), BUILD_REFUSALS)
+def test_rate_construction_refuses(tables, generational, select, columns, message):
+    meta: dict = {"table_type": "life", "sexes": ["m"]}
+    if generational is not None:
+        meta["generational"] = generational
+    if select is not None:
+        meta["select"] = {"period": select}
+    tables.write("BAD", meta, {c: tables.rates(0.0, 0.0) for c in columns})
+    with exactly(ValueError, message):
+        LifeTable("BAD", "m", cohort=1970 if generational is not None else None, duration=select)
+
+
+# fmt: off
+COHORTS = [
+    (1900, 1900), (YEAR, YEAR), (np.int64(1970), 1970), (np.uint16(1999), 1999),
+    (1899, "between"), (YEAR + 1, "between"), (-(2**70), "between"), (2**70, "between"),
+    (True, TypeError), (np.True_, "integer"), (1970.0, "integer"), (np.float64(1970), "integer"),
+    ("1970", "integer"), (None, "integer"),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize(("value", "result"), COHORTS)
+def test_cohort_year_validation(value, result):
+    t = LifeTable("SULT", "u")
+    refusals = {
+        TypeError: (TypeError, "cohort must be int, got bool"),
+        "between": (ValueError, f"Cohort year must be between 1900 and {YEAR}."),
+        "integer": (ValueError, "Cohort year must be an integer."),
+    }
+    if result in refusals:
+        with exactly(*refusals[result]):
+            t._validate_cohort_year(value)
+    else:
+        got = t._validate_cohort_year(value)
+        assert got == result and type(got) is int
+
+
+# -- survivorship --------------------------------------------------------------------------------------
+
+
+def test_compute_lx(tables):
+    cols = tables.period()
+    t = LifeTable("PER", "m")
+    q = cols["qx_m"].copy()
+    lx = t._compute_lx()
+    np.testing.assert_array_equal(lx, 1_000_000.0 * np.concatenate([[1.0], np.cumprod(1.0 - q[:-1])]))
+    assert lx.dtype == np.float64 and t._lx is None  # returned, not stored
+    q[-1] = 0.25  # the last rate never enters
+    q[3] = 1.0  # certain decrement at age 3: nobody reaches age 4
+    t._decrement = q
+    lx = t._compute_lx()
+    assert lx[0] == base._LX_RADIX and (lx[4:] == 0.0).all() and (lx[:4] > 0).all()
+    tables.flat()
+    pending = LifeTable("GEN", pending=True)
+    with exactly(
+        ValueError,
+        "Table 'GEN' is not ready: assign 'sex', 'cohort' before calculations "
+        "(lt.configure(sex=..., cohort=...), called from _compute_lx).",
+    ):
+        pending._compute_lx()
+
+
+# -- unisex blends -----------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("weight", [1.0, 0.0, 0.3, 1])
+def test_static_blend(tables, weight):
+    cols = tables.period()
+    with Config().override(decimals={"qx": 4}):
+        t = LifeTable("PER", "u", unisex_blend=weight)
+        m, f = np.round(cols["qx_m"], 4), np.round(cols["qx_f"], 4)
+    want = m if weight == 1.0 else f if weight == 0.0 else np.clip(weight * m + (1.0 - weight) * f, 0.0, 1.0)
+    np.testing.assert_array_equal(t._decrement_base, want)
+    assert t.unisex_blend == weight and type(t.unisex_blend) is float
+    # The shared source is left alone: the blend lives in this table's own copy.
+    shared = TableSource("PER")
+    assert t._table_is_private_copy and t.table is not shared
+    assert "qx_u" not in shared.data.columns and shared.valid_sexes == ["m", "f"]
+    assert "qx_u" not in LifeTable("PER", "m").data.columns
+    assert t.valid_sexes == ["f", "m", "u"]
+
+
+def test_reblend(tables):
+    cols = tables.period()
+    t = LifeTable("PER", "u", unisex_blend=0.2)
+    copy_of_source = t.table
+    t._decrement[0], t._modified = 0.9, True
+    t.unisex_blend = np.float64(0.6)
+    want = np.clip(0.6 * np.round(cols["qx_m"], 12) + 0.4 * np.round(cols["qx_f"], 12), 0.0, 1.0)
+    np.testing.assert_array_equal(t._decrement, want)
+    assert not t.modified and t._rebuilds_since_calc == 1 and t.table is copy_of_source
+    assert t.valid_sexes == ["f", "m", "u"] and t.data.columns.count("qx_u") == 1
+    t.unisex_blend = 0.6
+    assert t._rebuilds_since_calc == 1
+    with exactly(TypeError, "Expected numeric input for unisex_blend"):
+        t._generate_unisex_decrement("0.6")
+    with exactly(ValueError, "unisex_blend must be in [0.0, 1.0], got 1.5"):
+        t._generate_unisex_decrement(1.5)
+    np.testing.assert_array_equal(t.data["qx_u"].to_numpy(), want)
+
+
+def test_blend_overrides_native_unisex_column(tables):
+    q = {s: tables.rates() for s in "mfu"}
+    tables.write(
+        "NAT", {"table_type": "life", "sexes": ["m", "f", "u"]}, {f"qx_{s}": v for s, v in q.items()}
+    )
+    np.testing.assert_array_equal(LifeTable("NAT", "u")._decrement_base, q["u"])
+    np.testing.assert_array_equal(
+        LifeTable("NAT", "u", unisex_blend=1.0)._decrement_base, np.round(q["m"], 12)
+    )
+    with exactly(
+        ValueError,
+        "Cannot generate unisex rates: table 'SULT' is missing required columns 'qx_m' and/or 'qx_f'",
+    ):
+        LifeTable("SULT", "u", unisex_blend=0.5)
+
+
+def test_generational_blend_projects_each_sex_first(tables):
+    cols = tables.flat(formula="compound")
+    t = LifeTable("GEN", "u", cohort=1970, unisex_blend=0.3)
+    cache = decrement._COHORT_ADJUSTED_QX_CACHE_UNISEX
+    keys = [("GEN", "m", 1970, "compound", None), ("GEN", "f", 1970, "compound", None)]
+    assert list(cache) == keys
+    qm, qf = (one_dimensional("compound", cols[f"qx_{s}"], cols[f"mi_{s}"], 1970, 2000) for s in "mf")
+    np.testing.assert_allclose(cache[keys[0]], qm, rtol=1e-13)
+    want = np.clip(0.3 * np.round(cache[keys[0]], 12) + 0.7 * np.round(cache[keys[1]], 12), 0.0, 1.0)
+    np.testing.assert_array_equal(t._decrement_base, want)
+    t.cohort = 1980  # the blend follows the cohort
+    qm, qf = (one_dimensional("compound", cols[f"qx_{s}"], cols[f"mi_{s}"], 1980, 2000) for s in "mf")
+    np.testing.assert_allclose(t._decrement_base, 0.3 * qm + 0.7 * qf, rtol=1e-11)
+    assert len(cache) == 4
+
+
+def test_select_blend_follows_the_duration(tables):
+    tables.select("GSEL", generational="compound")
+    t = LifeTable("GSEL", "u", cohort=1970, duration=1, unisex_blend=0.4)
+    for duration in (2, 5, "ult", 1):
+        t.duration = duration
+        m, f = (LifeTable("GSEL", s, cohort=1970, duration=duration)._decrement_base for s in "mf")
+        np.testing.assert_array_equal(t._decrement_base, 0.4 * np.round(m, 12) + 0.6 * np.round(f, 12))
+    assert ("GSEL", "m", 1970, "compound", 2) in decrement._COHORT_ADJUSTED_QX_CACHE_UNISEX
+
+
+def test_unisex_cache_forgets_rewritten_tables(tables):
+    tables.flat()
+    before = LifeTable("GEN", "u", cohort=1970, unisex_blend=0.5)._decrement_base.copy()
+    tables.flat()  # the same name, new rates
+    after = LifeTable("GEN", "u", cohort=1970, unisex_blend=0.5)._decrement_base
+    assert not np.array_equal(before, after)
+
+
+def test_unisex_cache_is_first_in_first_out(tables):
+    tables.flat()
+    LifeTable("GEN", "m", cohort=1970)  # load the source first: a (re)load empties the cache
+    cache = decrement._COHORT_ADJUSTED_QX_CACHE_UNISEX
+    for i in range(decrement._COHORT_ADJUSTED_QX_CACHE_MAX):
+        cache[("filler", i)] = np.zeros(8)
+    LifeTable("GEN", "u", cohort=1970, unisex_blend=0.5)
+    assert len(cache) == 256 and ("filler", 0) not in cache and ("filler", 1) not in cache
+    order = list(cache)
+    LifeTable("GEN", "u", cohort=1970, unisex_blend=0.7)  # hits neither move nor refresh
+    assert list(cache) == order and order[-2:] == [("GEN", s, 1970, "exponential", None) for s in "mf"]
+
+
+def test_published_generational_table(tables):
+    """2012 IAM period rates with Scale G2, compound from 2012, must give the published YOB-2025 rates."""
+    path = RAW / "USA_Annuities_2012IAM.csv"
+    if not path.exists():
+        pytest.skip("shared tables absent")
+    with path.open(encoding="utf-8") as fh:
+        rows = np.array([[float(v) for v in r] for r in csv.reader(fh) if r and r[0].isdigit()])
+    meta = {
+        "table_type": "life",
+        "sexes": ["m", "f"],
+        "generational": {"formula_type": "compound", "base_year": 2012},
+    }
+    tables.write(
+        "IAM", meta, {"qx_m": rows[:, 3], "qx_f": rows[:, 4], "mi_m": rows[:, 5], "mi_f": rows[:, 6]}
+    )
+    male, female = LifeTable("IAM", "m", cohort=2025), LifeTable("IAM", "f", cohort=2025)
+    np.testing.assert_allclose(male._decrement_base, rows[:, 8], rtol=1e-12, atol=0)
+    np.testing.assert_allclose(female._decrement_base, rows[:, 9], rtol=1e-12, atol=0)
+    blend = LifeTable("IAM", "u", cohort=2025, unisex_blend=0.5)._decrement_base
+    np.testing.assert_allclose(blend, (rows[:, 8] + rows[:, 9]) / 2, rtol=1e-11, atol=1e-12)
