@@ -3,7 +3,7 @@ PYTHON ?= python3
 VENV   ?= .venv
 BIN    := $(VENV)/bin
 PIP    := $(BIN)/python -m pip
-DEPS   := numpy polars scikit-build-core cmake ninja pytest hypothesis pandas ruff
+DEPS   := numpy polars scikit-build-core cmake ninja pytest hypothesis pandas ruff==0.17.6
 SOURCES := pyproject.toml CMakeLists.txt $(shell find native src -type f \( -name '*.cpp' -o -name '*.hpp' -o -name '*.py' -o -name '*.toml' -o -name '*.csv' \) 2>/dev/null)
 
 ASAN_VENV := .venv-asan
@@ -15,11 +15,12 @@ demo: $(VENV)/.installed
 	$(BIN)/veltrane tables
 	$(BIN)/veltrane show SULT --sex u
 
-test: $(VENV)/.installed
+test: $(VENV)/.installed lint
 	$(BIN)/python -m pytest -q
 
-lint: $(VENV)/.installed
+lint: $(VENV)/.deps
 	$(BIN)/ruff check src tests tools bench
+	$(BIN)/ruff format --check src tests tools bench
 
 bench: $(VENV)/.installed
 	$(BIN)/python bench/run.py
@@ -31,7 +32,7 @@ test-asan: $(ASAN_VENV)/.installed
 	UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
 	$(ASAN_BIN)/python -m pytest -q -p no:cacheprovider
 
-$(VENV)/.deps:
+$(VENV)/.deps: Makefile
 	test -x $(BIN)/python || $(PYTHON) -m venv $(VENV)
 	$(PIP) install -q --upgrade pip
 	$(PIP) install -q $(DEPS)
@@ -41,7 +42,7 @@ $(VENV)/.installed: $(VENV)/.deps $(SOURCES)
 	$(PIP) install -q --no-build-isolation --no-deps .
 	touch $@
 
-$(ASAN_VENV)/.deps:
+$(ASAN_VENV)/.deps: Makefile
 	test -x $(ASAN_BIN)/python || $(PYTHON) -m venv $(ASAN_VENV)
 	$(ASAN_BIN)/python -m pip install -q --upgrade pip
 	$(ASAN_BIN)/python -m pip install -q $(DEPS)

@@ -86,6 +86,10 @@ void ensure_ready_at(TableObject* t, std::string_view method_name, int stackleve
         py::warn_obj(PyExc_UserWarning, message.get(), stacklevel);
     }
     t->rebuilds_since_calc = 0;
+    if (t->caches_config_version != t->st->config_version) {
+        invalidate_caches(t);
+        t->caches_config_version = t->st->config_version;
+    }
 }
 
 }  // namespace

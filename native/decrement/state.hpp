@@ -79,6 +79,9 @@ struct TableObject {
     bool suspend_rebuild;
     long rebuilds_since_calc;
     bool initialized;
+    // The settings version under which the derived caches were built; a change of settings
+    // (decimals, interpolation) drops them at the next calculation.
+    std::uint64_t caches_config_version;
 };
 
 inline TableObject* as_table(PyObject* o) { return reinterpret_cast<TableObject*>(o); }

@@ -47,6 +47,7 @@ PyObject* table_alloc(PyTypeObject* type, ModuleState* st) {
     t->suspend_rebuild = false;
     t->rebuilds_since_calc = 0;
     t->initialized = false;
+    t->caches_config_version = st->config_version;
     return self;
 }
 
@@ -287,6 +288,7 @@ PyObject* Table_deepcopy(PyObject* self, PyObject* memo) {
         }
         for (const BoolField& field : bool_fields) c->*(field.member) = t->*(field.member);
         c->rebuilds_since_calc = t->rebuilds_since_calc;
+        c->caches_config_version = t->caches_config_version;
         copy_subclass_state(self, copy.get(), memo, st);
         // A copy taken inside a batch update is an ordinary table.
         c->suspend_rebuild = false;

@@ -35,4 +35,28 @@ inline void round_in_place(std::span<double> values, int decimals) noexcept {
     }
 }
 
+// nearbyint(y) in the default rounding mode, without a library call: adding 2**52 to |y| < 2**52
+// leaves no fractional bits, and that addition rounds half to even. Larger |y|, infinities and
+// NaN are returned unchanged, as nearbyint returns them.
+inline double round_half_even(double y) noexcept {
+    const double a = std::fabs(y);
+    if (!(a < 0x1p52)) return y;
+    return std::copysign((a + 0x1p52) - 0x1p52, y);
+}
+
+// round_to with the power of ten found once, for loops over many values: the same results,
+// bit for bit, at a fraction of the cost.
+class Rounder {
+public:
+    explicit Rounder(int decimals) noexcept
+        : scale_(power_of_ten(decimals < 0 ? -decimals : decimals)), negative_(decimals < 0) {}
+    double operator()(double x) const noexcept {
+        return negative_ ? round_half_even(x / scale_) * scale_ : round_half_even(x * scale_) / scale_;
+    }
+
+private:
+    double scale_;
+    bool negative_;
+};
+
 }  // namespace veltrane::kernels

@@ -6,7 +6,7 @@ from typing import Final, Literal, NamedTuple, get_args
 
 import numpy as np
 
-__all__ = ["PAYMENT_FREQUENCIES", "PaymentFrequencyLiteral", "TableKey", "_NUMERIC_TYPES"]
+__all__ = ["PAYMENT_FREQUENCIES", "_NUMERIC_TYPES", "PaymentFrequencyLiteral", "TableKey"]
 
 #: Payments per year accepted by ``px`` and ``qx``: annual, half-yearly, every four
 #: months, quarterly, every two months and monthly.

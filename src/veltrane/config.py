@@ -23,7 +23,7 @@ from contextlib import contextmanager
 from pathlib import Path
 from typing import Any, Final
 
-__all__ = ["Config", "DecimalsSettings", "LX_INTERPOLATIONS", "MAX_DECIMALS"]
+__all__ = ["LX_INTERPOLATIONS", "MAX_DECIMALS", "Config", "DecimalsSettings"]
 
 #: Functions run by ``Config().reset()`` after the defaults are restored.
 _reset_callbacks: list[Callable[[], None]] = []
@@ -138,7 +138,7 @@ class Config:
     restored on exit, and ``Config().override(...)`` sets some for one block.
     """
 
-    __slots__ = ("_decimals", "_lx_interpolation", "_warn_chained", "_tables_path", "_saved")
+    __slots__ = ("_decimals", "_lx_interpolation", "_saved", "_tables_path", "_warn_chained")
     _instance: Config | None = None
 
     def __new__(cls) -> Config:

@@ -45,6 +45,7 @@ def _invalidate() -> None:
     for callback in tuple(_invalidation_callbacks):
         callback()
 
+
 _SLOTS: Final = (
     "_table_name",
     "_file_name",

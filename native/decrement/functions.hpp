@@ -1,0 +1,78 @@
+// Pieces shared by the actuarial functions: functions.cpp (lx, px, qx, dx and the lazy l
+// vectors) and intervals.cpp (tpx, tqx and the age-by-duration grid).
+// Every vector handed to a kernel is held by an owned reference for the kernel's duration,
+// so a kernel running without the GIL never reads memory that another thread could free.
+#pragma once
+
+#include "decrement/table.hpp"
+#include "kernels/probability.hpp"
+
+#include <cstddef>
+#include <span>
+#include <string_view>
+
+namespace veltrane::decrement::actuarial {
+
+// Vectors at least this long are computed with the GIL released; below it the release and
+// re-acquisition would cost more than it frees.
+inline constexpr std::size_t kReleaseGilCells = std::size_t{1} << 15;
+
+template <class F>
+void run_kernel(std::size_t cells, F&& body) {
+    if (cells >= kReleaseGilCells) {
+        py::gil_released nogil;
+        body();
+    } else {
+        body();
+    }
+}
+
+// Ages or durations after validation or conversion.
+struct Values {
+    py::ref array;        // the vector (null when a scalar was given)
+    double value = 0.0;   // the number when `array` is null
+    bool scalar = false;  // a scalar was given: the result takes the scalar's shape
+    std::span<const double> view() const {
+        return array ? py::f64_cspan(array.get()) : std::span<const double>(&value, 1);
+    }
+    std::size_t size() const { return array ? static_cast<std::size_t>(py::f64_size(array.get())) : 1; }
+};
+
+// Checked: finite numbers only, "[method] attr must be finite, got nan" otherwise.
+Values validated(PyObject* obj, std::string_view method, std::string_view attr);
+// Unchecked conversion to a vector (internal callers that validated already).
+Values converted(PyObject* obj);
+bool any_negative(std::span<const double> values) noexcept;
+
+// The table's last age in force (`w`).
+double table_w(TableObject* t);
+// The decrement vector in use, or a ValueError naming the table when there is none.
+py::ref decrement_vector(TableObject* t);
+
+// The rounded (or, with `raw`, unrounded) l vector, built on first use, with the settings.
+struct LVector {
+    py::ref keep;
+    kernels::Survivorship view;
+};
+LVector survivorship(TableObject* t, const ConfigSnapshot& cfg, bool raw);
+
+[[noreturn]] void raise_negative_ages(TableObject* t, const char* prefix);
+[[noreturn]] void raise_fault(const kernels::RangeFault& fault, std::string_view caller);
+
+// A Python float: a new reference for returning, or owned.
+inline PyObject* new_float(double v) { return py::require(PyFloat_FromDouble(v)); }
+inline py::ref float_result(double v) { return py::check(PyFloat_FromDouble(v)); }
+
+enum class Probability { px, qx };
+
+// The one-period engine: ages already validated (or converted), m already checked.
+// `scalar_result` asks for a float (the input was a single number).
+py::ref decrement_interval(TableObject* t, Probability kind, const Values& x, double m, bool use_raw,
+                           bool scalar_result);
+
+// intervals.cpp
+PyObject* Table_tpx(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
+PyObject* Table_tqx(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
+PyObject* Table_prob_life_interval(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
+
+}  // namespace veltrane::decrement::actuarial

@@ -1,0 +1,251 @@
+"""The ``veltrane`` command: list the available tables, show one, evaluate an actuarial function.
+
+Examples
+--------
+.. code-block:: sh
+
+    veltrane tables                             # tables found, with type and structure
+    veltrane show SULT --sex u                  # summary lines and the first rates
+    veltrane eval SULT --sex u tpx 65 10        # 10p65
+    veltrane eval SULT --sex u qx 50.5 --m 12   # monthly decrement probability at 50.5
+    veltrane eval SULT --sex u lx 50,60,70      # several ages, comma-separated
+
+Bad arguments, unknown tables and values a table refuses end with a one-line message on
+standard error and exit status 2.
+"""
+
+from __future__ import annotations
+
+import argparse
+import sys
+from collections.abc import Sequence
+from pathlib import Path
+from typing import TYPE_CHECKING, Any, NoReturn
+
+import polars as pl
+
+from veltrane.base import PAYMENT_FREQUENCIES
+from veltrane.config import Config
+
+if TYPE_CHECKING:
+    from veltrane.tables.decrement import DecrementTable
+
+__all__ = ["main"]
+
+_FUNCTIONS = ("lx", "px", "qx", "tpx", "tqx", "dx")
+_USAGE_ERROR = 2
+
+
+class _Parser(argparse.ArgumentParser):
+    """An argument parser whose errors are one line (with a pointer to ``--help``)."""
+
+    def error(self, message: str) -> NoReturn:
+        self.exit(_USAGE_ERROR, f"{self.prog}: error: {message} (see '{self.prog} --help')\n")
+
+
+class _RefusedError(Exception):
+    """A table or a value was refused; the message is shown as is."""
+
+
+def _number(text: str) -> int | float:
+    try:
+        return int(text)
+    except ValueError:
+        pass
+    try:
+        return float(text)
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"not a number: {text!r}") from None
+
+
+def _numbers(text: str) -> int | float | list[int | float]:
+    """One number, or a comma-separated list of them (a list even when it holds one)."""
+    if "," not in text:
+        return _number(text)
+    return [_number(part) for part in text.split(",") if part.strip()]
+
+
+def _duration(text: str) -> int | str:
+    if text == "ult":
+        return text
+    try:
+        return int(text)
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"duration must be an integer or 'ult', got {text!r}") from None
+
+
+def _build_parser() -> _Parser:
+    parser = _Parser(prog="veltrane", description="Actuarial decrement tables (life, disability, exit).")
+    commands = parser.add_subparsers(dest="command", metavar="COMMAND", parser_class=_Parser)
+    commands.required = True
+
+    commands.add_parser("tables", help="list the available tables with their type and structure")
+
+    def table_arguments(sub: argparse.ArgumentParser) -> None:
+        sub.add_argument("name", metavar="NAME", help="table name (file stem, without extension)")
+        sub.add_argument("--sex", required=True, help="'m', 'f' or 'u'")
+        sub.add_argument("--cohort", type=int, help="year of birth (generational tables)")
+        sub.add_argument("--duration", type=_duration, help="policy duration or 'ult' (select tables)")
+        sub.add_argument("--blend", type=float, help="male weight of a blended unisex table")
+
+    show = commands.add_parser("show", help="print a table's summary and its first rates")
+    table_arguments(show)
+    show.add_argument("--rows", type=int, default=10, help="number of rates shown (default 10)")
+
+    evaluate = commands.add_parser(
+        "eval",
+        help="evaluate lx, px, qx, tpx, tqx or dx",
+        description="Evaluate an actuarial function. X and T take one number or a comma-separated list.",
+    )
+    table_arguments(evaluate)
+    evaluate.add_argument("function", metavar="FUNCTION", choices=_FUNCTIONS, help=", ".join(_FUNCTIONS))
+    evaluate.add_argument("x", metavar="X", type=_numbers, help="age(s)")
+    evaluate.add_argument("t", metavar="T", type=_numbers, nargs="?", help="duration(s) in years (tpx, tqx)")
+    evaluate.add_argument(
+        "--m", type=int, choices=PAYMENT_FREQUENCIES, help="payments per year (px, qx; default 1)"
+    )
+    return parser
+
+
+# -- tables ---------------------------------------------------------------------------------------
+def _table_files() -> list[tuple[str, Path]]:
+    """(name, directory) of every table pair, in search order; a shadowed name is listed once."""
+    from veltrane.tables.source import BUNDLED_TABLES_DIR
+
+    found: dict[str, Path] = {}
+    for directory in (*Config().tables_path, BUNDLED_TABLES_DIR):
+        if not directory.is_dir():
+            continue
+        for toml in sorted(directory.glob("*.toml")):
+            if toml.with_suffix(".csv").is_file():
+                found.setdefault(toml.stem, directory)
+    return list(found.items())
+
+
+def _list_tables() -> int:
+    from veltrane.tables.source import BUNDLED_TABLES_DIR, TableSource
+
+    rows = []
+    for name, directory in _table_files():
+        where = "bundled" if directory == BUNDLED_TABLES_DIR else str(directory)
+        try:
+            source = TableSource(name)
+        except (OSError, ValueError) as exc:
+            rows.append((name, "?", "?", f"unreadable: {exc}", where))
+            continue
+        structure = next((ln for ln in source._taxonomy_lines() if ln.startswith("Structure: ")), "")
+        sexes = ",".join(source.valid_sexes)
+        rows.append((name, source.table_type, sexes, structure.removeprefix("Structure: "), where))
+    if not rows:
+        print("No tables found.")
+        return 0
+    header = ("NAME", "TYPE", "SEXES", "STRUCTURE", "WHERE")
+    widths = [max(len(str(row[i])) for row in (header, *rows)) for i in range(len(header) - 1)]
+    for row in (header, *rows):
+        cells = [str(cell).ljust(width) for cell, width in zip(row, widths, strict=False)]
+        print("  ".join([*cells, str(row[-1])]).rstrip())
+    return 0
+
+
+# -- show and eval --------------------------------------------------------------------------------
+def _open_table(args: argparse.Namespace) -> DecrementTable:
+    from veltrane.tables.disability import DisabilityTable
+    from veltrane.tables.exit import ExitTable
+    from veltrane.tables.life import LifeTable
+    from veltrane.tables.source import TableSource
+
+    classes: dict[str, Any] = {"life": LifeTable, "disability": DisabilityTable, "exit": ExitTable}
+    try:
+        source = TableSource(args.name)
+        cls = classes.get(source.table_type)
+        if cls is None:
+            raise _RefusedError(f"table {args.name!r} has an unknown type {source.table_type!r}")
+        return cls(args.name, args.sex, cohort=args.cohort, unisex_blend=args.blend, duration=args.duration)
+    except (OSError, ValueError, TypeError) as exc:
+        raise _RefusedError(str(exc)) from exc
+
+
+def _show(args: argparse.Namespace) -> int:
+    if args.rows < 0:
+        raise _RefusedError(f"--rows must be >= 0, got {args.rows}")
+    table = _open_table(args)
+    lines = [f"{type(table).__name__}: {table.table_name}", f"Sex: {table.sex}"]
+    if table.unisex_blend is not None:
+        lines.append(f"Unisex blend: {table.unisex_blend} (male weight)")
+    lines += [f"  {line}" for line in table.table._taxonomy_lines()]
+    if table.generational:
+        lines.append(f"Cohort: {table.cohort}")
+    if table.select:
+        lines.append(f"Duration: {table.duration}")
+    lines.append(f"w: {table.w}")
+    print("\n".join(lines))
+    print()
+    # Rates are shown in full: the default display rounds them to six significant digits.
+    with pl.Config(fmt_float="full", tbl_rows=args.rows):
+        print(table.head(args.rows))
+    return 0
+
+
+def _format(value: float) -> str:
+    return repr(float(value))
+
+
+def _evaluate(args: argparse.Namespace) -> int:
+    function = args.function
+    if args.t is not None and function not in ("tpx", "tqx"):
+        raise _RefusedError(f"{function} takes no duration T (only tpx and tqx do)")
+    if args.m is not None and function not in ("px", "qx"):
+        raise _RefusedError(f"--m applies to px and qx only, not {function}")
+    table = _open_table(args)
+    method = getattr(table, function)
+    try:
+        if function in ("tpx", "tqx"):
+            result = method(args.x, 1 if args.t is None else args.t)
+        elif function in ("px", "qx"):
+            result = method(args.x, 1 if args.m is None else args.m)
+        else:
+            result = method(args.x)
+    except (ValueError, TypeError) as exc:
+        raise _RefusedError(str(exc)) from exc
+    if isinstance(result, float):
+        print(_format(result))
+        return 0
+    ages = args.x if isinstance(args.x, list) else [args.x]
+    if result.ndim == 2:
+        print("\t".join(["x \\ t", *(str(t) for t in args.t)]))
+        for age, row in zip(ages, result, strict=True):
+            print("\t".join([str(age), *(_format(v) for v in row)]))
+        return 0
+    labels = args.t if isinstance(args.t, list) and not isinstance(args.x, list) else ages
+    for label, value in zip(labels, result, strict=True):
+        print(f"{label}\t{_format(value)}")
+    return 0
+
+
+def main(argv: Sequence[str] | None = None) -> int:
+    """Run the ``veltrane`` command.
+
+    Parameters
+    ----------
+    argv : sequence of str, optional
+        The arguments after the program name; defaults to ``sys.argv[1:]``.
+
+    Returns
+    -------
+    int
+        The exit status: 0 on success, 2 for bad arguments, unknown tables or refused values.
+    """
+    args = _build_parser().parse_args(argv)
+    try:
+        if args.command == "tables":
+            return _list_tables()
+        if args.command == "show":
+            return _show(args)
+        return _evaluate(args)
+    except _RefusedError as exc:
+        print(f"veltrane {args.command}: error: {exc}", file=sys.stderr)
+        return _USAGE_ERROR
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,433 @@
+"""lx, px, qx, tpx, tqx and dx against NumPy references, at integer and fractional ages.
+
+``Reference`` recomputes every function from the bundled Makeham rates with whole-vector NumPy
+(survivorship by cumulative product, masked divisions, ``np.round``), under both interpolations;
+the tables must agree with it bit for bit. The closed form of Makeham's law and a published
+l column check the actuarial meaning independently of both.
+"""
+
+from __future__ import annotations
+
+import contextlib
+import csv
+import gc
+import math
+import sys
+import threading
+from pathlib import Path
+
+import numpy as np
+import pandas as pd
+import polars as pl
+import pytest
+
+from veltrane.base import PAYMENT_FREQUENCIES
+from veltrane.config import Config
+from veltrane.tables import decrement
+from veltrane.tables.life import LifeTable
+from veltrane.tables.source import BUNDLED_TABLES_DIR
+
+EPS = 1e-9
+RADIX = 1_000_000.0
+A, B, C = 0.00022, 2.7e-6, 1.124  # Makeham's law of the bundled SULT table
+RAW = Path(__file__).resolve().parents[2] / "shared" / "tables" / "raw"
+
+
+class Reference:
+    """The survivorship and probability formulas as whole-vector NumPy, from a rate vector."""
+
+    def __init__(self, q: np.ndarray, method: str = "linear") -> None:
+        self.q, self.method, self.w = q, method, q.size - 1
+        self.l_raw = RADIX * np.concatenate([[1.0], np.cumprod(1.0 - q[:-1])])
+        self.l = np.round(self.l_raw, 9)
+
+    def lx_at(self, x, raw=False) -> np.ndarray:
+        L = self.l_raw if raw else self.l
+        x = np.atleast_1d(np.asarray(x, dtype=np.float64))
+        xc = np.maximum(np.minimum(x, float(self.w)), 0.0)
+        i = np.floor(xc).astype(np.int64)
+        f = xc - i
+        up = f >= 1.0 - EPS
+        is_int = up | (f <= EPS)
+        out = np.empty_like(xc)
+        out[is_int] = L[np.clip(i + up, 0, L.size - 1)[is_int]]
+        i, f = i[~is_int], f[~is_int]
+        if self.method == "linear":
+            out[~is_int] = L[i] + (L[i + 1] - L[i]) * f
+        else:
+            lo, hi = L[i], L[np.minimum(i + 1, L.size - 1)]
+            part = np.zeros_like(lo)
+            nz = lo != 0.0
+            part[nz] = lo[nz] * (hi[nz] / lo[nz]) ** f[nz]
+            out[~is_int] = part
+        out[x > self.w] = 0.0
+        return out
+
+    def prob(self, kind: str, x, m: int = 1, decimals: int = 12) -> np.ndarray:
+        """px or qx on a vector of ages (the vector path; a single age takes ``prob_scalar``)."""
+        x = np.atleast_1d(np.asarray(x, dtype=np.float64))
+        w = float(self.w)
+        if m == 1 and np.all(np.abs(x - np.rint(x)) <= EPS):
+            idx = np.clip(np.rint(x).astype(np.int64), 0, self.q.size - 1)
+            p = np.where(x >= w, 0.0, 1.0 - self.q[idx])
+        else:
+            xc = np.clip(x, 0.0, w)
+            l0, l1 = self.lx_at(xc), self.lx_at(xc + 1.0 / m)
+            if m != 1:
+                l0, l1 = np.round(l0, 9), np.round(l1, 9)
+            p = np.zeros_like(xc)
+            ok = (l0 != 0.0) & (xc + 1.0 / m <= w)
+            p[ok] = l1[ok] / l0[ok]
+        return np.round(p if kind == "px" else 1.0 - p, decimals)
+
+    def prob_scalar(self, kind: str, x: float, m: int) -> float:
+        if m == 1:
+            return float(self.prob(kind, [x], 1)[0])
+        x0 = min(x, float(self.w))
+        l1 = round(float(self.lx_at(x0 + 1.0 / m)[0]), 9)
+        l0 = round(float(self.lx_at(x0)[0]), 9)
+        p = 0.0 if l0 == 0.0 or x0 >= self.w else min(max(l1 / l0, 0.0), 1.0)
+        return float(np.round(p if kind == "px" else 1.0 - p, 12))
+
+    def interval(self, kind: str, x, t) -> np.ndarray:
+        """tpx or tqx: a vector over ages for one duration, else the age-by-duration grid."""
+        x = np.atleast_1d(np.asarray(x, dtype=np.float64))
+        t = np.atleast_1d(np.asarray(t, dtype=np.float64))
+        if t.size == 1:
+            a, b = np.round(self.lx_at(x + t[0]), 9), np.round(self.lx_at(x), 9)
+            p = np.zeros_like(a)
+            p[b != 0.0] = a[b != 0.0] / b[b != 0.0]
+        else:
+            grid = self.lx_at((x[:, None] + t[None, :]).ravel()).reshape(x.size, t.size)
+            b = self.lx_at(x)
+            p = np.zeros_like(grid)
+            p[b != 0.0] = grid[b != 0.0] / b[b != 0.0, None]
+        return np.round(p if kind == "tpx" else 1.0 - p, 12)
+
+
+def sult_rates() -> np.ndarray:
+    with (BUNDLED_TABLES_DIR / "SULT.csv").open(newline="") as handle:
+        return np.array([float(row["qx_u"]) for row in csv.DictReader(handle)])
+
+
+@pytest.fixture(params=["linear", "exponential"])
+def case(request):
+    """The SULT table and its reference, under each interpolation setting."""
+    with Config().override(lx_interpolation=request.param):
+        yield LifeTable("SULT", "u"), Reference(sult_rates(), request.param)
+
+
+RNG = np.random.default_rng(7)
+INTEGER_AGES = np.arange(0.0, 126.0)
+FRACTIONAL_AGES = np.concatenate(
+    [
+        np.linspace(0.0, 125.0, 2001),
+        RNG.uniform(0.0, 121.0, 500),
+        [49.9999999999, 50.0000000001, 50.999999999, 119.5, 119.99, 120.0, 120.5, 1e9],
+    ]
+)
+
+
+@pytest.mark.parametrize("ages", [INTEGER_AGES, FRACTIONAL_AGES], ids=["integer", "fractional"])
+def test_functions_match_reference_bit_for_bit(case, ages):
+    table, ref = case
+    np.testing.assert_array_equal(table.lx(ages), np.round(ref.lx_at(ages), 9))
+    np.testing.assert_array_equal(table.dx(ages), np.round(ref.lx_at(ages) - ref.lx_at(ages + 1.0), 9))
+    for m in (1, 12):
+        np.testing.assert_array_equal(table.px(ages, m=m), ref.prob("px", ages, m))
+        np.testing.assert_array_equal(table.qx(ages, m=m), ref.prob("qx", ages, m))
+    for t in (0.5, 1.0, 10.0, 7.25):
+        np.testing.assert_array_equal(table.tqx(ages, t), ref.interval("tqx", ages, t))
+    durations = np.array([0.0, 0.25, 1.0, 5.5, 30.0])
+    np.testing.assert_array_equal(table.tpx(ages, durations), ref.interval("tpx", ages, durations))
+    np.testing.assert_array_equal(table._lx_at(ages, use_raw=True), ref.lx_at(ages, raw=True))
+
+
+@pytest.mark.parametrize("x", [0.0, 20.0, 50.0, 50.5, 64.25, 99.999, 119.5, 120.0, 123.0])
+@pytest.mark.parametrize("m", [1, 12])
+def test_scalar_path_matches_reference(case, x, m):
+    table, ref = case
+    assert table.lx(x) == np.round(ref.lx_at(x), 9)[0]
+    assert table.px(x, m=m) == ref.prob_scalar("px", x, m)
+    assert table.qx(x, m=m) == ref.prob_scalar("qx", x, m)
+    assert table.tqx(x, 7.5) == ref.interval("tqx", x, 7.5)[0]
+    assert table.tpx(x, [2.0, 10.0]).tolist() == ref.interval("tpx", x, [2.0, 10.0]).ravel().tolist()
+    assert all(isinstance(v, float) for v in (table.lx(x), table.px(x, m=m), table.tqx(x, 7.5), table.dx(x)))
+
+
+def test_makeham_closed_form():
+    """Survivorship and interval probabilities follow Makeham's law at integer ages."""
+    table = LifeTable("SULT", "u")
+
+    def survival(x, t):  # t p x for x >= 20
+        return math.exp(-A * t - B * C**x * (C**t - 1.0) / math.log(C))
+
+    for x in (20, 35, 50, 65, 80, 100):
+        assert table.lx(x) == pytest.approx(RADIX * survival(20, x - 20), rel=1e-12)
+        for t in (1, 5, 10, 17):
+            assert table.tpx(x, t) == pytest.approx(survival(x, t), abs=2e-12)
+            assert table.tqx(x, t) == pytest.approx(1.0 - survival(x, t), abs=2e-12)
+    # 10p65 of the Standard Ultimate Life Table, as published to five decimals.
+    assert round(table.tpx(65, 10), 5) == 0.90086
+
+
+def test_interpolation_between_integer_ages():
+    table = LifeTable("SULT", "u")
+    l50, l51 = table.lx(50), table.lx(51)
+    assert table.lx(50.25) == pytest.approx(l50 + 0.25 * (l51 - l50), abs=1e-9)
+    assert table.px(50.5) == pytest.approx(table.lx(51.5) / table.lx(50.5), abs=1e-12)
+    with Config().override(lx_interpolation="exponential"):  # a change of setting applies at once
+        assert table.lx(50.25) == pytest.approx(l50 * (l51 / l50) ** 0.25, abs=1e-9)
+        assert table.qx(50, m=12) == pytest.approx(1.0 - (l51 / l50) ** (1 / 12), abs=1e-11)
+
+
+def test_edge_ages():
+    table = LifeTable("SULT", "u")
+    w = table.w
+    q = table._decrement
+    assert table.lx(0) == RADIX
+    assert table.lx(w + 0.5) == table.lx(w + 10) == 0.0
+    assert table.lx(49.9999999999) == table.lx(50) and table.lx(50.0000000001) == table.lx(50)
+    assert table.qx(w) == table.qx(w + 3) == 1.0 and table.px(w) == 0.0
+    assert table.qx(w - 1) == round(q[w - 1], 12)
+    assert table.px(50) == round(1.0 - q[50], 12)
+    assert table.px(w - 0.5) == 0.0
+    assert table.tpx(55.5, 0) == 1.0 and table.tpx(w, 1) == 0.0 and table.tqx(w, 1) == 1.0
+    assert table.dx().size == w + 1 and table.dx()[-1] == table.lx(w) == table.dx(w)
+    assert table.dx(w + 1) == 0.0
+    np.testing.assert_array_equal(table.lx(), table.lx(np.arange(w + 1.0)))
+
+
+def test_tpx_of_one_year_is_px_exactly():
+    table = LifeTable("SULT", "u")
+    ages = np.arange(0, 125)
+    np.testing.assert_array_equal(table.tpx(ages, 1), table.px(ages))
+    with Config().override(decimals={"px": 6, "tpx": 10}):
+        assert table.tpx(50) == table.px(50) == round(1.0 - table._decrement[50], 6)
+        assert table.tpx(50, 2) == round(table.tpx(50, 2), 10)
+
+
+def test_zero_survivors_divide_by_nothing(tables):
+    """A table whose rates reach 1 before its last age: l = 0 from there on."""
+    tables.write("EARLY", {"table_type": "life", "sexes": ["m"]}, {"qx_m": [0.1, 1.0, 0.5, 1.0]})
+    t = LifeTable("EARLY", "m")
+    for method, l_mid in (("linear", 450_000.0), ("exponential", 0.0)):  # 0.9 * radix * 0 ** 0.5
+        with Config().override(lx_interpolation=method):
+            assert t.lx(1.5) == l_mid and t.lx(2.5) == 0.0
+            assert t.px([2, 2.5, 3]).tolist() == [0.0, 0.0, 0.0]
+            assert t.tqx([2.2, 2.5], 0.3).tolist() == [1.0, 1.0]
+            grid = t.tpx([2.5, 0.5], [0.0, 0.25])
+            assert grid[0].tolist() == [0.0, 0.0] and grid[1, 0] == 1.0
+            assert grid[1, 1] == pytest.approx(t.tpx(0.5, 0.25), abs=1e-12)
+            assert t.qx(2.5, m=12) == 1.0
+
+
+@pytest.mark.parametrize(
+    ("x", "t", "shape"),
+    [
+        ([50, 55], [1, 5, 10], (2, 3)),
+        (50, [1, 5], (2,)),
+        ([50, 55], 10, (2,)),
+        ([50], 10, (1,)),
+        (50, [10], (1,)),
+        ([50], [10], (1, 1)),
+        ([], 10, (0,)),
+        ([], [1, 2], (0, 2)),
+        ([50, 55], [], (2, 0)),
+        (50, [], (0,)),
+    ],
+)
+def test_result_shapes(x, t, shape):
+    table = LifeTable("SULT", "u")
+    for fn in (table.tpx, table.tqx):
+        result = fn(x, t)
+        assert isinstance(result, np.ndarray) and result.shape == shape and result.dtype == np.float64
+    assert isinstance(table.tqx(50, 10), float) and isinstance(table.tpx(50.5), float)
+    assert table.lx([50]).shape == table.px([50], m=12).shape == (1,) and table.dx([]).shape == (0,)
+
+
+def test_grid_in_pieces_equals_rows():
+    """3,000 ages by 1,000 durations is more than one piece of 2,000,000 cells."""
+    table = LifeTable("SULT", "u")
+    rng = np.random.default_rng(3)
+    ages, durations = rng.uniform(0, 121, 3000), rng.uniform(0, 60, 1000)
+    grid = table.tqx(ages, durations)
+    assert grid.shape == (3000, 1000)
+    for i in (0, 1999, 2000, 2999):
+        np.testing.assert_array_equal(grid[i], table.tqx(ages[i], durations))
+    np.testing.assert_array_equal(grid, Reference(sult_rates()).interval("tqx", ages, durations))
+
+
+@pytest.mark.parametrize(
+    ("call", "message"),
+    [
+        (lambda t: t.lx(-0.5), "[lx] All ages x must be >= 0 for table 'SULT'."),
+        (lambda t: t.lx([50, -1]), "[lx] All ages x must be >= 0 for table 'SULT'."),
+        (lambda t: t.px(-1), "All ages x must be >= 0 for table 'SULT'."),
+        (lambda t: t.qx(np.array([1.0, -2.0]), m=12), "All ages x must be >= 0 for table 'SULT'."),
+        (lambda t: t.dx([-3]), "All ages x must be >= 0 for table 'SULT'."),
+        (lambda t: t.tpx(-1), "All ages x must be >= 0 for table 'SULT'."),
+        (lambda t: t.tpx(-1.5, 2), "[tpx] Ages 'x' must be >= 0"),
+        (lambda t: t.tqx(-1, 5), "[tqx] Ages 'x' must be >= 0"),
+        (lambda t: t.tpx(50, -1), "[tpx]: t must be >= 0"),
+        (lambda t: t.tqx([50, 60], [1, -5]), "[tqx]: t must be >= 0"),
+        (lambda t: t.lx(float("nan")), "[lx] x must be finite, got nan"),
+        (lambda t: t.tqx(50, [1, float("inf")]), "[tqx] t[1] must be finite, got inf"),
+        (lambda t: t.px(50, m=5), "[px] m must be one of 1, 2, 3, 4, 6, 12, got 5"),
+        (lambda t: t.qx(50, m=12.5), "[qx] m must be one of 1, 2, 3, 4, 6, 12, got 12.5"),
+        (lambda t: t._prob_decrement_interval("tpx", 50), "_prob_decrement_interval: prob_type must be 'px'"),
+        (lambda t: t._prob_life_interval("px", 50), "_prob_life_interval: prob_type must be 'tpx' or 'tqx'"),
+    ],
+)
+def test_value_errors(call, message):
+    with pytest.raises(ValueError) as info:
+        call(LifeTable("SULT", "u"))
+    assert str(info.value).startswith(message)
+
+
+@pytest.mark.parametrize(
+    ("call", "message"),
+    [
+        (lambda t: t.lx("50"), "[lx] x must be a number or a sequence of numbers, got str"),
+        (lambda t: t.px([50, None]), "[px] x[1] must be numeric, got NoneType"),
+        (lambda t: t.tpx(True), "[tpx] x must be numeric, not bool"),
+        (lambda t: t.tqx(50, [[1, 2]]), "[tqx] t must be one-dimensional"),
+        (lambda t: t.qx(50, m=[12]), "[qx] m must be a single number, got list"),
+        (lambda t: t.tpx(), "tpx() missing required argument 'x'"),
+        (lambda t: t.px(50, 1, 2), "px() takes at most 2 arguments (3 given)"),
+        (lambda t: t.lx(y=2), "lx() got an unexpected keyword argument 'y'"),
+    ],
+)
+def test_type_errors(call, message):
+    with pytest.raises(TypeError) as info:
+        call(LifeTable("SULT", "u"))
+    assert str(info.value).startswith(message)
+
+
+def test_every_payment_frequency_is_accepted():
+    table = LifeTable("SULT", "u")
+    for m in PAYMENT_FREQUENCIES:
+        expected = table.tpx(50.0, 1.0 / m) if m != 1 else table.px(50)
+        assert table.px(50, m=m) == pytest.approx(expected, abs=1e-11)
+        assert table.px(np.int64(50), m=np.int64(m)) == table.px(50, m=m)
+    with pytest.raises(ValueError, match=", ".join(map(str, PAYMENT_FREQUENCIES)) + ", got 0$"):
+        table.px(50, m=0)
+
+
+def test_input_kinds_agree():
+    table = LifeTable("SULT", "u")
+    ages = [20.0, 35.5, 50.25, 80.0]
+    expected = table.tqx(np.array(ages), 10)
+    for given in (
+        ages,
+        tuple(ages),
+        np.array(ages, dtype=np.float32).astype(np.float64),
+        pd.Series(ages),
+        pl.Series(ages),
+        np.array(ages)[::-1][::-1],
+    ):
+        np.testing.assert_array_equal(table.tqx(given, 10), expected)
+    assert table.lx(np.float64(50.5)) == table.lx(50.5) == table.lx(np.array(50.5))
+    assert table.px(np.arange(20, 30)).tolist() == table.px(list(range(20, 30))).tolist()
+
+
+def test_a_change_of_settings_reaches_cached_vectors():
+    t = LifeTable("SULT", "u")
+    before = (t.lx(50.5), t.px()[60], t.qx(70))
+    with Config().override(decimals={"lx": 2, "px": 3, "qx": 4}, lx_interpolation="exponential"):
+        lx, px, qx = t.lx(50.5), t.px()[60], t.qx(70)
+        assert lx == round(lx, 2) and px == round(px, 3) and qx == round(qx, 4)
+        assert lx != before[0]
+    assert (t.lx(50.5), t.px()[60], t.qx(70)) == before
+
+
+def test_whole_table_vectors_are_fresh_copies():
+    table = LifeTable("SULT", "u")
+    for fn in (table.px, table.qx, table.lx, table.dx):
+        first = fn()
+        first[:] = -1.0
+        assert (fn() >= 0.0).all()
+    np.testing.assert_array_equal(table.qx(), np.round(table._decrement, 12))
+    np.testing.assert_array_equal(table.px(), np.round(1.0 - table._decrement, 12))
+    assert table._px is not table.px()
+
+
+def test_internal_engines():
+    table = LifeTable("SULT", "u")
+    ages = np.array([50.0, 60.5])
+    assert table._prob_decrement_interval("qx", 50.5, m=12) == table.qx(50.5, m=12)
+    np.testing.assert_array_equal(table._prob_decrement_interval("px", ages, validate=False), table.px(ages))
+    assert table._prob_decrement_interval("px", [50.0], validate=False, is_scalar_x_hint=True) == table.px(50)
+    np.testing.assert_array_equal(table._prob_life_interval("tqx", ages, t=[1, 2]), table.tqx(ages, [1, 2]))
+    assert table._prob_life_interval("tpx", [50.0], t=[10.0], validate=False) == table.tpx(50, 10)
+    raw = table._prob_life_interval("tpx", 50.5, 10, use_raw=True)
+    assert raw == pytest.approx(table.tpx(50.5, 10), abs=1e-12)
+    assert table._lx_at(np.array([np.nan, 50.0]))[1] == table.lx(50.0)
+
+
+def test_interpolation_map_holds_the_routines():
+    cls = decrement.DecrementTable
+    mapping = cls._LX_INTERPOLATION_MAP
+    assert mapping["linear"] is cls._lx_interpolation_linear
+    assert mapping["exponential"] is cls._lx_interpolation_exponential
+    table = LifeTable("SULT", "u")
+    lives, idx, frac = table.lx(), np.array([50, 119]), np.array([0.25, 0.5])
+    for name in ("linear", "exponential"):
+        with Config().override(lx_interpolation=name):
+            np.testing.assert_array_equal(mapping[name](lives, idx, frac), table._lx_at(idx + frac))
+    assert mapping["exponential"](lives, [120], [0.5]).tolist() == [lives[120]]
+    with pytest.raises(IndexError):
+        mapping["linear"](lives, [120], [0.5])
+
+
+def test_pending_table_is_refused(tables):
+    tables.select()
+    t = LifeTable("SEL", "m", pending=True)
+    for name in ("lx", "px", "qx", "dx"):
+        with pytest.raises(ValueError, match=f"called from {name}\\)"):
+            getattr(t, name)(50)
+    with pytest.raises(ValueError, match="called from tqx"):
+        t.tqx(1, 1)
+
+
+def test_no_reference_leaks():
+    table = LifeTable("SULT", "u")
+    ages, durations, age = np.array([50.5, 60.0]), [1.0, 2.0], 50.5
+    before = [sys.getrefcount(o) for o in (ages, durations, age, table)]
+    for _ in range(200):
+        table.tpx(ages, durations), table.qx(age, m=12), table.lx(ages), table.px(), table.dx(age)
+        with contextlib.suppress(ValueError):
+            table.tqx(ages, -1.0)
+    gc.collect()
+    assert [sys.getrefcount(o) for o in (ages, durations, age, table)] == before
+
+
+def test_threads_share_a_table():
+    """Long vectors run without the GIL; concurrent callers get the serial results."""
+    table = LifeTable("SULT", "u")
+    ages = np.random.default_rng(5).uniform(0, 121, 200_000)
+    expected = table.tqx(ages, 10.0)
+    results = []
+
+    def work():
+        results.append(table.tqx(ages, 10.0))
+
+    threads = [threading.Thread(target=work) for _ in range(4)]
+    for th in threads:
+        th.start()
+    for th in threads:
+        th.join()
+    assert len(results) == 4 and all(np.array_equal(r, expected) for r in results)
+
+
+@pytest.mark.skipif(not (RAW / "lifecontingencies" / "soaLt.csv").is_file(), reason="published tables absent")
+def test_published_illustrative_life_table(tables):
+    """The SOA Illustrative Life Table's l column (radix 10,000,000) rebuilt from its own rates."""
+    with (RAW / "lifecontingencies" / "soaLt.csv").open(newline="") as handle:
+        rows = [row for row in csv.reader(handle) if row and row[0].strip().isdigit()]
+    l_published = np.array([float(row[1]) for row in rows])
+    q = np.append(1.0 - l_published[1:] / l_published[:-1], 1.0)
+    tables.write("ILT", {"table_type": "life", "sexes": ["u"]}, {"qx_u": q})
+    t = LifeTable("ILT", "u")
+    np.testing.assert_allclose(t.lx(np.arange(q.size)), l_published / 10.0, rtol=1e-12)
+    assert t.tpx(65, 20) == pytest.approx(l_published[85] / l_published[65], abs=1e-12)
