@@ -28,7 +28,7 @@ bench: $(VENV)/.installed
 # The suite under AddressSanitizer and UndefinedBehaviorSanitizer, in a venv of its own.
 test-asan: $(ASAN_VENV)/.installed
 	LD_PRELOAD="$$(g++ -print-file-name=libasan.so) $$(g++ -print-file-name=libubsan.so) $$(g++ -print-file-name=libstdc++.so)" \
-	PYTHONMALLOC=malloc ASAN_OPTIONS=detect_leaks=0 \
+	PYTHONMALLOC=malloc ASAN_OPTIONS=detect_leaks=0 VELTRANE_SANITIZED=1 \
 	UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
 	$(ASAN_BIN)/python -m pytest -q -p no:cacheprovider
 
