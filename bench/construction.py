@@ -6,27 +6,20 @@ repeated timings in microseconds. A benchmark, not a test: nothing here asserts 
 
 from __future__ import annotations
 
-import statistics
 import tempfile
-import time
 from collections.abc import Callable
 from pathlib import Path
 
 import numpy as np
 
+from timing import median_seconds
 from veltrane import Config, LifeTable
 from veltrane.tables.source import TableSource, write_table
 
 
-def median_us(fn: Callable[[], object], number: int, repeat: int = 7) -> float:
-    """Median over ``repeat`` runs of the mean time of one call, in microseconds."""
-    samples = []
-    for _ in range(repeat):
-        start = time.perf_counter()
-        for _ in range(number):
-            fn()
-        samples.append((time.perf_counter() - start) / number * 1e6)
-    return statistics.median(samples)
+def median_us(fn: Callable[[], object], number: int) -> float:
+    """Median of repeated timings of one call, in microseconds."""
+    return median_seconds(fn, number=number, repeat=7) * 1e6
 
 
 def write_generational(directory: Path) -> None:

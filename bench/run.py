@@ -16,7 +16,6 @@ from __future__ import annotations
 
 import statistics
 import sys
-import time
 import timeit
 import tracemalloc
 from collections.abc import Callable
@@ -25,6 +24,9 @@ from pathlib import Path
 import numpy as np
 
 from veltrane import LifeTable
+
+sys.path.insert(0, str(Path(__file__).resolve().parent))
+from timing import median_seconds
 
 SCALAR_TARGET_NS = 1000.0
 VECTOR_TARGET_RATIO = 1.5
@@ -40,13 +42,7 @@ def scalar_ns(stmt: str, namespace: dict[str, object], number: int = 200_000) ->
 
 def median_ms(fn: Callable[[], object], repeat: int = REPEAT, number: int = 1) -> float:
     """Median over ``repeat`` runs of the mean time of ``number`` calls, in milliseconds."""
-    samples = []
-    for _ in range(repeat):
-        start = time.perf_counter()
-        for _ in range(number):
-            fn()
-        samples.append((time.perf_counter() - start) / number * 1e3)
-    return statistics.median(samples)
+    return median_seconds(fn, number=number, repeat=repeat) * 1e3
 
 
 def peak_mb(fn: Callable[[], object]) -> float:
