@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import os
+
 import numpy as np
 import pandas as pd
 import polars as pl
@@ -72,7 +74,12 @@ def _check(result, low: float, high: float) -> None:
     assert np.all((result >= low) & (result <= high)), result
 
 
-FUZZ = settings(max_examples=400, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
+# VELTRANE_FUZZ_EXAMPLES raises the count for a longer hunt by hand.
+FUZZ = settings(
+    max_examples=int(os.environ.get("VELTRANE_FUZZ_EXAMPLES", "400")),
+    deadline=None,
+    suppress_health_check=[HealthCheck.function_scoped_fixture],
+)
 
 
 @FUZZ
