@@ -12,8 +12,6 @@ inline constexpr double kQCertaintyTol = 1e-12;
 inline constexpr long kCohortCacheMax = 256;
 // Instances above which a vectorial construction warns about memory.
 inline constexpr long kVectorialWarningThreshold = 100;
-// Default capacity of a table registry.
-inline constexpr long kRegistryDefaultMaxsize = 256;
 // Cells of an age-by-duration grid evaluated in one piece.
 inline constexpr std::size_t kGridBlockCells = 2'000'000;
 

@@ -277,7 +277,7 @@ void init_pending(TableObject* t, const InitArgs& a) {
     if (a.sex != Py_None) t->sex = py::ref::borrow(a.sex);
     if (a.cohort != Py_None) t->cohort = validate_cohort_year(t, a.cohort);
     if (a.duration != Py_None) {
-        t->duration = normalise_duration(t, a.duration, false);
+        t->duration = normalise_duration(t, a.duration);
         t->select_duration_set = true;
     }
     if (a.unisex_blend != Py_None) {

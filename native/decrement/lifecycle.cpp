@@ -190,7 +190,7 @@ void set_cohort(TableObject* t, PyObject* value) {
     after_key_change(t, true);
 }
 
-py::ref normalise_duration(TableObject* t, PyObject* value, bool) {
+py::ref normalise_duration(TableObject* t, PyObject* value) {
     const Names& n = t->st->names;
     py::ref name = table_name(t);
     if (!source_flag(t, n.select.get())) {
@@ -217,7 +217,7 @@ py::ref normalise_duration(TableObject* t, PyObject* value, bool) {
 }
 
 void set_duration(TableObject* t, PyObject* value) {
-    py::ref v = normalise_duration(t, value, true);
+    py::ref v = normalise_duration(t, value);
     const bool unchanged = v.is_none() ? (t->select_duration_set && is_ultimate(t->duration.get()))
                                        : (!is_ultimate(t->duration.get()) && same_value(t->duration, v.get()));
     if (unchanged) return;

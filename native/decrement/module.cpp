@@ -133,10 +133,6 @@ void init_names(Names& n) {
     n.table_name = intern("table_name");
     n.get_column = intern("get_column");
     n.to_numpy = intern("to_numpy");
-    n.decimals = intern("decimals");
-    n.lx_interpolation = intern("lx_interpolation");
-    n.warn_on_chained_table_rebuild = intern("warn_on_chained_table_rebuild");
-    n.cohort = intern("cohort");
     n.u = intern("u");
     n.m = intern("m");
     n.f = intern("f");

@@ -23,7 +23,7 @@ struct ConfigSnapshot {
 struct Names {
     py::ref table_type, data, columns, valid_sexes, w, generational, select, mi_structure, grid_years,
         generational_formula_type, base_year, select_period, start_duration, mi_by_duration, table_name,
-        get_column, to_numpy, decimals, lx_interpolation, warn_on_chained_table_rebuild, cohort, u, m, f,
+        get_column, to_numpy, u, m, f,
         ult, slots, file_name, data_field, valid_sexes_field, with_columns;
 };
 
@@ -111,7 +111,8 @@ py::ref compute_decrement(TableObject* t);
 py::ref validate_cohort_year(TableObject* t, PyObject* value);
 py::ref get_mi_col(TableObject* t, PyObject* sex, PyObject* dur);
 py::ref compute_lx(TableObject* t);
-py::ref normalise_duration(TableObject* t, PyObject* value, bool allow_none_message);
+// The duration setter's validation: an int >= the start duration, or null for 'ult'.
+py::ref normalise_duration(TableObject* t, PyObject* value);
 extern PyMethodDef rates_methods[];
 
 }  // namespace veltrane::decrement
