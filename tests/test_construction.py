@@ -231,6 +231,10 @@ PUBLIC_REFUSALS = [
      "Expected numeric input for unisex_blend"),
     (lambda: LifeTable("PER", "u", unisex_blend=1.5), ValueError,
      "unisex_blend must be in [0.0, 1.0], got 1.5"),
+    (lambda: LifeTable("PER", 5), TypeError, "sex must be a string or a list/tuple of strings"),
+    (lambda: LifeTable("PER", "m", cohort=1970.0), TypeError, "cohort must be exact int, got 1970.0"),
+    (lambda: LifeTable("PER", "m", duration=True), TypeError,
+     "duration must be int, 'ult', or sequence of int/'ult', got bool"),
 ]
 # fmt: on
 

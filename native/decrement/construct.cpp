@@ -139,6 +139,9 @@ PyObject* Table_new(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
             py::raise(PyExc_TypeError, "%U(): 'sex' is required unless pending=True. Pass sex='m', 'f', or 'u'.",
                       class_name.get());
         }
+        if (!PyUnicode_Check(sex) && sex != Py_None && !is_sequence_arg(sex)) {
+            py::raise(PyExc_TypeError, "sex must be a string or a list/tuple of strings");
+        }
         const bool single = (PyUnicode_Check(sex) || sex == Py_None) && PyUnicode_Check(table_name_arg) &&
                             !is_sequence_arg(cohort) && !is_sequence_arg(duration) && !is_sequence_arg(blend) &&
                             !cartesian && !return_dict;
