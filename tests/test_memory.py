@@ -113,6 +113,16 @@ def _operations(t_gen, t_sel, t_blend, pending):
 
         return run
 
+    def batch(table, a, b):
+        def run():
+            with table.batch_update():
+                table.cohort = a
+            with contextlib.suppress(KeyError), table.batch_update():
+                table.cohort = b
+                raise KeyError
+
+        return run
+
     return {
         "construct": (lambda: LifeTable(name, sex, cohort=cohort), name, sex, cohort),
         "construct_select": (
@@ -151,6 +161,10 @@ def _operations(t_gen, t_sel, t_blend, pending):
         ),
         "generate_unisex": (lambda: t_blend._generate_unisex_decrement(weight), weight),
         "copy": (lambda: (t_blend.copy(), t_blend.modifications_applied), t_blend),
+        "configure": (lambda: t_gen.configure(sex=other, cohort=cohort2), other, cohort2),
+        "configure_refused": (lambda: contextlib.suppress(ValueError)(t_gen.configure)(cohort=bad), bad),
+        "batch_update": (batch(t_gen, cohort, cohort2), cohort, cohort2),
+        "batch_restore": (lambda: t_gen._restore_batch_snapshot(t_gen._capture_batch_snapshot()), t_gen),
     }
 
 

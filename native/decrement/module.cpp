@@ -88,13 +88,25 @@ PyObject* config_changed(PyObject* module, PyObject*) {
     Py_RETURN_NONE;
 }
 
-PyMethodDef module_methods[] = {
-    {"_clear_cohort_unisex_cache", clear_cohort_unisex_cache, METH_NOARGS,
-     "_clear_cohort_unisex_cache()\n--\n\nEmpty the process-wide cache of cohort-projected unisex inputs."},
-    {"_config_changed", config_changed, METH_NOARGS,
-     "_config_changed()\n--\n\nTell the module that a configuration setting changed."},
-    {nullptr, nullptr, 0, nullptr},
-};
+#define FASTCALL_KW(f) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(f))
+
+// Module functions, bound by the exec slot at their place in the module's order.
+PyMethodDef clear_cache_def = {
+    "_clear_cohort_unisex_cache", clear_cohort_unisex_cache, METH_NOARGS,
+    "_clear_cohort_unisex_cache()\n--\n\nEmpty the process-wide cache of cohort-projected unisex inputs."};
+PyMethodDef config_changed_def = {"_config_changed", config_changed, METH_NOARGS,
+                                  "_config_changed()\n--\n\nTell the module that a configuration setting changed."};
+PyMethodDef configure_all_def = {
+    "configure_all", FASTCALL_KW(configure_all), METH_FASTCALL | METH_KEYWORDS,
+    "configure_all(tables, sex=None, cohort=None, duration=None, unisex_blend=None, interest_rate=None)\n--\n\n"
+    "Call ``configure`` with the given settings on every table of ``tables`` (a dict's values, or any\n"
+    "iterable) and return ``tables``. Each table is configured atomically; there is no global rollback."};
+
+void bind_function(PyObject* module, PyMethodDef* def) {
+    py::ref name = py::check(PyModule_GetNameObject(module));
+    py::ref function = py::check(PyCMethod_New(def, module, name.get(), nullptr));
+    py::require(PyModule_AddObjectRef(module, def->ml_name, function.get()));
+}
 
 // Binds `name` in the module to `value` (a new reference is taken).
 void bind(PyObject* module, const char* name, PyObject* value) { py::require(PyModule_AddObjectRef(module, name, value)); }
@@ -276,6 +288,7 @@ int decrement_exec(PyObject* module) {
         py::ref sentinel = py::check(PyObject_CallNoArgs(reinterpret_cast<PyObject*>(&PyBaseObject_Type)));
         bind(module, "_CONFIGURE_UNSET", sentinel.get());
         st->sentinel = sentinel.release();
+        bind_function(module, &clear_cache_def);
         py::ref clear = py::check(PyObject_GetAttrString(module, "_clear_cohort_unisex_cache"));
         py::ref reset_callbacks = py::check(PyObject_GetAttrString(module, "_reset_callbacks"));
         py::require(PyList_Append(reset_callbacks.get(), clear.get()));
@@ -293,6 +306,7 @@ int decrement_exec(PyObject* module) {
         // Settings changes reach the snapshot through the configuration's change hook.
         py::ref config_module = import("veltrane.config");
         py::ref change_callbacks = py::check(PyObject_GetAttrString(config_module.get(), "_change_callbacks"));
+        bind_function(module, &config_changed_def);
         py::ref changed = py::check(PyObject_GetAttrString(module, "_config_changed"));
         py::require(PyList_Append(change_callbacks.get(), changed.get()));
 
@@ -302,6 +316,9 @@ int decrement_exec(PyObject* module) {
         py::ref public_class = build_public_class(module, st);
         bind(module, "DecrementTable", public_class.get());
         st->public_class = public_class.release();
+        st->batch_type = make_batch_type(module);
+        bind(module, "_BatchUpdateContext", reinterpret_cast<PyObject*>(st->batch_type));
+        bind_function(module, &configure_all_def);
         return 0;
     });
 }
@@ -311,6 +328,7 @@ int decrement_traverse(PyObject* module, visitproc visit, void* arg) {
     if (st == nullptr) return 0;
     Py_VISIT(st->core_type);
     Py_VISIT(st->public_class);
+    Py_VISIT(st->batch_type);
     Py_VISIT(st->table_source);
     Py_VISIT(st->config);
     Py_VISIT(st->formula_map);
@@ -332,6 +350,7 @@ int decrement_clear(PyObject* module) {
     if (st == nullptr) return 0;
     Py_CLEAR(st->core_type);
     Py_CLEAR(st->public_class);
+    Py_CLEAR(st->batch_type);
     Py_CLEAR(st->table_source);
     Py_CLEAR(st->config);
     Py_CLEAR(st->formula_map);
@@ -366,7 +385,7 @@ PyModuleDef module_def = {
     "veltrane.tables.decrement",
     "Decrement tables: the abstract DecrementTable and its machinery, in C++.",
     static_cast<Py_ssize_t>(sizeof(ModuleState)),
-    module_methods,
+    nullptr,
     module_slots,
     decrement_traverse,
     decrement_clear,

@@ -30,6 +30,7 @@ struct Names {
 struct ModuleState {
     PyTypeObject* core_type = nullptr;  // the C type carrying state and behaviour
     PyObject* public_class = nullptr;   // DecrementTable, made abstract with abc.ABCMeta
+    PyTypeObject* batch_type = nullptr;  // _BatchUpdateContext
     // Collaborators.
     PyObject* table_source = nullptr;   // TableSource
     PyObject* config = nullptr;         // Config

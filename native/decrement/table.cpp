@@ -340,7 +340,8 @@ PyMethodDef* build_methods() {
                  "__copy__()\n--\n\nA table shares nothing mutable with its copy: the same as copy()."};
     defs[n++] = {"__reduce__", Table_reduce, METH_NOARGS, nullptr};
     for (const PyMethodDef* groups :
-         {lifecycle_methods, rates_methods, unisex_methods, function_methods, presentation_methods}) {
+         {lifecycle_methods, configure_methods, rates_methods, unisex_methods, function_methods,
+          presentation_methods}) {
         for (const PyMethodDef* p = groups; p->ml_name != nullptr; ++p) defs[n++] = *p;
     }
     defs[n] = {nullptr, nullptr, 0, nullptr};

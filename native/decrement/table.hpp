@@ -35,6 +35,11 @@ void add_function_class_entries(ModuleState* st, PyObject* ns);
 // presentation.cpp: decimals, data views.
 extern PyMethodDef presentation_methods[];
 
+// configure.cpp: configure, batch_update and their snapshot; configure_all.
+extern PyMethodDef configure_methods[];
+PyTypeObject* make_batch_type(PyObject* module);
+PyObject* configure_all(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
+
 // unisex.cpp
 void generate_unisex(TableObject* t, PyObject* blend);
 int decimals_for_decrement(TableObject* t);

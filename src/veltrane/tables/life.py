@@ -60,6 +60,27 @@ class LifeTable(TypedTable):
         super().__init__(table_name, sex, cohort, unisex_blend, duration, cartesian, return_dict, pending)
         self._interest_rate = rate
 
+    def configure(
+        self,
+        sex: str | None = None,
+        cohort: int | None = None,
+        duration: int | str | None = None,
+        unisex_blend: float | None = None,
+        interest_rate: float | None = None,
+    ) -> LifeTable:
+        """Set several keys with one rebuild, and optionally the interest rate.
+
+        As :meth:`DecrementTable.configure`; ``interest_rate`` (> -1) is checked first and
+        stored only once the keys are accepted. Returns the table.
+        """
+        rate = _check_interest_rate(interest_rate)
+        keys = (sex, cohort, duration, unisex_blend)
+        if rate is None or any(key is not None for key in keys):
+            super().configure(sex=sex, cohort=cohort, duration=duration, unisex_blend=unisex_blend)
+        if rate is not None:
+            self._interest_rate = rate
+        return self
+
     @property
     def table_type(self) -> str:
         """Always "life"."""

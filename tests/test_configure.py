@@ -1,0 +1,206 @@
+"""Several keys at once: configure(), batch_update() and configure_all()."""
+
+from __future__ import annotations
+
+import numpy as np
+import pytest
+
+from veltrane.config import Config
+from veltrane.tables import decrement
+from veltrane.tables.exit import ExitTable
+from veltrane.tables.life import LifeTable
+
+NOTHING = "configure() requires at least one of: sex, cohort, duration, unisex_blend."
+
+# fmt: off
+CONFIGURE_REFUSALS = [
+    ("PER", {}, ValueError, NOTHING),
+    ("PER", {"sex": None}, ValueError, NOTHING),
+    ("PER", {"sex": "m", "unisex_blend": 0.5}, ValueError,
+     "Cannot specify unisex_blend when sex='m' is explicitly set. Use sex='u' to apply unisex blending."),
+    ("PER", {"unisex_blend": True}, TypeError, "unisex_blend must be numeric, not bool."),
+    ("PER", {"unisex_blend": "x"}, ValueError,
+     "unisex_blend must be a numeric value in [0.0, 1.0], got 'x'."),
+    ("PER", {"unisex_blend": 1.0000001}, ValueError, "unisex_blend must be in [0.0, 1.0], got 1.0000001."),
+    ("PER", {"sex": "u"}, ValueError,
+     "unisex_blend parameter is required when sex='u' because table 'PER' lacks native unisex column 'qx_u'. "
+     "Example: LifeTable('PER', sex='u', unisex_blend=0.5)"),
+    ("PER", {"sex": "x"}, ValueError, "Invalid sex 'x' for table 'PER'. Valid options: ['m', 'f']."),
+    ("PER", {"sex": 1}, TypeError, "configure(): sex must be str, got int"),
+    ("PER", {"cohort": 1970}, ValueError,
+     "cohort is only valid for generational tables. Table 'PER' is not generational."),
+    ("GEN", {"cohort": "1970"}, TypeError, "configure(): cohort must be int, got str"),
+    ("GEN", {"cohort": 1899}, ValueError, "Cohort year must be between 1900 and "),
+    ("PER", {"duration": 1}, ValueError,
+     "duration is only valid for select tables. Table 'PER' is not a select table."),
+    ("SEL", {"duration": True}, TypeError, "duration must be int, 'ult', or None, got bool."),
+    ("SEL", {"duration": 0}, ValueError, "duration must be an integer >= 1 or 'ult', got 0."),
+    ("SEL", {"duration": "x"}, ValueError, "duration must be an integer >= 1 or 'ult', got 'x'."),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize(("name", "kwargs", "exc", "message"), CONFIGURE_REFUSALS)
+def test_configure_refuses_before_changing_anything(tables, name, kwargs, exc, message):
+    tables.period()
+    tables.flat()
+    tables.select()
+    keys = {"PER": {}, "GEN": {"cohort": 1960}, "SEL": {"duration": 2}}[name]
+    t = LifeTable(name, "m", **keys)
+    before = (t._sex, t._cohort, t._duration, t._unisex_blend, t._decrement.copy(), t._rebuilds_since_calc)
+    with pytest.raises(exc) as err:
+        t.configure(**kwargs)
+    assert str(err.value).startswith(message)
+    after = (t._sex, t._cohort, t._duration, t._unisex_blend, t._decrement, t._rebuilds_since_calc)
+    assert after[:4] == before[:4] and after[5] == before[5]
+    np.testing.assert_array_equal(after[4], before[4])
+
+
+def test_configure_rebuilds_and_chains(tables):
+    cols = tables.flat()
+    t = LifeTable("GEN", "m", cohort=1960)
+    base = t._decrement_base
+    assert t.configure(sex="F", cohort=1970) is t
+    assert (t.sex, t.cohort, t._rebuilds_since_calc) == ("f", 1970, 0)
+    np.testing.assert_array_equal(t._decrement_base, LifeTable("GEN", "f", cohort=1970)._decrement_base)
+    assert t._decrement_base is not base and not np.array_equal(t._decrement_base, cols["qx_f"])
+    base = t._decrement_base
+    t.configure(cohort=1970)  # no dirty check: the same value still rebuilds
+    assert t._decrement_base is not base
+
+
+def test_configure_blend_and_durations(tables):
+    tables.period()
+    tables.select()
+    t = LifeTable("PER", "m")
+    t.configure(sex="u", unisex_blend=0.25)  # no native column, "u" not a valid sex: the blend allows it
+    assert (t.sex, t.unisex_blend) == ("u", 0.25)
+    for value in (1.0, 0.0):
+        t.configure(unisex_blend=value)
+        assert t.unisex_blend == value
+    s = LifeTable("SEL", "m", duration=1)
+    assert s.configure(duration="ult").duration == "ult" and s._duration is None
+    assert s.configure(duration=np.int64(2)).duration == 2
+
+
+def test_configure_completes_pending_tables_in_any_order(tables):
+    tables.flat()
+    tables.select()
+    g = LifeTable("GEN", pending=True)
+    assert g.configure(cohort=1969) is g and g.metadata_pending and g._decrement is None
+    g.configure(sex="m")
+    assert not g.metadata_pending and g._decrement is not None
+    for first, second in (({"sex": "f"}, {"duration": 1}), ({"duration": 1}, {"sex": "f"})):
+        s = LifeTable("SEL", pending=True)
+        s.configure(**first)
+        assert s.metadata_pending
+        s.configure(**second)
+        assert not s.metadata_pending and s.qx(3) == s.qx(3)
+
+
+def test_batch_update_rebuilds_once_at_a_clean_exit(tables):
+    tables.flat()
+    t = LifeTable("GEN", "m", cohort=1960)
+    base = t._decrement_base
+    with t.batch_update() as ctx:
+        assert isinstance(ctx, decrement._BatchUpdateContext) and t._suspend_rebuild
+        t.sex = "f"
+        t.cohort = 1975
+        assert t._decrement_base is base and t._rebuilds_since_calc == 2
+    assert t._decrement_base is not base and (t._rebuilds_since_calc, t._suspend_rebuild) == (0, False)
+    np.testing.assert_array_equal(t._decrement, LifeTable("GEN", "f", cohort=1975)._decrement)
+    base = t._decrement_base
+    with t.batch_update():
+        t.sex = "f"  # unchanged: nothing to rebuild
+    assert t._decrement_base is base
+
+
+def test_batch_update_restores_everything_on_error(tables):
+    tables.flat()
+    t = LifeTable("GEN", "m", cohort=1960)
+    t._modifications_applied.append("kept")
+    before = t._capture_batch_snapshot()
+    with pytest.raises(KeyError), t.batch_update():
+        t.cohort = 1980
+        t._modifications_applied.append("dropped")
+        raise KeyError("boom")
+    after = t._capture_batch_snapshot()
+    assert list(after) == list(before)
+    for key, value in before.items():
+        np.testing.assert_array_equal(after[key], value) if key.startswith("decrement") else None
+        assert key.startswith("decrement") or after[key] == value
+    assert t.cohort == 1960 and t.modifications_applied == ["kept"] and not t._suspend_rebuild
+
+
+def test_batch_update_cannot_nest_and_leaves_the_outer_block_intact(tables):
+    tables.flat()
+    t = LifeTable("GEN", "m", cohort=1960)
+    with t.batch_update():
+        t.cohort = 1990
+        with (
+            pytest.raises(RuntimeError, match="cannot be nested on the same table instance"),
+            t.batch_update(),
+        ):
+            pass
+    assert t.cohort == 1990 and not t._suspend_rebuild
+    np.testing.assert_array_equal(t._decrement, LifeTable("GEN", "m", cohort=1990)._decrement)
+
+
+def test_batch_update_on_a_pending_table_stays_pending(tables):
+    tables.flat()
+    t = LifeTable("GEN", pending=True)
+    with t.batch_update():
+        t.sex = "m"
+    assert t.metadata_pending
+    with pytest.raises(ValueError, match="assign 'cohort' before calculations"):
+        t.px(50)
+    with t.batch_update():
+        t.cohort = 1970
+    assert not t.metadata_pending and t.px(3) == t.px(3)
+
+
+def test_snapshot_copies_its_arrays(tables):
+    tables.period()
+    t = LifeTable("PER", "m")
+    snap = t._capture_batch_snapshot()
+    snap["decrement"][0] = 0.5
+    assert t._decrement[0] != 0.5
+    t._restore_batch_snapshot(snap)
+    snap["decrement"][0] = 0.25
+    assert t._decrement[0] == 0.5
+
+
+def test_configure_all(tables):
+    tables.flat()
+    family = {"a": LifeTable("GEN", "m", cohort=1950), "b": LifeTable("GEN", "f", cohort=1960)}
+    assert decrement.configure_all(family, cohort=1975) is family
+    assert [t.cohort for t in family.values()] == [1975, 1975]
+    listed = [LifeTable("GEN", "m", cohort=1950, interest_rate=0.01)]
+    assert decrement.configure_all(listed, sex="f", interest_rate=0.03) is listed
+    assert (listed[0].sex, listed[0].interest_rate) == ("f", 0.03)
+    with pytest.raises(ValueError, match="configure_all\\(\\) requires at least one of"):
+        decrement.configure_all(listed)
+    tables.period("EXT", table_type="exit", prefix="ox")
+    with pytest.raises(TypeError, match="interest_rate"):
+        decrement.configure_all([ExitTable("EXT", "m")], interest_rate=0.02)
+
+
+def test_life_table_interest_rate_through_configure(tables):
+    tables.period()
+    t = LifeTable("PER", "m")
+    with pytest.raises(ValueError, match="interest_rate must be a finite number > -1"):
+        t.configure(sex="f", interest_rate=-1.0)
+    assert t.sex == "m" and t.interest_rate is None
+    assert t.configure(interest_rate=0.04).interest_rate == 0.04
+
+
+def test_chained_setters_warn_but_configure_does_not(tables):
+    tables.flat()
+    t = LifeTable("GEN", "m", cohort=1960)
+    with Config().override(warn_on_chained_table_rebuild=True):
+        t.configure(sex="f", cohort=1970)
+        t.px(50)  # no warning: configure does not count
+        t.sex = "m"
+        t.cohort = 1980
+        with pytest.warns(UserWarning, match="2 setters triggered rebuilds"):
+            t.px(50)
