@@ -39,8 +39,10 @@ def test_show(capsys):
     code, out, _ = run(capsys, "show", "SSSM", "--sex", "U", "--duration", "1", "--rows", "3")
     lines = out.splitlines()
     assert code == 0
-    assert lines[:2] == ["LifeTable: SSSM", "Sex: u"] and "Duration: 1" in lines and "w: 120" in lines
+    assert lines[:2] == ["LifeTable: SSSM", "Sex: u"]
+    assert "Duration: 1" in lines and "w (current): 120" in lines
     assert "  Structure: select-and-ultimate, select period 2 (durations 1-2)" in lines
+    assert "Sample qx values (first 5):" in lines
     assert "qx_u_s1" in out and "│ 22  ┆" in out and "│ 23  ┆" not in out
 
 

@@ -341,7 +341,7 @@ PyMethodDef* build_methods() {
     defs[n++] = {"__reduce__", Table_reduce, METH_NOARGS, nullptr};
     for (const PyMethodDef* groups :
          {lifecycle_methods, configure_methods, rates_methods, unisex_methods, function_methods,
-          presentation_methods}) {
+          presentation_methods, summary_methods}) {
         for (const PyMethodDef* p = groups; p->ml_name != nullptr; ++p) defs[n++] = *p;
     }
     defs[n] = {nullptr, nullptr, 0, nullptr};
@@ -361,6 +361,8 @@ PyType_Slot table_slots[] = {
     {Py_tp_clear, reinterpret_cast<void*>(Table_clear)},
     {Py_tp_hash, reinterpret_cast<void*>(Table_hash)},
     {Py_tp_richcompare, reinterpret_cast<void*>(Table_richcompare)},
+    {Py_tp_str, reinterpret_cast<void*>(Table_str)},
+    {Py_tp_repr, reinterpret_cast<void*>(Table_repr)},
     {Py_tp_getset, nullptr},
     {Py_tp_methods, nullptr},
     {Py_tp_members, members},

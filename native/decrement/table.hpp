@@ -40,6 +40,11 @@ extern PyMethodDef configure_methods[];
 PyTypeObject* make_batch_type(PyObject* module);
 PyObject* configure_all(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
 
+// summary.cpp: summary(), str() and repr().
+extern PyMethodDef summary_methods[];
+PyObject* Table_str(PyObject* self);
+PyObject* Table_repr(PyObject* self);
+
 // unisex.cpp
 void generate_unisex(TableObject* t, PyObject* blend);
 int decimals_for_decrement(TableObject* t);

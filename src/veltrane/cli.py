@@ -169,16 +169,7 @@ def _show(args: argparse.Namespace) -> int:
     if args.rows < 0:
         raise _RefusedError(f"--rows must be >= 0, got {args.rows}")
     table = _open_table(args)
-    lines = [f"{type(table).__name__}: {table.table_name}", f"Sex: {table.sex}"]
-    if table.unisex_blend is not None:
-        lines.append(f"Unisex blend: {table.unisex_blend} (male weight)")
-    lines += [f"  {line}" for line in table.table._taxonomy_lines()]
-    if table.generational:
-        lines.append(f"Cohort: {table.cohort}")
-    if table.select:
-        lines.append(f"Duration: {table.duration}")
-    lines.append(f"w: {table.w}")
-    print("\n".join(lines))
+    print(table.summary())
     print()
     # Rates are shown in full: the default display rounds them to six significant digits.
     with pl.Config(fmt_float="full", tbl_rows=args.rows):

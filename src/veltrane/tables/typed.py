@@ -37,3 +37,20 @@ class TypedTable(DecrementTable):
             duration=duration,
             pending=pending,
         )
+
+    def summary(self) -> str:
+        """A report of the table, then five sample rates from each end of it.
+
+        Returns
+        -------
+        str
+            Lines joined by newlines: name, sex, structure, keys, the omega in force,
+            modifications, and the sample rates (with the base rate beside a modified one).
+        """
+        text = super().summary()
+        if self.metadata_pending:
+            return text
+        lines = text.split("\n")
+        symbol = self._DECREMENT_PREFIX_MAP[self._TABLE_TYPE]
+        self._append_decrement_rate_sample_summary(lines, symbol, self._decimals_for_decrement, self.qx)
+        return "\n".join(lines)

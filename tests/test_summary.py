@@ -1,0 +1,79 @@
+"""Text forms: summary(), str() and repr()."""
+
+from __future__ import annotations
+
+import numpy as np
+import pytest
+
+from veltrane.tables.life import LifeTable
+
+
+def test_str_and_repr(tables):
+    tables.flat()
+    t = LifeTable("GEN", "m", cohort=1970)
+    assert str(t) == "LifeTable(table='GEN', sex='m', cohort=1970, modified=False, age_range=0\u20137)"
+    assert repr(t) == "<LifeTable table='GEN' sex='m' cohort=1970 modified=False age_range=0\u20137>"
+    t._w_mod, t._modified = 5, True
+    assert str(t).endswith("modified=True, age_range=0\u20135)")
+
+
+def test_summary_of_a_ready_table(tables):
+    tables.select("GSEL", generational="compound")
+    t = LifeTable("GSEL", "f", cohort=1980, duration=2)
+    lines = t.summary().split("\n")
+    assert lines[:2] == ["LifeTable: GSEL", "Sex: f"]
+    assert all(line.startswith("  ") for line in lines[2 : lines.index("Cohort: 1980")])
+    assert lines[lines.index("Cohort: 1980") :][:4] == [
+        "Cohort: 1980",
+        "Duration: 2",
+        "w (current): 7",
+        "Modified: False",
+    ]
+    samples = lines[lines.index("Sample qx values (first 5):") :]
+    assert samples[1:6] == [f"  qx({a}) = {t.qx(a)}" for a in range(5)]
+    assert samples[6] == "Sample qx values (last 5):" and samples[7:] == [
+        f"  qx({a}) = {t.qx(a)}" for a in range(3, 8)
+    ]
+    t.duration = "ult"
+    assert "Duration: ult" in t.summary()
+
+
+def test_summary_of_a_pending_table(tables):
+    tables.flat()
+    lines = LifeTable("GEN", pending=True).summary().split("\n")
+    assert lines[:3] == ["LifeTable: GEN", "Metadata: pending (needs: sex, cohort)", "Sex: None"]
+    assert lines[-1] == "w (current): 7" and not any("Sample" in line for line in lines)
+
+
+def test_summary_of_a_blend():
+    t = LifeTable("SULT", "u")
+    t._unisex_blend = 0.25
+    assert "Unisex blend: 0.25 (male weight=0.25, female weight=0.75)" in t.summary()
+
+
+def test_summary_of_a_modified_table():
+    t = LifeTable("SULT", "u")
+    t._decrement = np.round(t._decrement_base[:100] * 1.1, 12)
+    t._w_mod, t._modified = 99, True
+    t._modifications_applied = ["decrement_multiplier=1.1", "omega_truncated_by_certainty: 120->99 at age 99"]
+    text = t.summary()
+    assert "Modifications applied: decrement_multiplier=1.1\n" in text
+    assert "Note: modify truncated omega at certainty (120->99 at age 99)" in text
+    base = np.round(t._decrement_base, 12)
+    assert f"  qx(99) = {t._decrement[99]} (original: {base[99]})" in text
+    t._decrement = np.append(t._decrement_base, 0.5)  # longer than the base: no original to show
+    assert "  qx(121) = 0.5 (original: N/A)" in t.summary()
+
+
+@pytest.mark.parametrize("w", [0, 2, 4, 5, 7])
+def test_samples_of_short_tables(tables, w):
+    tables.write("TINY", {"table_type": "life", "sexes": ["m"]}, {"qx_m": [0.1] * w + [1.0]})
+    lines: list[str] = []
+    t = LifeTable("TINY", "m")
+    t._append_decrement_rate_sample_summary(lines, "qx", 12, t.qx)
+    first, last = (
+        lines[1 : lines.index("Sample qx values (last 5):")],
+        lines[lines.index("Sample qx values (last 5):") + 1 :],
+    )
+    assert len(first) == len(last) == min(w + 1, 5)
+    assert last[-1] == f"  qx({w}) = 1.0"
