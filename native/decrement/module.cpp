@@ -300,8 +300,10 @@ int decrement_exec(PyObject* module) {
         py::ref counter = py::check(PyObject_CallMethod(itertools.get(), "count", nullptr));
         bind(module, "_table_instance_counter", counter.get());
         st->instance_counter = counter.release();
+        bind_vectorial_helpers(module);
         py::ref tol = py::check(PyFloat_FromDouble(kQCertaintyTol));
         bind(module, "_Q_CERTAINTY_TOL", tol.get());
+        bind_combination_helpers(module);
 
         // Settings changes reach the snapshot through the configuration's change hook.
         py::ref config_module = import("veltrane.config");
@@ -319,6 +321,7 @@ int decrement_exec(PyObject* module) {
         st->batch_type = make_batch_type(module);
         bind(module, "_BatchUpdateContext", reinterpret_cast<PyObject*>(st->batch_type));
         bind_function(module, &configure_all_def);
+        bind_registry(module);
         return 0;
     });
 }

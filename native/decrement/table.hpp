@@ -45,6 +45,19 @@ extern PyMethodDef summary_methods[];
 PyObject* Table_str(PyObject* self);
 PyObject* Table_repr(PyObject* self);
 
+// modifications.cpp / combination.cpp: modify_qx and the competing-decrement helpers.
+extern PyMethodDef modification_methods[];
+void bind_combination_helpers(PyObject* module);
+
+// vectorial.cpp: the helpers of many-table construction.
+void bind_vectorial_helpers(PyObject* module);
+
+// timestep.cpp: snapshot, advance and restore of the actuarial state.
+extern PyMethodDef timestep_methods[];
+
+// registry.cpp: _validate_table_class and TableRegistry.
+void bind_registry(PyObject* module);
+
 // unisex.cpp
 void generate_unisex(TableObject* t, PyObject* blend);
 int decimals_for_decrement(TableObject* t);
