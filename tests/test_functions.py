@@ -223,6 +223,34 @@ def test_zero_survivors_divide_by_nothing(tables):
 
 
 @pytest.mark.parametrize(
+    ("rate", "px", "qx"),
+    [(1.0 + 5e-10, 0.0, 1.0), (-5e-10, 1.0, 0.0), (1.5, "-0.5", "1.5"), (float("nan"), "nan", "nan")],
+)
+def test_rates_edited_by_hand(tables, rate, px, qx):
+    """A rate written into _decrement: clamped within the integer tolerance, refused beyond it."""
+    tables.period()
+    t = LifeTable("PER", "m")
+    q = t._decrement.copy()
+    q[2] = rate
+    t._decrement = q
+    if isinstance(px, float):  # the table's own rates are read on these paths, and clamped as rates
+        assert t.px(2) == t.tpx(2) == t.px([2, 3])[0] == t.px()[2] == px
+        assert t.qx(2) == t.qx([2, 3])[0] == t.qx()[2] == qx
+        return
+    for call, message in (
+        (lambda: t.qx(2), f"_prob_decrement_interval:px: value {px} outside [0,1]"),
+        (lambda: t.tpx([1, 2]), f"_prob_decrement_interval:px: value {px} outside [0,1]"),
+        (t.px, f"px: value {px} outside [0,1]"),
+        (t.qx, f"qx: value {qx} outside [0,1]"),
+        (lambda: t.px(2.5), "outside [0,1]"),  # l beyond age 2 has left [0, l(2)]
+        (lambda: t.tqx([1.0, 2.5], [0.5, 2.0]), "outside [0,1]"),
+    ):
+        with pytest.raises(ValueError) as info:
+            call()
+        assert str(info.value).endswith(message)
+
+
+@pytest.mark.parametrize(
     ("x", "t", "shape"),
     [
         ([50, 55], [1, 5, 10], (2, 3)),
@@ -293,6 +321,8 @@ def test_value_errors(call, message):
         (lambda t: t.tpx(True), "[tpx] x must be numeric, not bool"),
         (lambda t: t.tqx(50, [[1, 2]]), "[tqx] t must be one-dimensional"),
         (lambda t: t.qx(50, m=[12]), "[qx] m must be a single number, got list"),
+        (lambda t: t.px(50, m=None), "[px] m must be a single number, got None"),
+        (lambda t: t.qx(50, m="12"), "[qx] m must be a single number, got str"),
         (lambda t: t.tpx(), "tpx() missing required argument 'x'"),
         (lambda t: t.px(50, 1, 2), "px() takes at most 2 arguments (3 given)"),
         (lambda t: t.lx(y=2), "lx() got an unexpected keyword argument 'y'"),
@@ -325,6 +355,8 @@ def test_input_kinds_agree():
         pd.Series(ages),
         pl.Series(ages),
         np.array(ages)[::-1][::-1],
+        np.array(ages, dtype=">f8"),
+        np.array(ages, dtype=np.longdouble),
     ):
         np.testing.assert_array_equal(table.tqx(given, 10), expected)
     assert table.lx(np.float64(50.5)) == table.lx(50.5) == table.lx(np.array(50.5))

@@ -138,3 +138,41 @@ def test_internal_engines_never_crash(subjects, x, use_raw, hint):
             call()
         except (*REFUSED, IndexError):
             pass
+
+
+@FUZZ
+@given(
+    edits=st.lists(
+        st.tuples(st.integers(0, 4), st.floats(allow_nan=True, allow_infinity=True)), min_size=1, max_size=3
+    ),
+    field=st.sampled_from(["_decrement", "_lx"]),
+    x=st.lists(st.one_of(st.integers(0, 6), st.floats(min_value=0.0, max_value=6.0)), min_size=1, max_size=6),
+    t=st.lists(st.floats(min_value=0.0, max_value=6.0), min_size=1, max_size=3),
+)
+def test_vectors_edited_by_hand_give_probabilities_or_an_error(subjects, edits, field, x, t):
+    """Rates or survivors written into a table's fields: every probability stays in [0, 1]."""
+    table = subjects[1].copy()
+    table.lx(0)  # builds the l vectors, so an edited _lx is used as it stands
+    vector = getattr(table, field).copy()
+    for age, value in edits:
+        vector[age] = value
+    setattr(table, field, vector)
+    if field == "_decrement":
+        table._invalidate_caches()
+    for call in (
+        lambda: table.px(x),
+        lambda: table.qx(x[0]),
+        lambda: table.px(x, m=4),
+        lambda: table.qx(),
+        lambda: table.px(),
+        lambda: table.tpx(x),
+        lambda: table.tpx(x[0]),
+        lambda: table.tqx(x, t),
+        lambda: table.tqx(x[0], t[0]),
+    ):
+        try:
+            result = call()
+        except ValueError as error:
+            assert "outside [0,1]" in str(error)
+            continue
+        _check(result, 0.0, 1.0)

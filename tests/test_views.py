@@ -6,7 +6,7 @@ import numpy as np
 import polars as pl
 import pytest
 
-from veltrane.config import Config
+from veltrane.config import MAX_DECIMALS, Config
 from veltrane.tables.disability import DisabilityTable
 from veltrane.tables.exit import ExitTable
 from veltrane.tables.life import LifeTable
@@ -120,6 +120,16 @@ def test_safe_slice(arr, n, first, last):
         (lambda t: t.head(2.5), TypeError, "head: n must be an int, got float"),
         (lambda t: t._safe_slice([1], -2), ValueError, "_safe_slice: n must be >= 0"),
         (lambda t: t.view_data(sex="m"), TypeError, "view_data() got an unexpected keyword argument 'sex'"),
+        # A decimals cache written by hand; the bound is the settings' own.
+        *(
+            (
+                lambda t, value=value: (setattr(t, "_decimals_decrement_cache", value), t.qx(50)),
+                ValueError,
+                f"Table 'SULT': _decimals_decrement_cache must be an int in [0, {MAX_DECIMALS}], "
+                f"got {value!r}",
+            )
+            for value in (MAX_DECIMALS + 1, -1, 2**31, "3")
+        ),
     ],
 )
 def test_bad_arguments(call, exc, message):

@@ -33,8 +33,14 @@ std::string describe_number(double v) {
     py::raise_str(PyExc_ValueError, prefix(method) + where + " must be finite, got " + describe_number(v));
 }
 
+// What a whole argument must be, as messages say it: a scalar-only one (m, a blend weight)
+// is not told that a sequence would do.
+const char* expected_kind(bool allow_sequence) {
+    return allow_sequence ? "a number or a sequence of numbers" : "a single number";
+}
+
 [[noreturn]] void raise_not_numeric(std::string_view method, std::string_view attr, Py_ssize_t index,
-                                    PyObject* obj) {
+                                    PyObject* obj, bool allow_sequence = true) {
     std::string head = prefix(method) + std::string(attr);
     if (index >= 0) head += "[" + std::to_string(index) + "]";
     if (is_bool(obj)) py::raise_str(PyExc_TypeError, head + " must be numeric, not bool");
@@ -42,8 +48,7 @@ std::string describe_number(double v) {
     if (index >= 0) {
         py::raise(PyExc_TypeError, "%s must be numeric, got %U", head.c_str(), name.get());
     }
-    py::raise(PyExc_TypeError, "%s must be a number or a sequence of numbers, got %U", head.c_str(),
-              name.get());
+    py::raise(PyExc_TypeError, "%s must be %s, got %U", head.c_str(), expected_kind(allow_sequence), name.get());
 }
 
 bool looks_like_array(PyObject* obj) {
@@ -116,7 +121,9 @@ Input input_from_array(PyObject* obj, std::string_view method, std::string_view 
         py::raise(PyExc_TypeError, "%s%s must be numeric, got an array of dtype %U", prefix(method).c_str(),
                   std::string(attr).c_str(), descr.get());
     }
-    py::ref converted = py::copy_as_f64(obj);
+    // The kind is numeric here, so a cast that NumPy calls unsafe (long double) is wanted.
+    py::ref converted = py::check(
+        PyArray_FROM_OTF(obj, NPY_FLOAT64, NPY_ARRAY_IN_ARRAY | NPY_ARRAY_ENSURECOPY | NPY_ARRAY_FORCECAST));
     if (ndim == 0) {
         const double v = *py::f64_data(converted.get());
         if (check_finite && !std::isfinite(v)) raise_not_finite(method, attr, -1, v);
@@ -138,8 +145,8 @@ Input convert(PyObject* value, std::string_view method, std::string_view attr, b
               bool check_finite) {
     Input result;
     if (value == Py_None) {
-        py::raise_str(PyExc_TypeError,
-                      prefix(method) + std::string(attr) + " must be a number or a sequence of numbers, got None");
+        py::raise_str(PyExc_TypeError, prefix(method) + std::string(attr) + " must be " +
+                                           expected_kind(allow_sequence) + ", got None");
     }
     if (PyFloat_CheckExact(value)) {
         result.value = PyFloat_AS_DOUBLE(value);
@@ -154,7 +161,7 @@ Input convert(PyObject* value, std::string_view method, std::string_view attr, b
         if (check_finite && !std::isfinite(result.value)) raise_not_finite(method, attr, -1, result.value);
         return result;
     }
-    if (!looks_like_array(value)) raise_not_numeric(method, attr, -1, value);
+    if (!looks_like_array(value)) raise_not_numeric(method, attr, -1, value, allow_sequence);
     if (PyArray_Check(value) && PyArray_NDIM(reinterpret_cast<PyArrayObject*>(value)) == 0) {
         return input_from_array(value, method, attr, check_finite);
     }

@@ -14,6 +14,9 @@ inline constexpr long kCohortCacheMax = 256;
 inline constexpr long kVectorialWarningThreshold = 100;
 // Cells of an age-by-duration grid evaluated in one piece.
 inline constexpr std::size_t kGridBlockCells = 2'000'000;
+// Most decimals any quantity is rounded to (veltrane.config.MAX_DECIMALS; a test keeps the
+// two in step).
+inline constexpr int kMaxDecimals = 15;
 
 struct TableKind {
     std::string_view type;    // "life", "disability", "exit"

@@ -113,6 +113,24 @@ void raise_fault(const kernels::RangeFault& fault, std::string_view caller) {
     numeric::raise_outside_unit_interval(fault.value, caller);
 }
 
+namespace {
+
+constexpr std::string_view kIntervalCaller = "_prob_decrement_interval:px";
+
+// A new vector of n probabilities filled by `kernel`, which reports the first one outside
+// [0, 1]. Kept out of line so that the scalar paths beside its callers stay lean.
+template <class Kernel>
+[[gnu::noinline]] py::ref checked_vector(std::size_t n, Kernel& kernel) {
+    py::ref out = py::new_f64(static_cast<npy_intp>(n));
+    const std::span<double> o = py::f64_span(out.get());
+    std::optional<kernels::RangeFault> fault;
+    run_kernel(n, [&] { fault = kernel(o); });
+    if (fault) raise_fault(*fault, kIntervalCaller);
+    return out;
+}
+
+}  // namespace
+
 py::ref decrement_interval(TableObject* t, Probability kind, const Values& x, double m, bool use_raw,
                            bool scalar_result) {
     const ConfigSnapshot cfg = config(t->st);
@@ -124,38 +142,37 @@ py::ref decrement_interval(TableObject* t, Probability kind, const Values& x, do
         py::raise(PyExc_TypeError, "_prob_decrement_interval: a scalar result needs one age, got %zd",
                   static_cast<Py_ssize_t>(n));
     }
-    auto vector = [&](auto&& kernel) {
-        py::ref out = py::new_f64(static_cast<npy_intp>(n));
-        const std::span<double> o = py::f64_span(out.get());
-        run_kernel(n, [&] { kernel(o); });
-        return out;
+    // Rates or l values edited by hand can give a ratio outside [0, 1] on any path, so every
+    // path checks it (and clamps what lies within the tolerance), not only the sub-annual one.
+    auto single = [&](double p) {
+        if (!kernels::within_unit_interval(p, numeric::kEpsInt)) [[unlikely]] {
+            raise_fault({0, p}, kIntervalCaller);
+        }
+        return float_result(finish(kernels::clamp_unit(p)));
     };
+    auto vector = [n](auto&& kernel) { return checked_vector(n, kernel); };
     if (m == 1.0) {
         // Integer ages read the table's own rates; any fractional age sends all through l.
         if (kernels::all_integer_ages(ages, numeric::kEpsInt)) {
             const py::ref q = decrement_vector(t);
             const std::span<const double> rates = py::f64_cspan(q.get());
             const double w = table_w(t);
-            if (scalar_result) return float_result(finish(kernels::survival_from_rate(rates, w, ages[0])));
-            return vector([&](std::span<double> o) { kernels::survival_from_rates(rates, w, ages, finish, o); });
+            if (scalar_result) return single(kernels::survival_from_rate(rates, w, ages[0]));
+            return vector([&](std::span<double> o) {
+                return kernels::survival_from_rates(rates, w, ages, numeric::kEpsInt, finish, o);
+            });
         }
         const LVector l = survivorship(t, cfg, use_raw);
-        if (scalar_result) return float_result(finish(kernels::period_survival(l.view, ages[0], 1.0)));
-        return vector([&](std::span<double> o) { kernels::period_survivals(l.view, ages, 1.0, finish, o); });
+        if (scalar_result) return single(kernels::period_survival(l.view, ages[0], 1.0));
+        return vector([&](std::span<double> o) { return kernels::period_survivals(l.view, ages, 1.0, finish, o); });
     }
     const double period = 1.0 / m;
     const LVector l = survivorship(t, cfg, use_raw);
-    if (scalar_result) {
-        const double p = kernels::period_survival_single(l.view, ages[0], period, kernels::Rounder(cfg.lx));
-        if (!kernels::within_unit_interval(p, numeric::kEpsInt)) raise_fault({0, p}, "_prob_decrement_interval:px");
-        return float_result(finish(kernels::clamp_unit(p)));
-    }
-    std::optional<kernels::RangeFault> fault;
-    py::ref out = vector([&](std::span<double> o) {
-        fault = kernels::period_survivals_rounded(l.view, ages, period, kernels::Rounder(cfg.lx), finish, o);
+    const kernels::Rounder lx_round(cfg.lx);
+    if (scalar_result) return single(kernels::period_survival_single(l.view, ages[0], period, lx_round));
+    return vector([&](std::span<double> o) {
+        return kernels::period_survivals_rounded(l.view, ages, period, lx_round, finish, o);
     });
-    if (fault) raise_fault(*fault, "_prob_decrement_interval:px");
-    return out;
 }
 
 namespace {
@@ -171,7 +188,9 @@ PyObject* cached_vector(TableObject* t, Probability kind) {
         const py::ref q = decrement_vector(t);
         const std::span<const double> rates = py::f64_cspan(q.get());
         py::ref values = py::new_f64(static_cast<npy_intp>(rates.size()));
-        kernels::finish_all(rates, finish, py::f64_span(values.get()));
+        const std::optional<kernels::RangeFault> fault =
+            kernels::finish_rates(rates, finish, numeric::kEpsInt, py::f64_span(values.get()));
+        if (fault) raise_fault(*fault, probability_name(kind));
         cache = std::move(values);
     }
     return py::require(PyArray_NewCopy(reinterpret_cast<PyArrayObject*>(cache.get()), NPY_CORDER));

@@ -61,8 +61,10 @@ py::ref life_interval(TableObject* t, Interval kind, const Values& x, const Valu
     const std::size_t rows_per_piece = std::max<std::size_t>(1, kGridBlockCells / k);
     for (std::size_t first = 0; first < n; first += rows_per_piece) {
         const std::size_t end = std::min(n, first + rows_per_piece);
+        std::optional<kernels::RangeFault> fault;
         run_kernel((end - first) * k,
-                   [&] { kernels::interval_grid(l.view, ages, durations, finish, first, end, cells); });
+                   [&] { fault = kernels::interval_grid(l.view, ages, durations, finish, first, end, cells); });
+        if (fault) raise_fault(*fault, "_prob_life_interval:tpx");
         if (end < n && PyErr_CheckSignals() < 0) py::throw_error_set();
     }
     return out;

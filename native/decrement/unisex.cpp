@@ -64,8 +64,16 @@ std::vector<double> projected_rates(TableObject* t, const char* sex, PyObject* f
 
 int decimals_for_decrement(TableObject* t) {
     if (!t->decimals_decrement_cache.is_none()) {
-        const long d = PyLong_AsLong(t->decimals_decrement_cache.get());
-        if (d == -1 && PyErr_Occurred()) py::throw_error_set();
+        // The field can be written by hand: anything but a number the settings could hold
+        // would round to nonsense (or, cast to int, overflow), so it is refused here.
+        PyObject* cached = t->decimals_decrement_cache.get();
+        const long d = PyLong_AsLong(cached);
+        if (d < 0 || d > kMaxDecimals) {
+            PyErr_Clear();  // not an int, or one too large for a long: the same refusal
+            py::ref name = table_name(t);
+            py::raise(PyExc_ValueError, "Table '%S': _decimals_decrement_cache must be an int in [0, %d], got %R",
+                      name.get(), kMaxDecimals, cached);
+        }
         return static_cast<int>(d);
     }
     const ConfigSnapshot& cfg = config(t->st);

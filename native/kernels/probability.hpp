@@ -7,6 +7,10 @@
 // `l != 0` let NaN through, masks written as comparisons (`x + t <= w`) do not, exactly as
 // in NumPy. Ages above the last age w give 0 survivors; negative ages count as age 0.
 // Indices are always clipped to the vector, so no input can read outside it.
+// Probabilities are checked: a survival probability outside [-eps, 1 + eps] (or NaN, which
+// only rates or l values edited by hand can produce) is a RangeFault, smaller excursions are
+// clamped into [0, 1]. Whole-vector routines check for themselves; callers of the scalar
+// forms check with within_unit_interval.
 // Output spans may alias the age span (each result is written after its age is read).
 #pragma once
 
@@ -144,15 +148,18 @@ void decrements(const Survivorship& s, std::span<const double> x, const Rounder&
                 std::span<double> out) noexcept;
 // d by integer age from the vector itself: l[i] - l[i + 1], and l[last] for the last age.
 void decrements_by_age(std::span<const double> l, const Rounder& round, std::span<double> out) noexcept;
-// out[k] = finish(v[k]): whole-table vectors from the rates (px: 1 - q; qx: q).
-void finish_all(std::span<const double> v, const Finish& finish, std::span<double> out) noexcept;
+// out[k] = finish(q[k]) for the rates q themselves (px: 1 - q; qx: q), each rate checked and
+// clamped first; a fault holds the value the caller asked for (1 - q for px, q for qx).
+std::optional<RangeFault> finish_rates(std::span<const double> q, const Finish& finish, double eps,
+                                       std::span<double> out) noexcept;
 
-// One-year probabilities at integer ages from the rates (survival_from_rate), finished.
-void survival_from_rates(std::span<const double> q, double w, std::span<const double> x, const Finish& finish,
-                         std::span<double> out) noexcept;
-// period_survival over ages, finished (no range check: the annual path has none).
-void period_survivals(const Survivorship& s, std::span<const double> x, double period, const Finish& finish,
-                      std::span<double> out) noexcept;
+// One-year probabilities at integer ages from the rates (survival_from_rate): checked,
+// clamped, finished.
+std::optional<RangeFault> survival_from_rates(std::span<const double> q, double w, std::span<const double> x,
+                                              double eps, const Finish& finish, std::span<double> out) noexcept;
+// period_survival over ages: checked, clamped, finished.
+std::optional<RangeFault> period_survivals(const Survivorship& s, std::span<const double> x, double period,
+                                           const Finish& finish, std::span<double> out) noexcept;
 // The same with both l values first rounded to the lx decimals (sub-annual periods): checked,
 // clamped, finished. Stops at the first fault.
 std::optional<RangeFault> period_survivals_rounded(const Survivorship& s, std::span<const double> x,
@@ -164,9 +171,11 @@ std::optional<RangeFault> interval_survivals_rounded(const Survivorship& s, std:
                                                      std::span<double> out) noexcept;
 
 // The age-by-duration grid, rows [row_begin, row_end) of it: out[i * t.size() + j] =
-// l(x[i] + t[j]) / l(x[i]) from unrounded l values, 0 where l(x[i]) = 0, finished. `out`
-// spans the whole grid (x.size() * t.size() cells, row-major).
-void interval_grid(const Survivorship& s, std::span<const double> x, std::span<const double> t, const Finish& finish,
-                   std::size_t row_begin, std::size_t row_end, std::span<double> out) noexcept;
+// l(x[i] + t[j]) / l(x[i]) from unrounded l values, 0 where l(x[i]) = 0, checked, clamped,
+// finished. `out` spans the whole grid (x.size() * t.size() cells, row-major); a fault's
+// index is the cell's.
+std::optional<RangeFault> interval_grid(const Survivorship& s, std::span<const double> x, std::span<const double> t,
+                                        const Finish& finish, std::size_t row_begin, std::size_t row_end,
+                                        std::span<double> out) noexcept;
 
 }  // namespace veltrane::kernels
