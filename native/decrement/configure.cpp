@@ -342,9 +342,9 @@ void Batch_dealloc(PyObject* self) {
 
 PyMethodDef batch_methods[] = {
     {"__enter__", Batch_enter, METH_NOARGS,
-     "__enter__()\n--\n\nSuspend the table's rebuilds and remember its state; returns the context."},
+     "__enter__($self, /)\n--\n\nSuspend the table's rebuilds and remember its state; returns the context."},
     {"__exit__", FASTCALL(Batch_exit), METH_FASTCALL,
-     "__exit__(exc_type, exc_val, exc_tb)\n--\n\n"
+     "__exit__($self, exc_type, exc_val, exc_tb, /)\n--\n\n"
      "Rebuild once if a key changed (and the keys are complete), or restore the state on an exception."},
     {nullptr, nullptr, 0, nullptr},
 };
@@ -424,18 +424,18 @@ PyObject* configure_all(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyOb
 
 PyMethodDef configure_methods[] = {
     {"configure", FASTCALL(Table_configure), METH_FASTCALL | METH_KEYWORDS,
-     "configure(sex=None, cohort=None, duration=None, unisex_blend=None)\n--\n\n"
+     "configure($self, /, sex=None, cohort=None, duration=None, unisex_blend=None)\n--\n\n"
      "Set several keys with one rebuild; every argument is checked before anything changes.\n\n"
      "None keeps the current value. Returns the table, so calls chain:\n"
      "``t.configure(cohort=1970).px(65)``."},
     {"batch_update", Table_batch_update, METH_NOARGS,
-     "batch_update()\n--\n\n"
+     "batch_update($self, /)\n--\n\n"
      "A context manager: setters inside the block record their changes and the table rebuilds\n"
      "once at the end; an exception inside the block restores the table as it was."},
     {"_capture_batch_snapshot", Table_capture_batch_snapshot, METH_NOARGS,
-     "_capture_batch_snapshot()\n--\n\nThe keys, flags and rate vectors that a batch may change (arrays copied)."},
+     "_capture_batch_snapshot($self, /)\n--\n\nThe keys, flags and rate vectors that a batch may change (arrays copied)."},
     {"_restore_batch_snapshot", Table_restore_batch_snapshot, METH_O,
-     "_restore_batch_snapshot(snap)\n--\n\nPut back a snapshot taken by _capture_batch_snapshot()."},
+     "_restore_batch_snapshot($self, snap, /)\n--\n\nPut back a snapshot taken by _capture_batch_snapshot()."},
     {nullptr, nullptr, 0, nullptr},
 };
 

@@ -402,7 +402,7 @@ void add_function_class_entries(ModuleState*, PyObject* ns) {
 
 PyMethodDef function_methods[] = {
     {"lx", FASTCALL_KW(actuarial::Table_lx), METH_FASTCALL | METH_KEYWORDS,
-     "lx(x=None)\n--\n\n"
+     "lx($self, /, x=None)\n--\n\n"
      "Survivors l(x) at real ages out of the radix of 1,000,000, rounded to ``decimals.lx``.\n\n"
      "Exact at integer ages, interpolated between them by ``Config().lx_interpolation``, 0 above ``w``.\n\n"
      "Parameters\n----------\n"
@@ -410,7 +410,7 @@ PyMethodDef function_methods[] = {
      "    Ages (>= 0). None gives l at every integer age 0..w.\n\n"
      "Returns\n-------\nfloat or ndarray\n    A float for a scalar age, otherwise a float64 vector."},
     {"px", FASTCALL_KW(actuarial::Table_px), METH_FASTCALL | METH_KEYWORDS,
-     "px(x=None, m=1)\n--\n\n"
+     "px($self, /, x=None, m=1)\n--\n\n"
      "Probability of staying in the initial state for one period of 1/m years from age x,\n"
      "l(x + 1/m) / l(x), rounded to ``decimals.px``.\n\n"
      "Parameters\n----------\n"
@@ -419,7 +419,7 @@ PyMethodDef function_methods[] = {
      "m : {1, 2, 3, 4, 6, 12}\n    Payments per year.\n\n"
      "Returns\n-------\nfloat or ndarray\n    A float for a scalar age, otherwise a float64 vector (a new copy)."},
     {"qx", FASTCALL_KW(actuarial::Table_qx), METH_FASTCALL | METH_KEYWORDS,
-     "qx(x=None, m=1)\n--\n\n"
+     "qx($self, /, x=None, m=1)\n--\n\n"
      "Probability of leaving the initial state within one period of 1/m years from age x,\n"
      "1 - l(x + 1/m) / l(x), rounded to the decimals of the table's rate type.\n\n"
      "Parameters\n----------\n"
@@ -428,7 +428,7 @@ PyMethodDef function_methods[] = {
      "m : {1, 2, 3, 4, 6, 12}\n    Payments per year.\n\n"
      "Returns\n-------\nfloat or ndarray\n    A float for a scalar age, otherwise a float64 vector (a new copy)."},
     {"tpx", FASTCALL_KW(actuarial::Table_tpx), METH_FASTCALL | METH_KEYWORDS,
-     "tpx(x, t=1)\n--\n\n"
+     "tpx($self, /, x, t=1)\n--\n\n"
      "Probability that a life aged x stays in the initial state for t years, l(x + t) / l(x),\n"
      "rounded to ``decimals.tpx``. With t = 1 at integer ages it equals ``px(x)``.\n\n"
      "Parameters\n----------\n"
@@ -438,7 +438,7 @@ PyMethodDef function_methods[] = {
      "    A float for scalar x and t; a vector over t for scalar x, over x for scalar t; otherwise\n"
      "    a matrix with one row per age and one column per duration."},
     {"tqx", FASTCALL_KW(actuarial::Table_tqx), METH_FASTCALL | METH_KEYWORDS,
-     "tqx(x, t=1)\n--\n\n"
+     "tqx($self, /, x, t=1)\n--\n\n"
      "Probability that a life aged x leaves the initial state within t years, 1 - l(x + t) / l(x),\n"
      "rounded to ``decimals.tqx``. Shapes as for ``tpx``.\n\n"
      "Parameters\n----------\n"
@@ -446,7 +446,7 @@ PyMethodDef function_methods[] = {
      "t : float, sequence, ndarray, pandas or Polars Series\n    Durations in years (>= 0).\n\n"
      "Returns\n-------\nfloat or ndarray"},
     {"dx", FASTCALL_KW(actuarial::Table_dx), METH_FASTCALL | METH_KEYWORDS,
-     "dx(x=None)\n--\n\n"
+     "dx($self, /, x=None)\n--\n\n"
      "Expected decrements between ages x and x + 1 out of the radix, l(x) - l(x + 1), rounded to\n"
      "``decimals.dx``.\n\n"
      "Parameters\n----------\n"
@@ -454,15 +454,15 @@ PyMethodDef function_methods[] = {
      "    Ages (>= 0). None gives d at every integer age 0..w (the last being l(w)).\n\n"
      "Returns\n-------\nfloat or ndarray"},
     {"_lx_at", FASTCALL_KW(actuarial::Table_lx_at), METH_FASTCALL | METH_KEYWORDS,
-     "_lx_at(x_arr, use_raw=False)\n--\n\n"
+     "_lx_at($self, /, x_arr, use_raw=False)\n--\n\n"
      "l at real ages as a float64 vector, unrounded evaluation on the rounded (or, with use_raw,\n"
      "the unrounded) l vector. Builds the l vectors on first use; does not validate the ages."},
     {"_prob_decrement_interval", FASTCALL_KW(actuarial::Table_prob_decrement_interval),
      METH_FASTCALL | METH_KEYWORDS,
-     "_prob_decrement_interval(prob_type, x, m=1, validate=True, use_raw=False, is_scalar_x_hint=None)\n--\n\n"
+     "_prob_decrement_interval($self, /, prob_type, x, m=1, validate=True, use_raw=False, is_scalar_x_hint=None)\n--\n\n"
      "The engine of px and qx: 'px' or 'qx' for one period of 1/m years from ages x."},
     {"_prob_life_interval", FASTCALL_KW(actuarial::Table_prob_life_interval), METH_FASTCALL | METH_KEYWORDS,
-     "_prob_life_interval(prob_type, x, t=1, validate=True, use_raw=False)\n--\n\n"
+     "_prob_life_interval($self, /, prob_type, x, t=1, validate=True, use_raw=False)\n--\n\n"
      "The engine of tpx and tqx: 'tpx' or 'tqx' for ages x and durations t."},
     {nullptr, nullptr, 0, nullptr},
 };

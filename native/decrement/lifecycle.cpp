@@ -500,18 +500,18 @@ PyGetSetDef table_properties[] = {
 
 PyMethodDef lifecycle_methods[] = {
     {"_ensure_ready", FASTCALL_KW(Table_ensure_ready), METH_FASTCALL | METH_KEYWORDS,
-     "_ensure_ready(method_name='')\n--\n\n"
+     "_ensure_ready($self, /, method_name='')\n--\n\n"
      "Refuse a table whose sex, cohort or duration is missing; warn about chained rebuilds."},
     {"_check_metadata_complete", Table_check_metadata_complete, METH_NOARGS,
-     "_check_metadata_complete()\n--\n\nTrue when the table has every key it needs."},
+     "_check_metadata_complete($self, /)\n--\n\nTrue when the table has every key it needs."},
     {"_apply_and_rebuild", FASTCALL_KW(Table_apply_and_rebuild), METH_FASTCALL | METH_KEYWORDS,
-     "_apply_and_rebuild(*, sex=_CONFIGURE_UNSET, cohort=_CONFIGURE_UNSET, "
+     "_apply_and_rebuild($self, /, *, sex=_CONFIGURE_UNSET, cohort=_CONFIGURE_UNSET, "
      "duration_internal=_CONFIGURE_UNSET, unisex_blend=_CONFIGURE_UNSET)\n--\n\n"
      "Assign the given keys, then rebuild once if the table is complete."},
     {"_invalidate_caches", Table_invalidate_caches, METH_NOARGS,
-     "_invalidate_caches()\n--\n\nDrop the derived caches (lx, px, qx, decimals)."},
+     "_invalidate_caches($self, /)\n--\n\nDrop the derived caches (lx, px, qx, decimals)."},
     {"reset_modifications", Table_reset_modifications, METH_NOARGS,
-     "reset_modifications()\n--\n\nDiscard every modification and return to the base rates."},
+     "reset_modifications($self, /)\n--\n\nDiscard every modification and return to the base rates."},
     {nullptr, nullptr, 0, nullptr},
 };
 

@@ -210,22 +210,22 @@ PyObject* Table_safe_slice(PyObject*, PyObject* const* args, Py_ssize_t nargs, P
 
 PyMethodDef presentation_methods[] = {
     {"_build_instance_dataframe", Table_build_instance_dataframe, METH_NOARGS,
-     "_build_instance_dataframe()\n--\n\n"
+     "_build_instance_dataframe($self, /)\n--\n\n"
      "The table's rows for ages 0..w as a Polars frame: 'age', the rate column of this sex (and\n"
      "duration), its '_original' base rates when modified, and the improvement column where one applies."},
     {"view_data", FASTCALL_KW(Table_view_data), METH_FASTCALL | METH_KEYWORDS,
-     "view_data(include_age=True, show_normalized=False)\n--\n\n"
+     "view_data($self, /, include_age=True, show_normalized=False)\n--\n\n"
      "The table's rates as a Polars DataFrame.\n\n"
      "Parameters\n----------\n"
      "include_age : bool, default True\n    Keep the 'age' column.\n"
      "show_normalized : bool, default False\n    Keep the rows below the table's start age.\n\n"
      "Returns\n-------\npolars.DataFrame"},
     {"head", FASTCALL_KW(Table_head), METH_FASTCALL | METH_KEYWORDS,
-     "head(n=10, include_age=True, show_normalized=False)\n--\n\n"
+     "head($self, /, n=10, include_age=True, show_normalized=False)\n--\n\n"
      "The first n rows of ``view_data`` (from the start age unless ``show_normalized``).\n\n"
      "Returns\n-------\npolars.DataFrame"},
     {"tail", FASTCALL_KW(Table_tail), METH_FASTCALL | METH_KEYWORDS,
-     "tail(n=10, include_age=True, show_normalized=False)\n--\n\n"
+     "tail($self, /, n=10, include_age=True, show_normalized=False)\n--\n\n"
      "The last n rows of ``view_data``, ending at the current last age ``w``.\n\n"
      "Returns\n-------\npolars.DataFrame"},
     {"_safe_slice", FASTCALL_KW(Table_safe_slice), METH_FASTCALL | METH_KEYWORDS | METH_STATIC,

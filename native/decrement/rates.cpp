@@ -322,17 +322,17 @@ PyObject* Table_compute_select_decrement(PyObject* self, PyObject* const* args, 
 
 PyMethodDef rates_methods[] = {
     {"_compute_decrement", Table_compute_decrement, METH_NOARGS,
-     "_compute_decrement()\n--\n\nThe base one-year decrement vector for the current sex, cohort and duration."},
+     "_compute_decrement($self, /)\n--\n\nThe base one-year decrement vector for the current sex, cohort and duration."},
     {"_compute_lx", Table_compute_lx, METH_NOARGS,
-     "_compute_lx()\n--\n\nSurvivorship from the radix: l[i] = radix * prod(1 - q[k], k < i)."},
+     "_compute_lx($self, /)\n--\n\nSurvivorship from the radix: l[i] = radix * prod(1 - q[k], k < i)."},
     {"_validate_cohort_year", Table_validate_cohort_year, METH_O,
-     "_validate_cohort_year(value)\n--\n\nThe cohort as an int between 1900 and the current year."},
+     "_validate_cohort_year($self, value, /)\n--\n\nThe cohort as an int between 1900 and the current year."},
     {"_get_mi_col", FASTCALL(Table_get_mi_col), METH_FASTCALL,
-     "_get_mi_col(sex, dur)\n--\n\nName of the improvement column for a sex and select duration."},
+     "_get_mi_col($self, sex, dur, /)\n--\n\nName of the improvement column for a sex and select duration."},
     {"_get_select_col", FASTCALL(Table_get_select_col), METH_FASTCALL,
-     "_get_select_col(sex, dur)\n--\n\nName of the rate column for a sex and select duration."},
+     "_get_select_col($self, sex, dur, /)\n--\n\nName of the rate column for a sex and select duration."},
     {"_compute_select_decrement", FASTCALL(Table_compute_select_decrement), METH_FASTCALL,
-     "_compute_select_decrement(sex, data, w, prefix)\n--\n\nRates of a select-ultimate table for the duration."},
+     "_compute_select_decrement($self, sex, data, w, prefix, /)\n--\n\nRates of a select-ultimate table for the duration."},
     {nullptr, nullptr, 0, nullptr},
 };
 

@@ -203,9 +203,9 @@ PyObject* Table_repr(PyObject* self) {
 
 PyMethodDef summary_methods[] = {
     {"summary", Table_summary, METH_NOARGS,
-     "summary()\n--\n\nA report of the table: name, keys, structure, omega in force and modifications."},
+     "summary($self, /)\n--\n\nA report of the table: name, keys, structure, omega in force and modifications."},
     {"_append_decrement_rate_sample_summary", FASTCALL(Table_append_samples), METH_FASTCALL,
-     "_append_decrement_rate_sample_summary(lines, rate_symbol, decimals, rate_at_age)\n--\n\n"
+     "_append_decrement_rate_sample_summary($self, lines, rate_symbol, decimals, rate_at_age, /)\n--\n\n"
      "Append five sample rates from each end of the table to ``lines`` (with the base rate beside\n"
      "each modified one)."},
     {nullptr, nullptr, 0, nullptr},

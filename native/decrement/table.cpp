@@ -333,11 +333,11 @@ PyMethodDef* build_methods() {
     static PyMethodDef defs[64];
     std::size_t n = 0;
     defs[n++] = {"__deepcopy__", Table_deepcopy, METH_O,
-                 "__deepcopy__(memo)\n--\n\nA deep copy that keeps the instance id (so it hashes alike)."};
+                 "__deepcopy__($self, memo, /)\n--\n\nA deep copy that keeps the instance id (so it hashes alike)."};
     defs[n++] = {"copy", Table_copy, METH_NOARGS,
-                 "copy()\n--\n\nReturn a deep copy of the table (``copy.deepcopy(self)``)."};
+                 "copy($self, /)\n--\n\nReturn a deep copy of the table (``copy.deepcopy(self)``)."};
     defs[n++] = {"__copy__", Table_copy, METH_NOARGS,
-                 "__copy__()\n--\n\nA table shares nothing mutable with its copy: the same as copy()."};
+                 "__copy__($self, /)\n--\n\nA table shares nothing mutable with its copy: the same as copy()."};
     defs[n++] = {"__reduce__", Table_reduce, METH_NOARGS, nullptr};
     for (const PyMethodDef* groups :
          {lifecycle_methods, configure_methods, rates_methods, unisex_methods, function_methods,

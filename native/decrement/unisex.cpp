@@ -187,7 +187,7 @@ PyObject* Table_generate_unisex(PyObject* self, PyObject* blend) {
 
 PyMethodDef unisex_methods[] = {
     {"_generate_unisex_decrement", Table_generate_unisex, METH_O,
-     "_generate_unisex_decrement(unisex_blend)\n--\n\n"
+     "_generate_unisex_decrement($self, unisex_blend, /)\n--\n\n"
      "Blend the male and female rates with the male weight into the unisex column of a private copy of "
      "the source."},
     {nullptr, nullptr, 0, nullptr},
