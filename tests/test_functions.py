@@ -463,3 +463,10 @@ def test_published_illustrative_life_table(tables):
     t = LifeTable("ILT", "u")
     np.testing.assert_allclose(t.lx(np.arange(q.size)), l_published / 10.0, rtol=1e-12)
     assert t.tpx(65, 20) == pytest.approx(l_published[85] / l_published[65], abs=1e-12)
+
+
+def test_numpy_integer_last_age_is_read_as_its_value():
+    t, u = LifeTable("SULT", "u"), LifeTable("SULT", "u")
+    t._w_mod, u._w_mod = np.int64(100), 100
+    values = [(table.qx(100), table.lx(100.5), table.tpx(90, 20)) for table in (t, u)]
+    assert values[0] == values[1] == (1.0, 0.0, 0.0)

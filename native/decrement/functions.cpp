@@ -73,11 +73,18 @@ bool any_negative(std::span<const double> values) noexcept {
 
 double table_w(TableObject* t) {
     PyObject* w = t->w_mod.get();
-    if (w == nullptr || !PyLong_Check(w)) {
+    if (w != nullptr && PyLong_CheckExact(w)) {
+        const long long v = PyLong_AsLongLong(w);
+        if (v == -1 && PyErr_Occurred()) py::throw_error_set();
+        return static_cast<double>(v);
+    }
+    // Anything integral (a NumPy integer written into the field) is read by its index value.
+    if (w == nullptr || PyBool_Check(w) || (!PyLong_Check(w) && !PyArray_IsScalar(w, Integer))) {
         py::ref name = table_name(t);
         py::raise(PyExc_ValueError, "Table '%S' has no last age (w) in force.", name.get());
     }
-    const long long v = PyLong_AsLongLong(w);
+    py::ref index = py::check(PyNumber_Index(w));
+    const long long v = PyLong_AsLongLong(index.get());
     if (v == -1 && PyErr_Occurred()) py::throw_error_set();
     return static_cast<double>(v);
 }
