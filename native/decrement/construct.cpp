@@ -1,6 +1,7 @@
-// Construction of tables: the allocator (argument checks shared by every construction)
-// and __init__ (loading the source, validating the keys against the table's structure,
-// the first build). Every field exists before the first check that can fail.
+// Construction of tables: the allocator (argument checks shared by every construction; a
+// call naming several tables goes on to vectorial.cpp) and __init__ (loading the source,
+// validating the keys against the table's structure, the first build). Every field exists
+// before the first check that can fail.
 #include "decrement/table.hpp"
 
 #include <string>
@@ -13,68 +14,84 @@ bool is_integer_object(PyObject* o) { return (PyLong_Check(o) && !PyBool_Check(o
 
 bool is_sequence_arg(PyObject* o) { return PyList_Check(o) || PyTuple_Check(o); }
 
-void check_cohort_argument(PyObject* cohort) {
-    if (cohort == Py_None) return;
+using List = std::vector<py::ref>;
+
+List one(PyObject* value) {
+    List out;
+    out.push_back(py::ref::borrow(value));
+    return out;
+}
+
+List items_of(PyObject* seq) {
+    py::ref fast = py::check(PySequence_Fast(seq, "expected a list or a tuple"));
+    const Py_ssize_t n = PySequence_Fast_GET_SIZE(fast.get());
+    List out;
+    out.reserve(static_cast<std::size_t>(n));
+    for (Py_ssize_t i = 0; i < n; ++i) out.push_back(py::ref::borrow(PySequence_Fast_ITEMS(fast.get())[i]));
+    return out;
+}
+
+bool is_float_object(PyObject* o) { return PyFloat_Check(o) || PyArray_IsScalar(o, Floating); }
+
+// The cohort argument as a list (int or None); NumPy integers become ints.
+List cohort_list(PyObject* cohort, bool& sequence) {
+    sequence = false;
+    if (cohort == Py_None) return one(Py_None);
     if (PyBool_Check(cohort)) py::raise(PyExc_TypeError, "cohort must be int or sequence of int, got bool");
-    if (is_integer_object(cohort)) return;
+    if (is_integer_object(cohort)) return one(py::check(PyNumber_Index(cohort)).get());
     if (is_sequence_arg(cohort)) {
-        const Py_ssize_t n = PySequence_Size(cohort);
-        for (Py_ssize_t i = 0; i < n; ++i) {
-            py::ref item = py::check(PySequence_GetItem(cohort, i));
-            if (item.get() == Py_None || is_integer_object(item.get())) continue;
-            if (PyBool_Check(item.get())) py::raise(PyExc_TypeError, "cohort element %zd must be int or None, got bool", i);
-            if (PyFloat_Check(item.get()) || PyArray_IsScalar(item.get(), Floating)) {
-                py::raise(PyExc_TypeError, "cohort element %zd must be exact int, got %R", i, item.get());
+        sequence = true;
+        List items = items_of(cohort);
+        if (items.empty()) py::raise(PyExc_ValueError, "cohort sequence must contain at least one cohort");
+        for (std::size_t i = 0; i < items.size(); ++i) {
+            PyObject* v = items[i].get();
+            if (v == Py_None) continue;
+            if (PyBool_Check(v)) py::raise(PyExc_TypeError, "cohort element %zu must be int or None, got bool", i);
+            if (is_integer_object(v)) {
+                items[i] = py::check(PyNumber_Index(v));
+                continue;
             }
-            py::ref name = type_name_of(item.get());
-            py::raise(PyExc_TypeError, "cohort element %zd must be int or None, got %U", i, name.get());
+            if (is_float_object(v)) py::raise(PyExc_TypeError, "cohort element %zu must be exact int, got %S", i, v);
+            py::ref name = type_name_of(v);
+            py::raise(PyExc_TypeError, "cohort element %zu must be int or None, got %U", i, name.get());
         }
-        return;
+        return items;
     }
-    if (PyFloat_Check(cohort) || PyArray_IsScalar(cohort, Floating)) {
-        py::raise(PyExc_TypeError, "cohort must be exact int, got %R", cohort);
-    }
+    if (is_float_object(cohort)) py::raise(PyExc_TypeError, "cohort must be exact int, got %S", cohort);
     py::ref name = type_name_of(cohort);
     py::raise(PyExc_TypeError, "cohort must be int or sequence of int, got %U", name.get());
 }
 
-void check_duration_argument(PyObject* duration) {
-    if (duration == Py_None || PyUnicode_Check(duration) || is_integer_object(duration)) return;
+// The duration argument as a list (int, 'ult' or None). A scalar string other than 'ult' goes
+// on to __init__, whose message names the table's minimum duration.
+List duration_list(PyObject* duration, bool& sequence) {
+    sequence = false;
+    if (duration == Py_None || PyUnicode_Check(duration)) return one(duration);
     if (PyBool_Check(duration)) {
         py::raise(PyExc_TypeError, "duration must be int, 'ult', or sequence of int/'ult', got bool");
     }
+    if (is_integer_object(duration)) return one(py::check(PyNumber_Index(duration)).get());
     if (is_sequence_arg(duration)) {
-        const Py_ssize_t n = PySequence_Size(duration);
-        for (Py_ssize_t i = 0; i < n; ++i) {
-            py::ref item = py::check(PySequence_GetItem(duration, i));
-            PyObject* v = item.get();
-            if (v == Py_None || is_integer_object(v) || str_equals(v, "ult")) continue;
-            if (PyBool_Check(v)) py::raise(PyExc_TypeError, "duration element %zd must be int, 'ult', or None, got bool", i);
+        sequence = true;
+        List items = items_of(duration);
+        if (items.empty()) py::raise(PyExc_ValueError, "duration sequence must contain at least one duration");
+        for (std::size_t i = 0; i < items.size(); ++i) {
+            PyObject* v = items[i].get();
+            if (v == Py_None || str_equals(v, "ult")) continue;
+            if (PyBool_Check(v)) {
+                py::raise(PyExc_TypeError, "duration element %zu must be int, 'ult', or None, got bool", i);
+            }
+            if (is_integer_object(v)) {
+                items[i] = py::check(PyNumber_Index(v));
+                continue;
+            }
             py::ref name = type_name_of(v);
-            py::raise(PyExc_TypeError, "duration element %zd must be int, 'ult', or None, got %U", i, name.get());
+            py::raise(PyExc_TypeError, "duration element %zu must be int, 'ult', or None, got %U", i, name.get());
         }
-        return;
+        return items;
     }
     py::ref name = type_name_of(duration);
     py::raise(PyExc_TypeError, "duration must be int, 'ult', or sequence of int/'ult', got %U", name.get());
-}
-
-void check_table_name_argument(PyObject* name) {
-    if (PyUnicode_Check(name)) return;
-    if (is_sequence_arg(name)) {
-        const Py_ssize_t n = PySequence_Size(name);
-        if (n == 0) py::raise(PyExc_ValueError, "table_name sequence must contain at least one table name");
-        for (Py_ssize_t i = 0; i < n; ++i) {
-            py::ref item = py::check(PySequence_GetItem(name, i));
-            if (!PyUnicode_Check(item.get())) {
-                py::ref type = type_name_of(item.get());
-                py::raise(PyExc_TypeError, "table_name element %zd must be str, got %U", i, type.get());
-            }
-        }
-        return;
-    }
-    py::ref type = type_name_of(name);
-    py::raise(PyExc_TypeError, "table_name element 0 must be str, got %U", type.get());
 }
 
 // The pieces of a blend check shared by the allocator and the pending path of __init__.
@@ -93,6 +110,23 @@ double checked_blend(PyObject* blend, const char* type_message) {
 py::ref lowered(PyObject* sex) {
     if (!PyUnicode_Check(sex)) return py::ref::borrow(sex);
     return py::check(PyObject_CallMethod(sex, "lower", nullptr));
+}
+
+// The sex argument of a many-table call as lower-cased strings. None stands alone for pending
+// shells whose sex comes later (the allocator refused it without pending).
+List sex_list(PyObject* sex, bool& sequence) {
+    sequence = false;
+    if (sex == Py_None) return one(Py_None);
+    if (PyUnicode_Check(sex)) return one(lowered(sex).get());
+    if (!is_sequence_arg(sex)) py::raise(PyExc_TypeError, "sex must be a string or a list/tuple of strings");
+    sequence = true;
+    List items = items_of(sex);
+    if (items.empty()) py::raise(PyExc_ValueError, "sex sequence must contain at least one sex");
+    for (py::ref& item : items) {
+        if (!PyUnicode_Check(item.get())) py::raise(PyExc_TypeError, "sex must be a string or a list/tuple of strings");
+        item = lowered(item.get());
+    }
+    return items;
 }
 
 }  // namespace
@@ -131,41 +165,76 @@ PyObject* Table_new(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
         const bool return_dict = py::require(PyObject_IsTrue(values[6])) == 1;
         const bool pending = py::require(PyObject_IsTrue(values[7])) == 1;
 
-        check_cohort_argument(cohort);
-        check_duration_argument(duration);
-        check_table_name_argument(table_name_arg);
+        bool cohort_sequence = false;
+        bool duration_sequence = false;
+        List cohorts = cohort_list(cohort, cohort_sequence);
+        List durations = duration_list(duration, duration_sequence);
+        List table_names = resolve_table_names(table_name_arg);
         py::ref class_name = type_name_of(reinterpret_cast<PyObject*>(type));
         if (sex == Py_None && !pending) {
             py::raise(PyExc_TypeError, "%U(): 'sex' is required unless pending=True. Pass sex='m', 'f', or 'u'.",
                       class_name.get());
         }
-        if (!PyUnicode_Check(sex) && sex != Py_None && !is_sequence_arg(sex)) {
-            py::raise(PyExc_TypeError, "sex must be a string or a list/tuple of strings");
+        if (pending) {
+            if (cartesian) {
+                py::raise(PyExc_ValueError,
+                          "%U(): cartesian=True is not compatible with pending=True. Create individual pending "
+                          "instances and configure them separately.",
+                          class_name.get());
+            }
+            if (return_dict) {
+                py::raise(PyExc_ValueError,
+                          "%U(): return_dict=True is not compatible with pending=True. Use TableRegistry for keyed "
+                          "caching of configured instances.",
+                          class_name.get());
+            }
+            if (cohort_sequence) {
+                py::raise(PyExc_ValueError,
+                          "%U(): cohort as a sequence is not compatible with pending=True. Pass a scalar cohort or "
+                          "omit it (deferred via configure()).",
+                          class_name.get());
+            }
+            if (duration_sequence) {
+                py::raise(PyExc_ValueError,
+                          "%U(): duration as a sequence is not compatible with pending=True. Pass a scalar duration "
+                          "or omit it (deferred via configure()).",
+                          class_name.get());
+            }
         }
-        const bool single = (PyUnicode_Check(sex) || sex == Py_None) && PyUnicode_Check(table_name_arg) &&
-                            !is_sequence_arg(cohort) && !is_sequence_arg(duration) && !is_sequence_arg(blend) &&
-                            !cartesian && !return_dict;
-        if (!single) {
-            py::raise(PyExc_TypeError,
-                      "%U(): several tables in one call (sequences of arguments, cartesian or return_dict) are "
-                      "not supported; construct each table with scalar arguments",
-                      class_name.get());
-        }
-        if (sex != Py_None) {
-            py::ref s = lowered(sex);
-            if ((str_equals(s.get(), "m") || str_equals(s.get(), "f")) && blend != Py_None) {
+        bool sex_sequence = false;
+        List sexes = sex_list(sex, sex_sequence);
+        // A scalar blend is checked here in both modes: against a scalar sex, then its value.
+        const bool blend_sequence = is_sequence_arg(blend);
+        if (!blend_sequence && blend != Py_None) {
+            PyObject* s = sexes.front().get();
+            if (!sex_sequence && (str_equals(s, "m") || str_equals(s, "f"))) {
                 py::raise(PyExc_ValueError,
                           "Cannot specify unisex_blend=%S when sex='%S' is explicitly set. Use sex='u' to apply "
                           "unisex blending.",
-                          blend, s.get());
+                          blend, s);
             }
-        }
-        if (blend != Py_None) {
             const double w = checked_blend(blend, "Expected numeric input for unisex_blend");
             if (!(0.0 <= w && w <= 1.0)) {
                 py::ref shown = py::check(PyFloat_FromDouble(w));
                 py::raise(PyExc_ValueError, "unisex_blend must be in [0.0, 1.0], got %S", shown.get());
             }
+        }
+        const bool single = !sex_sequence && PyUnicode_Check(table_name_arg) && !cohort_sequence &&
+                            !duration_sequence && !blend_sequence && !cartesian && !return_dict;
+        if (!single) {
+            VectorialCall call;
+            call.table_names = std::move(table_names);
+            call.sexes = std::move(sexes);
+            call.sex_sequence = sex_sequence;
+            call.cohorts = std::move(cohorts);
+            call.durations = std::move(durations);
+            call.blend = blend;
+            call.blend_sequence = blend_sequence;
+            call.cartesian = cartesian;
+            call.return_dict = return_dict;
+            call.pending = pending;
+            call.kwargs = kwargs;
+            return construct_many(type, call);
         }
         return table_alloc(type, state_from_type(type));
     });

@@ -184,7 +184,14 @@ constexpr const char* kPublicClassDoc =
     "cohort : int, optional\n    Year of birth; required for generational tables only.\n"
     "unisex_blend : float, optional\n    Male weight in [0, 1] blending male and female rates for sex 'u'.\n"
     "duration : int or 'ult', optional\n    Policy duration; required for select-ultimate tables only.\n"
-    "pending : bool, default False\n    Allow a generational or select table whose keys arrive later.\n";
+    "pending : bool, default False\n    Allow a generational or select table whose keys arrive later.\n"
+    "cartesian : bool, default False\n"
+    "    With sequences of arguments: build every combination instead of pairing them.\n"
+    "return_dict : bool, default False\n"
+    "    With sequences of arguments: return a dict keyed by TableKey instead of a tuple.\n\n"
+    "Any of table_name, sex, cohort, duration and unisex_blend may be a list or tuple: the call\n"
+    "then builds several tables, pairing the sequences element by element (a one-element\n"
+    "sequence is repeated), and returns them as a tuple.\n";
 
 py::ref build_public_class(PyObject* module, ModuleState* st) {
     py::ref globals = py::check(PyDict_New());

@@ -3,6 +3,8 @@
 
 #include "decrement/state.hpp"
 
+#include <vector>
+
 namespace veltrane::decrement {
 
 PyType_Spec* table_type_spec();
@@ -49,7 +51,26 @@ PyObject* Table_repr(PyObject* self);
 extern PyMethodDef modification_methods[];
 void bind_combination_helpers(PyObject* module);
 
-// vectorial.cpp: the helpers of many-table construction.
+// vectorial.cpp: many tables from one constructor call, and the module helpers it rests on.
+// The constructor's arguments once the checks shared with single construction passed; each
+// axis is a list (a scalar argument is a list of one).
+struct VectorialCall {
+    std::vector<py::ref> table_names;  // str, at least one
+    std::vector<py::ref> sexes;        // lower-cased str; a lone None for pending shells without sex
+    std::vector<py::ref> cohorts;      // int or None
+    std::vector<py::ref> durations;    // int, str or None
+    PyObject* blend = Py_None;         // borrowed: None, a number, or a list/tuple of them
+    bool sex_sequence = false;
+    bool blend_sequence = false;
+    bool cartesian = false;
+    bool return_dict = false;
+    bool pending = false;
+    PyObject* kwargs = nullptr;        // borrowed; the keywords that are not the constructor's own are forwarded
+};
+// The table names of a constructor call as a list; refuses an empty sequence and non-strings.
+std::vector<py::ref> resolve_table_names(PyObject* table_name);
+// Builds every requested instance: a tuple, or a dict keyed by TableKey.
+PyObject* construct_many(PyTypeObject* type, VectorialCall& call);
 void bind_vectorial_helpers(PyObject* module);
 
 // timestep.cpp: snapshot, advance and restore of the actuarial state.

@@ -12,7 +12,7 @@ from veltrane.base import PaymentFrequencyLiteral, TableKey
 from veltrane.config import Config
 
 if TYPE_CHECKING:
-    from veltrane.tables import DecrementTable, DisabilityTable, ExitTable, LifeTable
+    from veltrane.tables import DecrementTable, DisabilityTable, ExitTable, LifeTable, TableRegistry
 
 __all__ = [
     "Config",
@@ -22,10 +22,11 @@ __all__ = [
     "LifeTable",
     "PaymentFrequencyLiteral",
     "TableKey",
+    "TableRegistry",
 ]
 __version__ = "0.1.0"
 
-_TABLE_EXPORTS = frozenset({"DecrementTable", "DisabilityTable", "ExitTable", "LifeTable"})
+_TABLE_EXPORTS = frozenset({"DecrementTable", "DisabilityTable", "ExitTable", "LifeTable", "TableRegistry"})
 
 
 def __getattr__(name: str) -> Any:
