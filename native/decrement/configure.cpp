@@ -5,12 +5,7 @@
 #include "decrement/arguments.hpp"
 #include "decrement/table.hpp"
 
-#if PY_VERSION_HEX >= 0x030C0000
-#define VELTRANE_T_OBJECT_EX Py_T_OBJECT_EX
-#else
-#include <structmember.h>
-#define VELTRANE_T_OBJECT_EX T_OBJECT_EX
-#endif
+#include "pyutil/members.hpp"
 
 namespace veltrane::decrement {
 namespace {

@@ -11,14 +11,7 @@
 #include <new>
 #include <utility>
 
-#if PY_VERSION_HEX >= 0x030C0000
-#define VELTRANE_T_PYSSIZET Py_T_PYSSIZET
-#define VELTRANE_READONLY Py_READONLY
-#else
-#include <structmember.h>
-#define VELTRANE_T_PYSSIZET T_PYSSIZET
-#define VELTRANE_READONLY READONLY
-#endif
+#include "pyutil/members.hpp"
 
 namespace veltrane::decrement {
 namespace {
