@@ -1,11 +1,14 @@
-"""Small table files written per test, and a configuration that is put back afterwards.
+"""Small table files written per test, a configuration that is put back afterwards, shared helpers.
 
 ``tables`` writes a table file into a fresh directory searched before the bundled tables and
-returns its columns as float64 vectors, so a test can compute what the table must hold.
+returns its columns as float64 vectors, so a test can compute what the table must hold;
+``standard`` writes one table of each usual structure.
 """
 
 from __future__ import annotations
 
+import math
+import re
 from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
@@ -18,6 +21,47 @@ from veltrane.tables import decrement
 from veltrane.tables.source import TableSource, write_table
 
 AGES = 8  # ages 0..7: enough for every structure, small enough to read in a failure
+# Published tables shared by the project; the tests that read them skip when they are absent.
+RAW = Path(__file__).resolve().parents[2] / "shared" / "tables" / "raw"
+
+
+def exactly(exc: type[Exception], message: str):
+    """pytest.raises for an exception whose whole message is ``message``."""
+    return pytest.raises(exc, match=f"^{re.escape(message)}$")
+
+
+# -- improvement formulas one age at a time: the references for projected rates ------------------
+
+
+def _improvement_factor(name: str, lam: float, t: float) -> float:
+    if name == "exponential":
+        return math.exp(-lam * t)
+    if name == "compound":
+        return (1.0 - lam) ** t
+    return math.exp(-lam * 100.0 * math.atan(t / 100.0))  # exponential_damped
+
+
+def improved(name, q, lam, cohort, base_year) -> np.ndarray:
+    """Rates moved from the base year to the year cohort + x by one improvement rate per age."""
+    t = cohort - base_year
+    return np.array(
+        [min(1.0, max(0.0, q[x] * _improvement_factor(name, lam[x], t + x))) for x in range(len(q))]
+    )
+
+
+def projected(q, mi, cohort, base_year, grid) -> np.ndarray:
+    """Compound each calendar year's improvement (the first grid year not before it) between the two years."""
+
+    def rate(x, y):
+        return next((mi[x][j] for j, g in enumerate(grid) if g >= y), mi[x][-1])
+
+    out = []
+    for x in range(len(q)):
+        year, prod = cohort + x, 1.0
+        for y in range(min(year, base_year) + 1, max(year, base_year) + 1):
+            prod *= 1.0 - rate(x, y)
+        out.append(min(1.0, max(0.0, q[x] * prod if year >= base_year else q[x] / prod)))
+    return np.array(out)
 
 
 class TableWriter:
@@ -27,11 +71,9 @@ class TableWriter:
         self.directory = directory
         self.rng = np.random.default_rng(20240611)
 
-    def write(self, name: str, metadata: dict[str, Any], columns: dict[str, Any], *, validate: bool = True):
+    def write(self, name: str, metadata: dict[str, Any], columns: dict[str, Any]):
         columns = {"age": list(range(len(next(iter(columns.values()))))), **columns}
-        write_table(
-            self.directory, name, metadata, {k: list(v) for k, v in columns.items()}, validate=validate
-        )
+        write_table(self.directory, name, metadata, {k: list(v) for k, v in columns.items()})
         return {k: np.asarray(v, dtype=np.float64) for k, v in columns.items() if k != "age"}
 
     def rates(self, low: float = 0.01, high: float = 0.4, n: int = AGES) -> np.ndarray:
@@ -99,3 +141,15 @@ def tables(tmp_path: Path) -> Iterator[TableWriter]:
         yield TableWriter(tmp_path)
     TableSource.clear_cache()
     decrement._clear_cohort_unisex_cache()
+
+
+@pytest.fixture
+def standard(tables: TableWriter) -> dict[str, dict[str, np.ndarray]]:
+    """PER (period), GEN (flat improvement), YRS (year-indexed), SEL and GSEL (select): columns by name."""
+    return {
+        "PER": tables.period(),
+        "GEN": tables.flat(),
+        "YRS": tables.year_indexed(),
+        "SEL": tables.select(),
+        "GSEL": tables.select("GSEL", generational="exponential"),
+    }

@@ -10,6 +10,11 @@ import pytest
 from veltrane.cli import main
 from veltrane.tables.life import LifeTable
 
+SULT = LifeTable("SULT", "u")
+GRID = [
+    f"{x}\t{a!r}\t{b!r}" for x, (a, b) in zip((50, 60), SULT.tpx([50, 60], [1, 10]).tolist(), strict=True)
+]
+
 
 def run(capsys, *argv: str) -> tuple[int, str, str]:
     try:
@@ -46,55 +51,40 @@ def test_show(capsys):
     assert "qx_u_s1" in out and "│ 22  ┆" in out and "│ 23  ┆" not in out
 
 
-@pytest.mark.parametrize(
-    ("argv", "expected"),
-    [
-        (["tpx", "65", "10"], [repr(LifeTable("SULT", "u").tpx(65, 10))]),
-        (["qx", "50.5", "--m", "12"], [repr(LifeTable("SULT", "u").qx(50.5, m=12))]),
-        (
-            ["lx", "50,60"],
-            [f"50\t{LifeTable('SULT', 'u').lx(50)!r}", f"60\t{LifeTable('SULT', 'u').lx(60)!r}"],
-        ),
-        (
-            ["tqx", "50", "1,5"],
-            [f"1\t{LifeTable('SULT', 'u').tqx(50, 1)!r}", f"5\t{LifeTable('SULT', 'u').tqx(50, 5)!r}"],
-        ),
-        (["dx", "120"], [repr(LifeTable("SULT", "u").lx(120))]),
-    ],
-)
+EVALS = [  # the function's arguments, the lines printed
+    (["tpx", "65", "10"], [repr(SULT.tpx(65, 10))]),
+    (["qx", "50.5", "--m", "12"], [repr(SULT.qx(50.5, m=12))]),
+    (["lx", "50,60"], [f"50\t{SULT.lx(50)!r}", f"60\t{SULT.lx(60)!r}"]),
+    (["tqx", "50", "1,5"], [f"1\t{SULT.tqx(50, 1)!r}", f"5\t{SULT.tqx(50, 5)!r}"]),
+    (["dx", "120"], [repr(SULT.lx(120))]),
+    (["tpx", "50,60", "1,10"], ["x \\ t\t1\t10", *GRID]),  # ages by durations, under a header
+]
+
+
+@pytest.mark.parametrize(("argv", "expected"), EVALS)
 def test_eval(capsys, argv, expected):
     code, out, err = run(capsys, "eval", "SULT", "--sex", "u", *argv)
     assert (code, err) == (0, "") and out.splitlines() == expected
 
 
-def test_eval_grid(capsys):
-    code, out, _ = run(capsys, "eval", "SULT", "--sex", "u", "tpx", "50,60", "1,10")
-    grid = LifeTable("SULT", "u").tpx([50, 60], [1, 10]).tolist()
-    assert code == 0 and out.splitlines() == [
-        "x \\ t\t1\t10",
-        f"50\t{grid[0][0]!r}\t{grid[0][1]!r}",
-        f"60\t{grid[1][0]!r}\t{grid[1][1]!r}",
-    ]
+ERRORS = [
+    (["eval", "NOPE", "--sex", "u", "lx", "5"], "table 'NOPE' not found"),
+    (["show", "SULT", "--sex", "m"], "Invalid sex 'm' for table 'SULT'"),
+    (["show", "SSSM", "--sex", "u"], "'duration' is required"),
+    (["eval", "SULT", "--sex", "u", "lx", "-5"], "[lx] All ages x must be >= 0 for table 'SULT'."),
+    (["eval", "SULT", "--sex", "u", "tqx", "50", "-1"], "[tqx]: t must be >= 0"),
+    (["eval", "SULT", "--sex", "u", "px", "50", "--m", "5"], "argument --m: invalid choice: 5"),
+    (["eval", "SULT", "--sex", "u", "px", "fifty"], "argument X: not a number: 'fifty'"),
+    (["eval", "SULT", "--sex", "u", "lx", "50", "10"], "lx takes no duration T"),
+    (["eval", "SULT", "--sex", "u", "tpx", "50", "--m", "12"], "--m applies to px and qx only"),
+    (["eval", "SULT", "--sex", "u", "ex", "50"], "argument FUNCTION: invalid choice: 'ex'"),
+    (["show", "SULT"], "the following arguments are required: --sex"),
+    (["show", "SULT", "--sex", "u", "--rows", "-1"], "--rows must be >= 0"),
+    ([], "the following arguments are required: COMMAND"),
+]
 
 
-@pytest.mark.parametrize(
-    ("argv", "message"),
-    [
-        (["eval", "NOPE", "--sex", "u", "lx", "5"], "table 'NOPE' not found"),
-        (["show", "SULT", "--sex", "m"], "Invalid sex 'm' for table 'SULT'"),
-        (["show", "SSSM", "--sex", "u"], "'duration' is required"),
-        (["eval", "SULT", "--sex", "u", "lx", "-5"], "[lx] All ages x must be >= 0 for table 'SULT'."),
-        (["eval", "SULT", "--sex", "u", "tqx", "50", "-1"], "[tqx]: t must be >= 0"),
-        (["eval", "SULT", "--sex", "u", "px", "50", "--m", "5"], "argument --m: invalid choice: 5"),
-        (["eval", "SULT", "--sex", "u", "px", "fifty"], "argument X: not a number: 'fifty'"),
-        (["eval", "SULT", "--sex", "u", "lx", "50", "10"], "lx takes no duration T"),
-        (["eval", "SULT", "--sex", "u", "tpx", "50", "--m", "12"], "--m applies to px and qx only"),
-        (["eval", "SULT", "--sex", "u", "ex", "50"], "argument FUNCTION: invalid choice: 'ex'"),
-        (["show", "SULT"], "the following arguments are required: --sex"),
-        (["show", "SULT", "--sex", "u", "--rows", "-1"], "--rows must be >= 0"),
-        ([], "the following arguments are required: COMMAND"),
-    ],
-)
+@pytest.mark.parametrize(("argv", "message"), ERRORS)
 def test_errors_are_one_line_with_status_2(capsys, argv, message):
     code, out, err = run(capsys, *argv)
     assert code == 2 and out == ""
@@ -102,23 +92,8 @@ def test_errors_are_one_line_with_status_2(capsys, argv, message):
 
 
 def test_console_script_entry(tmp_path):
-    result = subprocess.run(
-        [
-            sys.executable,
-            "-c",
-            "import sys; from veltrane.cli import main; sys.exit(main())",
-            "eval",
-            "NOPE",
-            "--sex",
-            "u",
-            "lx",
-            "1",
-        ],
-        capture_output=True,
-        text=True,
-        check=False,
-        cwd=tmp_path,
-    )
-    assert (
-        result.returncode == 2 and "Traceback" not in result.stderr and len(result.stderr.splitlines()) == 1
-    )
+    script = "import sys; from veltrane.cli import main; sys.exit(main())"
+    argv = [sys.executable, "-c", script, "eval", "NOPE", "--sex", "u", "lx", "1"]
+    result = subprocess.run(argv, capture_output=True, text=True, check=False, cwd=tmp_path)
+    assert result.returncode == 2 and "Traceback" not in result.stderr
+    assert len(result.stderr.splitlines()) == 1

@@ -13,14 +13,14 @@ import csv
 import gc
 import math
 import sys
-import threading
-from pathlib import Path
+from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
 import pandas as pd
 import polars as pl
 import pytest
 
+from conftest import RAW
 from veltrane.base import PAYMENT_FREQUENCIES
 from veltrane.config import Config
 from veltrane.tables import decrement
@@ -30,7 +30,6 @@ from veltrane.tables.source import BUNDLED_TABLES_DIR
 EPS = 1e-9
 RADIX = 1_000_000.0
 A, B, C = 0.00022, 2.7e-6, 1.124  # Makeham's law of the bundled SULT table
-RAW = Path(__file__).resolve().parents[2] / "shared" / "tables" / "raw"
 
 
 class Reference:
@@ -133,7 +132,7 @@ def test_functions_match_reference_bit_for_bit(case, ages):
     table, ref = case
     np.testing.assert_array_equal(table.lx(ages), np.round(ref.lx_at(ages), 9))
     np.testing.assert_array_equal(table.dx(ages), np.round(ref.lx_at(ages) - ref.lx_at(ages + 1.0), 9))
-    for m in (1, 12):
+    for m in PAYMENT_FREQUENCIES:
         np.testing.assert_array_equal(table.px(ages, m=m), ref.prob("px", ages, m))
         np.testing.assert_array_equal(table.qx(ages, m=m), ref.prob("qx", ages, m))
     for t in (0.5, 1.0, 10.0, 7.25):
@@ -169,33 +168,6 @@ def test_makeham_closed_form():
             assert table.tqx(x, t) == pytest.approx(1.0 - survival(x, t), abs=2e-12)
     # 10p65 of the Standard Ultimate Life Table, as published to five decimals.
     assert round(table.tpx(65, 10), 5) == 0.90086
-
-
-def test_interpolation_between_integer_ages():
-    table = LifeTable("SULT", "u")
-    l50, l51 = table.lx(50), table.lx(51)
-    assert table.lx(50.25) == pytest.approx(l50 + 0.25 * (l51 - l50), abs=1e-9)
-    assert table.px(50.5) == pytest.approx(table.lx(51.5) / table.lx(50.5), abs=1e-12)
-    with Config().override(lx_interpolation="exponential"):  # a change of setting applies at once
-        assert table.lx(50.25) == pytest.approx(l50 * (l51 / l50) ** 0.25, abs=1e-9)
-        assert table.qx(50, m=12) == pytest.approx(1.0 - (l51 / l50) ** (1 / 12), abs=1e-11)
-
-
-def test_edge_ages():
-    table = LifeTable("SULT", "u")
-    w = table.w
-    q = table._decrement
-    assert table.lx(0) == RADIX
-    assert table.lx(w + 0.5) == table.lx(w + 10) == 0.0
-    assert table.lx(49.9999999999) == table.lx(50) and table.lx(50.0000000001) == table.lx(50)
-    assert table.qx(w) == table.qx(w + 3) == 1.0 and table.px(w) == 0.0
-    assert table.qx(w - 1) == round(q[w - 1], 12)
-    assert table.px(50) == round(1.0 - q[50], 12)
-    assert table.px(w - 0.5) == 0.0
-    assert table.tpx(55.5, 0) == 1.0 and table.tpx(w, 1) == 0.0 and table.tqx(w, 1) == 1.0
-    assert table.dx().size == w + 1 and table.dx()[-1] == table.lx(w) == table.dx(w)
-    assert table.dx(w + 1) == 0.0
-    np.testing.assert_array_equal(table.lx(), table.lx(np.arange(w + 1.0)))
 
 
 def test_tpx_of_one_year_is_px_exactly():
@@ -250,21 +222,16 @@ def test_rates_edited_by_hand(tables, rate, px, qx):
         assert str(info.value).endswith(message)
 
 
-@pytest.mark.parametrize(
-    ("x", "t", "shape"),
-    [
-        ([50, 55], [1, 5, 10], (2, 3)),
-        (50, [1, 5], (2,)),
-        ([50, 55], 10, (2,)),
-        ([50], 10, (1,)),
-        (50, [10], (1,)),
-        ([50], [10], (1, 1)),
-        ([], 10, (0,)),
-        ([], [1, 2], (0, 2)),
-        ([50, 55], [], (2, 0)),
-        (50, [], (0,)),
-    ],
-)
+# fmt: off
+SHAPES = [  # x, t, the shape of tpx and tqx
+    ([50, 55], [1, 5, 10], (2, 3)), (50, [1, 5], (2,)), ([50, 55], 10, (2,)), ([50], 10, (1,)),
+    (50, [10], (1,)), ([50], [10], (1, 1)), ([], 10, (0,)), ([], [1, 2], (0, 2)), ([50, 55], [], (2, 0)),
+    (50, [], (0,)),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize(("x", "t", "shape"), SHAPES)
 def test_result_shapes(x, t, shape):
     table = LifeTable("SULT", "u")
     for fn in (table.tpx, table.tqx):
@@ -286,80 +253,59 @@ def test_grid_in_pieces_equals_rows():
     np.testing.assert_array_equal(grid, Reference(sult_rates()).interval("tqx", ages, durations))
 
 
-@pytest.mark.parametrize(
-    ("call", "message"),
-    [
-        (lambda t: t.lx(-0.5), "[lx] All ages x must be >= 0 for table 'SULT'."),
-        (lambda t: t.lx([50, -1]), "[lx] All ages x must be >= 0 for table 'SULT'."),
-        (lambda t: t.px(-1), "All ages x must be >= 0 for table 'SULT'."),
-        (lambda t: t.qx(np.array([1.0, -2.0]), m=12), "All ages x must be >= 0 for table 'SULT'."),
-        (lambda t: t.dx([-3]), "All ages x must be >= 0 for table 'SULT'."),
-        (lambda t: t.tpx(-1), "All ages x must be >= 0 for table 'SULT'."),
-        (lambda t: t.tpx(-1.5, 2), "[tpx] Ages 'x' must be >= 0"),
-        (lambda t: t.tqx(-1, 5), "[tqx] Ages 'x' must be >= 0"),
-        (lambda t: t.tpx(50, -1), "[tpx]: t must be >= 0"),
-        (lambda t: t.tqx([50, 60], [1, -5]), "[tqx]: t must be >= 0"),
-        (lambda t: t.lx(float("nan")), "[lx] x must be finite, got nan"),
-        (lambda t: t.tqx(50, [1, float("inf")]), "[tqx] t[1] must be finite, got inf"),
-        (lambda t: t.px(50, m=5), "[px] m must be one of 1, 2, 3, 4, 6, 12, got 5"),
-        (lambda t: t.qx(50, m=12.5), "[qx] m must be one of 1, 2, 3, 4, 6, 12, got 12.5"),
-        (lambda t: t._prob_decrement_interval("tpx", 50), "_prob_decrement_interval: prob_type must be 'px'"),
-        (lambda t: t._prob_life_interval("px", 50), "_prob_life_interval: prob_type must be 'tpx' or 'tqx'"),
-    ],
-)
+VALUE_ERRORS = [
+    (lambda t: t.lx(-0.5), "[lx] All ages x must be >= 0 for table 'SULT'."),
+    (lambda t: t.px(-1), "All ages x must be >= 0 for table 'SULT'."),
+    (lambda t: t.qx(np.array([1.0, -2.0]), m=12), "All ages x must be >= 0 for table 'SULT'."),
+    (lambda t: t.dx([-3]), "All ages x must be >= 0 for table 'SULT'."),
+    (lambda t: t.tpx(-1), "All ages x must be >= 0 for table 'SULT'."),
+    (lambda t: t.tpx(-1.5, 2), "[tpx] Ages 'x' must be >= 0"),
+    (lambda t: t.tpx(50, -1), "[tpx]: t must be >= 0"),
+    (lambda t: t.lx(float("nan")), "[lx] x must be finite, got nan"),
+    (lambda t: t.tqx(50, [1, float("inf")]), "[tqx] t[1] must be finite, got inf"),
+    (lambda t: t.px(50, m=5), "[px] m must be one of 1, 2, 3, 4, 6, 12, got 5"),
+    (lambda t: t.qx(50, m=12.5), "[qx] m must be one of 1, 2, 3, 4, 6, 12, got 12.5"),
+    (lambda t: t._prob_decrement_interval("tpx", 50), "_prob_decrement_interval: prob_type must be 'px'"),
+    (lambda t: t._prob_life_interval("px", 50), "_prob_life_interval: prob_type must be 'tpx' or 'tqx'"),
+]
+
+
+@pytest.mark.parametrize(("call", "message"), VALUE_ERRORS)
 def test_value_errors(call, message):
     with pytest.raises(ValueError) as info:
         call(LifeTable("SULT", "u"))
     assert str(info.value).startswith(message)
 
 
-@pytest.mark.parametrize(
-    ("call", "message"),
-    [
-        (lambda t: t.lx("50"), "[lx] x must be a number or a sequence of numbers, got str"),
-        (lambda t: t.px([50, None]), "[px] x[1] must be numeric, got NoneType"),
-        (lambda t: t.tpx(True), "[tpx] x must be numeric, not bool"),
-        (lambda t: t.tqx(50, [[1, 2]]), "[tqx] t must be one-dimensional"),
-        (lambda t: t.qx(50, m=[12]), "[qx] m must be a single number, got list"),
-        (lambda t: t.px(50, m=None), "[px] m must be a single number, got None"),
-        (lambda t: t.qx(50, m="12"), "[qx] m must be a single number, got str"),
-        (lambda t: t.tpx(), "tpx() missing required argument 'x'"),
-        (lambda t: t.px(50, 1, 2), "px() takes at most 2 arguments (3 given)"),
-        (lambda t: t.lx(y=2), "lx() got an unexpected keyword argument 'y'"),
-    ],
-)
+TYPE_ERRORS = [
+    (lambda t: t.lx("50"), "[lx] x must be a number or a sequence of numbers, got str"),
+    (lambda t: t.px([50, None]), "[px] x[1] must be numeric, got NoneType"),
+    (lambda t: t.tpx(True), "[tpx] x must be numeric, not bool"),
+    (lambda t: t.tqx(50, [[1, 2]]), "[tqx] t must be one-dimensional"),
+    (lambda t: t.qx(50, m=[12]), "[qx] m must be a single number, got list"),
+    (lambda t: t.px(50, m=None), "[px] m must be a single number, got None"),
+    (lambda t: t.tpx(), "tpx() missing required argument 'x'"),
+    (lambda t: t.px(50, 1, 2), "px() takes at most 2 arguments (3 given)"),
+    (lambda t: t.lx(y=2), "lx() got an unexpected keyword argument 'y'"),
+]
+
+
+@pytest.mark.parametrize(("call", "message"), TYPE_ERRORS)
 def test_type_errors(call, message):
     with pytest.raises(TypeError) as info:
         call(LifeTable("SULT", "u"))
     assert str(info.value).startswith(message)
 
 
-def test_every_payment_frequency_is_accepted():
-    table = LifeTable("SULT", "u")
-    for m in PAYMENT_FREQUENCIES:
-        expected = table.tpx(50.0, 1.0 / m) if m != 1 else table.px(50)
-        assert table.px(50, m=m) == pytest.approx(expected, abs=1e-11)
-        assert table.px(np.int64(50), m=np.int64(m)) == table.px(50, m=m)
-    with pytest.raises(ValueError, match=", ".join(map(str, PAYMENT_FREQUENCIES)) + ", got 0$"):
-        table.px(50, m=0)
-
-
 def test_input_kinds_agree():
     table = LifeTable("SULT", "u")
     ages = [20.0, 35.5, 50.25, 80.0]
     expected = table.tqx(np.array(ages), 10)
-    for given in (
-        ages,
-        tuple(ages),
-        np.array(ages, dtype=np.float32).astype(np.float64),
-        pd.Series(ages),
-        pl.Series(ages),
-        np.array(ages)[::-1][::-1],
-        np.array(ages, dtype=">f8"),
-        np.array(ages, dtype=np.longdouble),
-    ):
+    arrays = [np.array(ages)[::-1][::-1], np.array(ages, dtype=">f8"), np.array(ages, dtype=np.longdouble)]
+    for given in [ages, tuple(ages), pd.Series(ages), pl.Series(ages), *arrays]:
         np.testing.assert_array_equal(table.tqx(given, 10), expected)
     assert table.lx(np.float64(50.5)) == table.lx(50.5) == table.lx(np.array(50.5))
+    assert table.px(np.int64(50), m=np.int64(12)) == table.px(50, m=12)
     assert table.px(np.arange(20, 30)).tolist() == table.px(list(range(20, 30))).tolist()
 
 
@@ -382,6 +328,8 @@ def test_whole_table_vectors_are_fresh_copies():
     np.testing.assert_array_equal(table.qx(), np.round(table._decrement, 12))
     np.testing.assert_array_equal(table.px(), np.round(1.0 - table._decrement, 12))
     assert table._px is not table.px()
+    np.testing.assert_array_equal(table.lx(), table.lx(np.arange(table.w + 1.0)))
+    np.testing.assert_array_equal(table.dx(), table.dx(np.arange(table.w + 1.0)))
 
 
 def test_internal_engines():
@@ -398,10 +346,7 @@ def test_internal_engines():
 
 
 def test_interpolation_map_holds_the_routines():
-    cls = decrement.DecrementTable
-    mapping = cls._LX_INTERPOLATION_MAP
-    assert mapping["linear"] is cls._lx_interpolation_linear
-    assert mapping["exponential"] is cls._lx_interpolation_exponential
+    mapping = decrement.DecrementTable._LX_INTERPOLATION_MAP
     table = LifeTable("SULT", "u")
     lives, idx, frac = table.lx(), np.array([50, 119]), np.array([0.25, 0.5])
     for name in ("linear", "exponential"):
@@ -439,17 +384,9 @@ def test_threads_share_a_table():
     table = LifeTable("SULT", "u")
     ages = np.random.default_rng(5).uniform(0, 121, 200_000)
     expected = table.tqx(ages, 10.0)
-    results = []
-
-    def work():
-        results.append(table.tqx(ages, 10.0))
-
-    threads = [threading.Thread(target=work) for _ in range(4)]
-    for th in threads:
-        th.start()
-    for th in threads:
-        th.join()
-    assert len(results) == 4 and all(np.array_equal(r, expected) for r in results)
+    with ThreadPoolExecutor(4) as pool:
+        results = list(pool.map(lambda _: table.tqx(ages, 10.0), range(4)))
+    assert all(np.array_equal(r, expected) for r in results)
 
 
 @pytest.mark.skipif(not (RAW / "lifecontingencies" / "soaLt.csv").is_file(), reason="published tables absent")

@@ -55,12 +55,8 @@ frequencies = st.one_of(st.sampled_from(PAYMENT_FREQUENCIES), scalars)
 def subjects(tmp_path_factory):
     """The bundled Makeham table, and a small table whose survivors die out before its last age."""
     directory = tmp_path_factory.mktemp("fuzz")
-    write_table(
-        directory,
-        "EARLY",
-        {"table_type": "life", "sexes": ["m"]},
-        {"age": [0, 1, 2, 3, 4], "qx_m": [0.2, 0.5, 1.0, 0.3, 1.0]},
-    )
+    columns = {"age": [0, 1, 2, 3, 4], "qx_m": [0.2, 0.5, 1.0, 0.3, 1.0]}
+    write_table(directory, "EARLY", {"table_type": "life", "sexes": ["m"]}, columns)
     with Config().override(tables_path=[directory]):
         early = LifeTable("EARLY", "m")
     TableSource.clear_cache()
@@ -159,17 +155,12 @@ def test_vectors_edited_by_hand_give_probabilities_or_an_error(subjects, edits, 
     setattr(table, field, vector)
     if field == "_decrement":
         table._invalidate_caches()
-    for call in (
-        lambda: table.px(x),
-        lambda: table.qx(x[0]),
-        lambda: table.px(x, m=4),
-        lambda: table.qx(),
-        lambda: table.px(),
-        lambda: table.tpx(x),
-        lambda: table.tpx(x[0]),
-        lambda: table.tqx(x, t),
-        lambda: table.tqx(x[0], t[0]),
-    ):
+    # fmt: off
+    calls = (lambda: table.px(x), lambda: table.qx(x[0]), lambda: table.px(x, m=4), table.qx, table.px,
+             lambda: table.tpx(x), lambda: table.tpx(x[0]), lambda: table.tqx(x, t),
+             lambda: table.tqx(x[0], t[0]))
+    # fmt: on
+    for call in calls:
         try:
             result = call()
         except ValueError as error:

@@ -23,13 +23,6 @@ def resident_bytes() -> int:
     return int(STATM.read_text().split()[1]) * os.sysconf("SC_PAGE_SIZE")
 
 
-@pytest.fixture
-def family(tables):
-    tables.flat()
-    tables.select("GSEL", generational="compound")
-    return tables
-
-
 def churn(rounds: int, gen, blend, select) -> None:
     """One construction and one setter rebuild a round, with failures, blends and copies mixed in."""
     for i in range(rounds):
@@ -52,7 +45,7 @@ def churn(rounds: int, gen, blend, select) -> None:
 @pytest.mark.skipif(
     bool(os.environ.get("VELTRANE_SANITIZED")), reason="the sanitizer's allocator holds freed memory back"
 )
-def test_memory_is_flat_over_100000_constructions_and_rebuilds(family):
+def test_memory_is_flat_over_100000_constructions_and_rebuilds(standard):
     gen = LifeTable("GEN", "m", cohort=1970)
     blend = LifeTable("GEN", "u", cohort=1970, unisex_blend=0.5)
     select = LifeTable("GSEL", "m", cohort=1970, duration=1)
@@ -67,7 +60,7 @@ def test_memory_is_flat_over_100000_constructions_and_rebuilds(family):
     assert grown < 4 * 2**20, f"resident memory grew by {grown / 2**20:.1f} MB"
 
 
-def test_tables_in_cycles_are_collected(family):
+def test_tables_in_cycles_are_collected(standard):
     t = LifeTable("GEN", "u", cohort=1970, unisex_blend=0.5)
     t._modifications_applied.append(t)
     copy = t.copy()
@@ -123,21 +116,14 @@ def _operations(t_gen, t_sel, t_blend, pending):
 
         return run
 
-    return {
+    # fmt: off
+    return {  # name: (call, the inputs it must not keep)
         "construct": (lambda: LifeTable(name, sex, cohort=cohort), name, sex, cohort),
-        "construct_select": (
-            lambda: LifeTable("GSEL", sex, cohort=cohort, duration=duration),
-            sex,
-            cohort,
-            duration,
-        ),
+        "construct_select": (lambda: LifeTable("GSEL", sex, cohort=cohort, duration=duration),
+                             sex, cohort, duration),
         "construct_pending": (lambda: LifeTable(name, cohort=cohort, pending=True), name, cohort),
-        "construct_blend": (
-            lambda: LifeTable(name, "u", cohort=cohort, unisex_blend=weight),
-            name,
-            cohort,
-            weight,
-        ),
+        "construct_blend": (lambda: LifeTable(name, "u", cohort=cohort, unisex_blend=weight),
+                            name, cohort, weight),
         "refused_sex": (lambda: LifeTable(name, "x", cohort=cohort), name, cohort),
         "refused_cohort": (lambda: LifeTable(name, sex, cohort=bad), name, sex, bad),
         "refused_sequence": (init_refused(cohort=[cohort, cohort]), name, sex, cohort),
@@ -149,16 +135,10 @@ def _operations(t_gen, t_sel, t_blend, pending):
         "set_blend": (alternate(t_blend, "unisex_blend", weight, 0.5), weight),
         "apply_and_rebuild": (lambda: t_gen._apply_and_rebuild(sex=other, cohort=cohort2), other, cohort2),
         "ensure_ready_refused": (lambda: pending._ensure_ready(method), pending, method),
-        "validate_cohort": (
-            lambda: (t_gen._validate_cohort_year(year), t_gen._validate_cohort_year(bad)),
-            year,
-            bad,
-        ),
-        "column_names": (
-            lambda: (t_sel._get_select_col(other, duration), t_sel._get_mi_col(other, duration)),
-            other,
-            duration,
-        ),
+        "validate_cohort": (lambda: (t_gen._validate_cohort_year(year), t_gen._validate_cohort_year(bad)),
+                            year, bad),
+        "column_names": (lambda: (t_sel._get_select_col(other, duration), t_sel._get_mi_col(other, duration)),
+                         other, duration),
         "generate_unisex": (lambda: t_blend._generate_unisex_decrement(weight), weight),
         "copy": (lambda: (t_blend.copy(), t_blend.modifications_applied), t_blend),
         "configure": (lambda: t_gen.configure(sex=other, cohort=cohort2), other, cohort2),
@@ -166,13 +146,14 @@ def _operations(t_gen, t_sel, t_blend, pending):
         "batch_update": (batch(t_gen, cohort, cohort2), cohort, cohort2),
         "batch_restore": (lambda: t_gen._restore_batch_snapshot(t_gen._capture_batch_snapshot()), t_gen),
     }
+    # fmt: on
 
 
 OPERATIONS = list(_operations(None, None, None, None))
 
 
 @pytest.mark.parametrize("operation", OPERATIONS)
-def test_calls_keep_no_reference(family, operation):
+def test_calls_keep_no_reference(standard, operation):
     tables = (
         LifeTable("GEN", "m", cohort=1970),
         LifeTable("GSEL", "m", cohort=1970, duration=1),

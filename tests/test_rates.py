@@ -3,32 +3,18 @@
 from __future__ import annotations
 
 import csv
-import re
-from pathlib import Path
 
 import numpy as np
 import pytest
 
+from conftest import RAW, exactly, improved, projected
 from veltrane.config import Config
 from veltrane.tables import base, decrement
-from veltrane.tables.disability import DisabilityTable
-from veltrane.tables.exit import ExitTable
 from veltrane.tables.life import LifeTable
 from veltrane.tables.source import TableSource
 
 YEAR = base._current_calendar_year()
-RAW = Path(__file__).resolve().parents[2] / "shared" / "tables" / "raw" / "r-mortality-tables"
 AGES = np.arange(8, dtype=np.float64)
-
-
-def exactly(exc, message):
-    return pytest.raises(exc, match=f"^{re.escape(message)}$")
-
-
-def one_dimensional(formula, q, lam, cohort, base_year):
-    t = (cohort - base_year) + AGES[: len(q)]
-    factor = {"exponential": lambda: np.exp(-lam * t), "compound": lambda: (1.0 - lam) ** t}[formula]()
-    return np.clip(q * factor, 0.0, 1.0)
 
 
 def year_column(grid, cohort):
@@ -37,28 +23,7 @@ def year_column(grid, cohort):
     return np.searchsorted(np.asarray(grid, dtype=np.int64), years, side="left")
 
 
-def projected(q, mi, cohort, base_year, grid):
-    """Age by age: compound the improvement of every calendar year between the base year and cohort + x."""
-    out = []
-    for x in range(len(q)):
-        target, factor = cohort + x, 1.0
-        for y in range(min(target, base_year) + 1, max(target, base_year) + 1):
-            factor *= 1.0 - mi[x][min(np.searchsorted(grid, y), len(grid) - 1)]
-        out.append(q[x] * factor if target >= base_year else q[x] / factor)
-    return np.clip(out, 0.0, 1.0)
-
-
 # -- period and generational tables ----------------------------------------------------------------
-
-
-@pytest.mark.parametrize(
-    ("cls", "table_type", "prefix"),
-    [(LifeTable, "life", "qx"), (DisabilityTable, "disability", "ix"), (ExitTable, "exit", "ox")],
-)
-def test_period_rates_are_the_column(tables, cls, table_type, prefix):
-    cols = tables.period(table_type=table_type, prefix=prefix)
-    for sex in "mf":
-        np.testing.assert_array_equal(cls("PER", sex)._decrement_base, cols[f"{prefix}_{sex}"])
 
 
 @pytest.mark.parametrize("formula", ["exponential", "compound"])
@@ -67,22 +32,8 @@ def test_flat_improvement(tables, formula, cohort):
     cols = tables.flat(formula=formula, base_year=1990)
     for sex in "mf":
         got = LifeTable("GEN", sex, cohort=cohort)._decrement_base
-        want = one_dimensional(formula, cols[f"qx_{sex}"], cols[f"mi_{sex}"], cohort, 1990)
+        want = improved(formula, cols[f"qx_{sex}"], cols[f"mi_{sex}"], cohort, 1990)
         np.testing.assert_allclose(got, want, rtol=1e-13, atol=0)
-
-
-@pytest.mark.parametrize("cohort", [1990, 2008, 2018])  # before, across and after the grid
-def test_year_indexed_improvement(tables, cohort):
-    grid = (2000, 2010, 2020)
-    cols = tables.year_indexed(grid=grid)
-    rows = np.arange(len(AGES))
-    for sex in "mf":
-        matrix = np.column_stack([cols[f"mi_{sex}_{y}"] for y in grid])
-        lam = matrix[rows, year_column(grid, cohort)]
-        want = one_dimensional("compound", cols[f"qx_{sex}"], lam, cohort, 2005)
-        np.testing.assert_allclose(
-            LifeTable("YRS", sex, cohort=cohort)._decrement_base, want, rtol=1e-13, atol=0
-        )
 
 
 @pytest.mark.parametrize("cohort", [1950, 1999, 2015])
@@ -97,7 +48,8 @@ def test_projected_improvement(tables, cohort):
         )
 
 
-def test_formula_receives_the_documented_arguments(tables, monkeypatch):
+@pytest.mark.parametrize("born", [1990, 1997, 2008, 2018])  # before, into, across and after the grid
+def test_formula_receives_the_documented_arguments(tables, monkeypatch, born):
     """Base rates, improvement by age (its year's column, -0.0 made +0.0 where q is 0), ages, cohort, year."""
     calls = []
 
@@ -106,24 +58,24 @@ def test_formula_receives_the_documented_arguments(tables, monkeypatch):
         return q * 0.5
 
     monkeypatch.setitem(base._GENERATIONAL_FORMULA_TYPE_MAP, "spy", spy)
-    grid = (2000, 2010)
+    grid = (2000, 2010, 2020)
     cols = tables.year_indexed(formula="spy", grid=grid)
-    q = cols["qx_m"].copy()
-    q[2] = 0.0
-    mi = {y: cols[f"mi_m_{y}"].copy() for y in grid}
-    mi[2000][2] = mi[2010][2] = -0.0
-    tables.write(
-        "YRS", TableSource("YRS").metadata, cols | {"qx_m": q, "mi_m_2000": mi[2000], "mi_m_2010": mi[2010]}
-    )
-    got = LifeTable("YRS", "m", cohort=1997)._decrement_base
-    ((q_in, lam, ages, cohort, base_year),) = calls
-    np.testing.assert_array_equal(got, q * 0.5)
-    np.testing.assert_array_equal(q_in, q)
-    want = np.column_stack([mi[2000], mi[2010]])[np.arange(8), year_column(grid, 1997)]
-    np.testing.assert_array_equal(lam, want)
-    assert not np.signbit(lam[2]) and ages.dtype == np.float64
-    np.testing.assert_array_equal(ages, AGES)
-    assert (cohort, base_year) == (1997, 2005) and type(cohort) is int
+    for sex in "mf":
+        cols[f"qx_{sex}"][2] = 0.0
+        for y in grid:
+            cols[f"mi_{sex}_{y}"][2] = -0.0
+    tables.write("YRS", TableSource("YRS").metadata, cols)
+    for sex in "mf":
+        got = LifeTable("YRS", sex, cohort=born)._decrement_base
+        ((q_in, lam, ages, cohort, base_year),) = calls  # one call per table
+        calls.clear()
+        np.testing.assert_array_equal(got, cols[f"qx_{sex}"] * 0.5)
+        np.testing.assert_array_equal(q_in, cols[f"qx_{sex}"])
+        mi = np.column_stack([cols[f"mi_{sex}_{y}"] for y in grid])
+        np.testing.assert_array_equal(lam, mi[np.arange(8), year_column(grid, born)])
+        assert not np.signbit(lam[2]) and ages.dtype == np.float64
+        np.testing.assert_array_equal(ages, AGES)
+        assert (cohort, base_year) == (born, 2005) and type(cohort) is int
 
 
 # -- select tables -----------------------------------------------------------------------------------
@@ -147,20 +99,12 @@ def test_select_columns(tables, start, duration, suffix):
 def test_select_improvement_by_duration(tables, duration, suffix):
     cols = tables.select("GSEL", generational="exponential")
     t = LifeTable("GSEL", "m", cohort=1960, duration=duration)
-    want = one_dimensional("exponential", cols[f"qx_m_{suffix}"], cols[f"mi_m_{suffix}"], 1960, 2000)
+    want = improved("exponential", cols[f"qx_m_{suffix}"], cols[f"mi_m_{suffix}"], 1960, 2000)
     np.testing.assert_allclose(t._decrement_base, want, rtol=1e-13, atol=0)
     assert t._get_mi_col("f", None if duration == "ult" else duration) == f"mi_f_{suffix}"
     assert t._get_select_col("f", 1) == "qx_f_s1"
     with exactly(ValueError, "duration 0 is below start_duration=1 for table 'GSEL'."):
         t._get_select_col("m", 0)
-
-
-def test_bundled_select_model():
-    data = TableSource("SSSM").data
-    for duration, col in ((1, "qx_u_s1"), (2, "qx_u_s2"), (3, "qx_u_ult"), ("ult", "qx_u_ult")):
-        got = LifeTable("SSSM", "U", duration=duration)._decrement_base
-        np.testing.assert_array_equal(got, data[col].to_numpy())
-    assert LifeTable("SULT", "u")._get_mi_col("m", 1) == "mi_m"
 
 
 # -- what the rate construction refuses ------------------------------------------------------------
@@ -172,7 +116,7 @@ NO_FORMULA = "generational_formula_type metadata missing in table 'BAD'."
 BUILD_REFUSALS = [
     ({"formula_type": "compound"}, None, ("qx_m", "mi_m"), "base_year metadata missing in table 'BAD'."),
     ({"base_year": 2000}, None, ("qx_m", "mi_m"), NO_FORMULA),
-    ({}, None, ("qx_m", "mi_m"), NO_FORMULA),
+    ({}, None, ("qx_m", "mi_m"), NO_FORMULA),  # the formula is asked for first
     # A select table asks for the base year first.
     ({"mi_structure": "select_period"}, 2, SELECT_GEN, "base_year metadata missing in table 'BAD'."),
     ({"formula_type": "bogus", "base_year": 2000}, None, ("qx_m", "mi_m"),
@@ -242,14 +186,6 @@ def test_compute_lx(tables):
     t._decrement = q
     lx = t._compute_lx()
     assert lx[0] == base._LX_RADIX and (lx[4:] == 0.0).all() and (lx[:4] > 0).all()
-    tables.flat()
-    pending = LifeTable("GEN", pending=True)
-    with exactly(
-        ValueError,
-        "Table 'GEN' is not ready: assign 'sex', 'cohort' before calculations "
-        "(lt.configure(sex=..., cohort=...), called from _compute_lx).",
-    ):
-        pending._compute_lx()
 
 
 # -- unisex blends -----------------------------------------------------------------------------------
@@ -292,18 +228,12 @@ def test_reblend(tables):
 
 
 def test_blend_overrides_native_unisex_column(tables):
-    q = {s: tables.rates() for s in "mfu"}
-    tables.write(
-        "NAT", {"table_type": "life", "sexes": ["m", "f", "u"]}, {f"qx_{s}": v for s, v in q.items()}
-    )
-    np.testing.assert_array_equal(LifeTable("NAT", "u")._decrement_base, q["u"])
-    np.testing.assert_array_equal(
-        LifeTable("NAT", "u", unisex_blend=1.0)._decrement_base, np.round(q["m"], 12)
-    )
-    with exactly(
-        ValueError,
-        "Cannot generate unisex rates: table 'SULT' is missing required columns 'qx_m' and/or 'qx_f'",
-    ):
+    q = tables.period("NAT", sexes=("m", "f", "u"))
+    np.testing.assert_array_equal(LifeTable("NAT", "u")._decrement_base, q["qx_u"])
+    blended = LifeTable("NAT", "u", unisex_blend=1.0)._decrement_base
+    np.testing.assert_array_equal(blended, np.round(q["qx_m"], 12))
+    missing = "Cannot generate unisex rates: table 'SULT' is missing required columns 'qx_m' and/or 'qx_f'"
+    with exactly(ValueError, missing):
         LifeTable("SULT", "u", unisex_blend=0.5)
 
 
@@ -313,12 +243,12 @@ def test_generational_blend_projects_each_sex_first(tables):
     cache = decrement._COHORT_ADJUSTED_QX_CACHE_UNISEX
     keys = [("GEN", "m", 1970, "compound", None), ("GEN", "f", 1970, "compound", None)]
     assert list(cache) == keys
-    qm, qf = (one_dimensional("compound", cols[f"qx_{s}"], cols[f"mi_{s}"], 1970, 2000) for s in "mf")
+    qm, qf = (improved("compound", cols[f"qx_{s}"], cols[f"mi_{s}"], 1970, 2000) for s in "mf")
     np.testing.assert_allclose(cache[keys[0]], qm, rtol=1e-13)
     want = np.clip(0.3 * np.round(cache[keys[0]], 12) + 0.7 * np.round(cache[keys[1]], 12), 0.0, 1.0)
     np.testing.assert_array_equal(t._decrement_base, want)
     t.cohort = 1980  # the blend follows the cohort
-    qm, qf = (one_dimensional("compound", cols[f"qx_{s}"], cols[f"mi_{s}"], 1980, 2000) for s in "mf")
+    qm, qf = (improved("compound", cols[f"qx_{s}"], cols[f"mi_{s}"], 1980, 2000) for s in "mf")
     np.testing.assert_allclose(t._decrement_base, 0.3 * qm + 0.7 * qf, rtol=1e-11)
     assert len(cache) == 4
 
@@ -356,7 +286,7 @@ def test_unisex_cache_is_first_in_first_out(tables):
 
 def test_published_generational_table(tables):
     """2012 IAM period rates with Scale G2, compound from 2012, must give the published YOB-2025 rates."""
-    path = RAW / "USA_Annuities_2012IAM.csv"
+    path = RAW / "r-mortality-tables" / "USA_Annuities_2012IAM.csv"
     if not path.exists():
         pytest.skip("shared tables absent")
     with path.open(encoding="utf-8") as fh:

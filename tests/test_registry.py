@@ -3,13 +3,13 @@
 from __future__ import annotations
 
 import gc
-import re
 import sys
 import weakref
 
 import pytest
 
 import veltrane
+from conftest import exactly
 from veltrane.tables import decrement
 from veltrane.tables.exit import ExitTable
 from veltrane.tables.life import LifeTable
@@ -18,19 +18,13 @@ DecrementTable, TableRegistry = decrement.DecrementTable, decrement.TableRegistr
 ABSTRACT = "table_class must be a concrete DecrementTable subclass; {} is abstract."
 
 
-def exactly(exc, message):
-    return pytest.raises(exc, match=f"^{re.escape(message)}$")
-
-
 class Abstract(DecrementTable):
     __slots__ = ()
 
 
 @pytest.fixture
-def files(tables):
-    tables.period()
+def files(tables, standard):
     tables.period("EXT", table_type="exit", prefix="ox")
-    tables.flat()
 
 
 def keys(registry):
@@ -58,7 +52,6 @@ def test_construction_refusals(args, kwargs, exc, message):
 def test_surface(files):
     with exactly(TypeError, "cls must be a DecrementTable subclass, got _DecrementTableBase."):
         decrement._validate_table_class(DecrementTable.__mro__[1], name="cls")
-    assert TableRegistry.__annotations__ == {"_DEFAULT_MAXSIZE": int}
     registry = TableRegistry(maxsize=2**70)
     assert (registry._maxsize, TableRegistry()._maxsize) == (2**70, TableRegistry._DEFAULT_MAXSIZE)
     assert repr(registry) == "TableRegistry(0 entries)" and len(registry) == 0

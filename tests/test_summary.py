@@ -8,8 +8,7 @@ import pytest
 from veltrane.tables.life import LifeTable
 
 
-def test_str_and_repr(tables):
-    tables.flat()
+def test_str_and_repr(standard):
     t = LifeTable("GEN", "m", cohort=1970)
     assert str(t) == "LifeTable(table='GEN', sex='m', cohort=1970, modified=False, age_range=0\u20137)"
     assert repr(t) == "<LifeTable table='GEN' sex='m' cohort=1970 modified=False age_range=0\u20137>"
@@ -17,8 +16,7 @@ def test_str_and_repr(tables):
     assert str(t).endswith("modified=True, age_range=0\u20135)")
 
 
-def test_summary_of_a_ready_table(tables):
-    tables.select("GSEL", generational="compound")
+def test_summary_of_a_ready_table(standard):
     t = LifeTable("GSEL", "f", cohort=1980, duration=2)
     lines = t.summary().split("\n")
     assert lines[:2] == ["LifeTable: GSEL", "Sex: f"]
@@ -38,25 +36,20 @@ def test_summary_of_a_ready_table(tables):
     assert "Duration: ult" in t.summary()
 
 
-def test_summary_of_a_pending_table(tables):
-    tables.flat()
+def test_summary_of_a_pending_table(standard):
     lines = LifeTable("GEN", pending=True).summary().split("\n")
     assert lines[:3] == ["LifeTable: GEN", "Metadata: pending (needs: sex, cohort)", "Sex: None"]
     assert lines[-1] == "w (current): 7" and not any("Sample" in line for line in lines)
 
 
-def test_summary_of_a_blend():
+def test_summary_of_a_modified_blend():
     t = LifeTable("SULT", "u")
     t._unisex_blend = 0.25
-    assert "Unisex blend: 0.25 (male weight=0.25, female weight=0.75)" in t.summary()
-
-
-def test_summary_of_a_modified_table():
-    t = LifeTable("SULT", "u")
     t._decrement = np.round(t._decrement_base[:100] * 1.1, 12)
     t._w_mod, t._modified = 99, True
     t._modifications_applied = ["decrement_multiplier=1.1", "omega_truncated_by_certainty: 120->99 at age 99"]
     text = t.summary()
+    assert "Unisex blend: 0.25 (male weight=0.25, female weight=0.75)" in text
     assert "Modifications applied: decrement_multiplier=1.1\n" in text
     assert "Note: modify truncated omega at certainty (120->99 at age 99)" in text
     base = np.round(t._decrement_base, 12)
@@ -71,9 +64,7 @@ def test_samples_of_short_tables(tables, w):
     lines: list[str] = []
     t = LifeTable("TINY", "m")
     t._append_decrement_rate_sample_summary(lines, "qx", 12, t.qx)
-    first, last = (
-        lines[1 : lines.index("Sample qx values (last 5):")],
-        lines[lines.index("Sample qx values (last 5):") + 1 :],
-    )
+    split = lines.index("Sample qx values (last 5):")
+    first, last = lines[1:split], lines[split + 1 :]
     assert len(first) == len(last) == min(w + 1, 5)
     assert last[-1] == f"  qx({w}) = 1.0"

@@ -2,25 +2,16 @@
 
 from __future__ import annotations
 
-import re
-
 import numpy as np
 import pytest
 
+from conftest import exactly
 from veltrane.tables import decrement
 from veltrane.tables.base import _current_calendar_year
 from veltrane.tables.life import LifeTable
 
 YEAR = _current_calendar_year()
 ADVANCE = "_advance_actuarial_state_for_ts"
-
-
-@pytest.fixture
-def files(tables):
-    tables.period()
-    tables.flat()
-    tables.select()
-    tables.select("GSEL", generational="exponential")
 
 
 def fields(t):
@@ -30,17 +21,6 @@ def fields(t):
 
 def assert_same(now, before):
     assert len(now) == len(before) and all(a is b for a, b in zip(now, before, strict=True))
-
-
-def modify(t):
-    """Modified rates, through modify_qx where it exists, else as it would leave them."""
-    if hasattr(t, "modify_qx"):
-        t.modify_qx({"age_shift": 1, "decrement_multiplier": 0.5})
-    else:
-        t._decrement = t._decrement_base[1:] * 0.5
-        t._w_mod = len(t._decrement) - 1
-        t._modified = True
-        t._modifications_applied = ["age_shift=1", "decrement_multiplier=0.5"]
 
 
 # fmt: off
@@ -55,7 +35,7 @@ UNCHANGED = [  # (table, ts, whether a snapshot comes back)
 
 
 @pytest.mark.parametrize(("make", "ts", "snapshot"), UNCHANGED)
-def test_steps_that_change_nothing(files, make, ts, snapshot):
+def test_steps_that_change_nothing(standard, make, ts, snapshot):
     t = make()
     t.lx(2)
     before = (*fields(t), t._lx)
@@ -82,7 +62,7 @@ STEPS = [
 
 
 @pytest.mark.parametrize(("name", "sex", "keys", "ts", "moved"), STEPS)
-def test_advance_builds_the_rates_of_the_later_keys(files, name, sex, keys, ts, moved):
+def test_advance_builds_the_rates_of_the_later_keys(standard, name, sex, keys, ts, moved):
     t = LifeTable(name, sex, **keys)
     t.lx(2)
     t._rebuilds_since_calc = 1
@@ -100,9 +80,9 @@ def test_advance_builds_the_rates_of_the_later_keys(files, name, sex, keys, ts, 
     assert_same(fields(t), before)
 
 
-def test_modifications_come_back_with_the_restore(files):
+def test_modifications_come_back_with_the_restore(standard):
     t = LifeTable("GSEL", "m", cohort=1960, duration=1)
-    modify(t)
+    t.modify_qx({"age_shift": 1, "decrement_multiplier": 0.5})
     before, applied, w, q = fields(t), t.modifications_applied, t.w, t.qx(2)
     snap = t._advance_actuarial_state_for_ts(1)
     assert not t.modified and t.w == t.table.w
@@ -131,12 +111,12 @@ MALFORMED = [
 
 
 @pytest.mark.parametrize(("spoil", "exc", "message"), MALFORMED)
-def test_a_malformed_snapshot_changes_nothing(files, spoil, exc, message):
+def test_a_malformed_snapshot_changes_nothing(standard, spoil, exc, message):
     t = LifeTable("GSEL", "m", cohort=1960, duration=1)
     snap = t._advance_actuarial_state_for_ts(1)
     t.lx(2)
     before = (*fields(t), t._lx)
-    with pytest.raises(exc, match=f"^{re.escape(message)}$"):
+    with exactly(exc, message):
         t._restore_actuarial_state_from_ts_snapshot(spoil(snap))
     assert_same((*fields(t), t._lx), before)
 
@@ -153,9 +133,9 @@ FAILED_ADVANCES = [
 
 
 @pytest.mark.parametrize(("make", "ts", "exc", "message"), FAILED_ADVANCES)
-def test_a_failed_advance_changes_nothing(files, make, ts, exc, message):
+def test_a_failed_advance_changes_nothing(standard, make, ts, exc, message):
     t = make()
     before = fields(t)
-    with pytest.raises(exc, match=f"^{re.escape(message)}$"):
+    with exactly(exc, message):
         t._advance_actuarial_state_for_ts(ts)
     assert_same(fields(t), before)

@@ -12,17 +12,6 @@ from veltrane.tables.exit import ExitTable
 from veltrane.tables.life import LifeTable
 
 
-def test_period_table_frame(tables):
-    cols = tables.period()
-    t = LifeTable("PER", "m")
-    frame = t.view_data()
-    assert frame.columns == ["age", "qx_m"]
-    assert frame.schema == {"age": pl.Int32, "qx_m": pl.Float64}
-    assert frame["age"].to_list() == list(range(t.w + 1))
-    np.testing.assert_array_equal(frame["qx_m"].to_numpy(), np.round(cols["qx_m"], 12))
-    assert t.view_data(include_age=False).columns == ["qx_m"]
-
-
 def test_start_age_cut_and_ends():
     t = LifeTable("SULT", "u")  # rates start at age 20
     assert t.head(3)["age"].to_list() == [20, 21, 22]
@@ -34,8 +23,8 @@ def test_start_age_cut_and_ends():
     assert t.head()["age"].to_list() == list(range(20, 30))
 
 
-def test_modified_table_shows_base_rates_and_current_omega(tables):
-    cols = tables.period()
+def test_modified_table_shows_base_rates_and_current_omega(standard):
+    cols = standard["PER"]
     t = LifeTable("PER", "m")
     base = cols["qx_m"]
     # A modification as modify_qx leaves it: shifted by two ages, multiplied, w lowered.
@@ -60,48 +49,43 @@ def test_select_columns(duration, label):
     np.testing.assert_array_equal(frame[label].to_numpy(), np.round(t._decrement, 12))
 
 
-def test_improvement_column(tables):
-    cols = tables.flat()
+def test_improvement_column(standard):
+    cols = standard["GEN"]
     t = LifeTable("GEN", "m", cohort=1960)
     frame = t.view_data(show_normalized=True)
     assert frame.columns == ["age", "qx_m", "mi_m"]
     np.testing.assert_array_equal(frame["mi_m"].to_numpy(), cols["mi_m"])
     assert LifeTable("GEN", "u", cohort=1960, unisex_blend=0.5).view_data().columns == ["age", "qx_u"]
-    tables.select(name="SELGEN", generational="exponential")
-    s = LifeTable("SELGEN", "f", cohort=1970, duration=1)
+    s = LifeTable("GSEL", "f", cohort=1970, duration=1)
     assert s.view_data().columns == ["age", "qx_f_s1", "mi_f_s1"]
 
 
-@pytest.mark.parametrize(
-    ("cls", "table_type", "prefix", "setting"),
-    [
-        (LifeTable, "life", "qx", "qx"),
-        (DisabilityTable, "disability", "ix", "ix"),
-        (ExitTable, "exit", "ox", "ox"),
-    ],
-)
-def test_decimals_follow_the_table_type(tables, cls, table_type, prefix, setting):
+KINDS = [(LifeTable, "life", "qx"), (DisabilityTable, "disability", "ix"), (ExitTable, "exit", "ox")]
+
+
+@pytest.mark.parametrize(("cls", "table_type", "prefix"), KINDS)
+def test_decimals_follow_the_table_type(tables, cls, table_type, prefix):
     cols = tables.period(name="T", table_type=table_type, prefix=prefix)
-    with Config().override(decimals={setting: 3}):
+    with Config().override(decimals={prefix: 3}):  # each kind has the setting named by its prefix
         t = cls("T", "f")
         assert t._decimals_for_decrement == 3
         assert t.decimals.qx == Config().decimals.qx and t.decimals is t.decimals
-        np.testing.assert_array_equal(
-            t.view_data()[f"{prefix}_f"].to_numpy(), np.round(cols[f"{prefix}_f"], 3)
-        )
+        frame = t.view_data()
+    assert frame.schema == {"age": pl.Int32, f"{prefix}_f": pl.Float64}
+    assert frame["age"].to_list() == list(range(t.w + 1)) and t.view_data(include_age=False).width == 1
+    np.testing.assert_array_equal(frame[f"{prefix}_f"].to_numpy(), np.round(cols[f"{prefix}_f"], 3))
 
 
-@pytest.mark.parametrize(
-    ("arr", "n", "first", "last"),
-    [
-        (list(range(12)), 5, [0, 1, 2, 3, 4], [7, 8, 9, 10, 11]),
-        (list(range(6)), 5, [0, 1, 2, 3, 4], [1, 2, 3, 4, 5]),
-        (list(range(5)), 5, [0, 1, 2, 3, 4], [0, 1, 2, 3, 4]),
-        ([1, 2, 3], 5, [1, 2, 3], [1, 2, 3]),
-        ([], 5, [], []),
-        (list(range(4)), 0, [], []),
-    ],
-)
+# fmt: off
+SLICES = [  # sequence, n, head, tail
+    ([*range(12)], 5, [*range(5)], [*range(7, 12)]), ([*range(6)], 5, [*range(5)], [*range(1, 6)]),
+    ([*range(5)], 5, [*range(5)], [*range(5)]), ([1, 2, 3], 5, [1, 2, 3], [1, 2, 3]), ([], 5, [], []),
+    ([*range(4)], 0, [], []),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize(("arr", "n", "first", "last"), SLICES)
 def test_safe_slice(arr, n, first, last):
     head, tail = LifeTable._safe_slice(arr, n)
     assert (head, tail) == (first, last)
@@ -112,34 +96,32 @@ def test_safe_slice(arr, n, first, last):
     assert head.tolist() == ages[: len(first)].tolist() and len(tail) == len(last)
 
 
-@pytest.mark.parametrize(
-    ("call", "exc", "message"),
-    [
-        (lambda t: t.head(-1), ValueError, "head: n must be >= 0, got -1"),
-        (lambda t: t.tail(True), TypeError, "tail: n must be an int, got bool"),
-        (lambda t: t.head(2.5), TypeError, "head: n must be an int, got float"),
-        (lambda t: t._safe_slice([1], -2), ValueError, "_safe_slice: n must be >= 0"),
-        (lambda t: t.view_data(sex="m"), TypeError, "view_data() got an unexpected keyword argument 'sex'"),
-        # A decimals cache written by hand; the bound is the settings' own.
-        *(
-            (
-                lambda t, value=value: (setattr(t, "_decimals_decrement_cache", value), t.qx(50)),
-                ValueError,
-                f"Table 'SULT': _decimals_decrement_cache must be an int in [0, {MAX_DECIMALS}], "
-                f"got {value!r}",
-            )
-            for value in (MAX_DECIMALS + 1, -1, 2**31, "3")
-        ),
-    ],
-)
+BAD_ARGUMENTS = [
+    (lambda t: t.head(-1), ValueError, "head: n must be >= 0, got -1"),
+    (lambda t: t.tail(True), TypeError, "tail: n must be an int, got bool"),
+    (lambda t: t.head(2.5), TypeError, "head: n must be an int, got float"),
+    (lambda t: t._safe_slice([1], -2), ValueError, "_safe_slice: n must be >= 0"),
+    (lambda t: t.view_data(sex="m"), TypeError, "view_data() got an unexpected keyword argument 'sex'"),
+    # A decimals cache written by hand; the bound is the settings' own.
+    *(
+        (
+            lambda t, value=value: (setattr(t, "_decimals_decrement_cache", value), t.qx(50)),
+            ValueError,
+            f"Table 'SULT': _decimals_decrement_cache must be an int in [0, {MAX_DECIMALS}], got {value!r}",
+        )
+        for value in (MAX_DECIMALS + 1, -1, 2**31, "3")
+    ),
+]
+
+
+@pytest.mark.parametrize(("call", "exc", "message"), BAD_ARGUMENTS)
 def test_bad_arguments(call, exc, message):
     with pytest.raises(exc) as info:
         call(LifeTable("SULT", "u"))
     assert str(info.value).startswith(message)
 
 
-def test_pending_table_has_no_view(tables):
-    tables.select()
+def test_pending_table_has_no_view(standard):
     t = LifeTable("SEL", "m", pending=True)
     with pytest.raises(
         ValueError,
