@@ -10,16 +10,6 @@
 namespace veltrane::decrement {
 namespace {
 
-bool is_integer_object(PyObject* o) { return (PyLong_Check(o) && !PyBool_Check(o)) || PyArray_IsScalar(o, Integer); }
-
-long start_duration_of(TableObject* t) {
-    py::ref start = source_attr(t, t->st->names.start_duration.get());
-    if (start.is_none()) return 1;
-    const long v = PyLong_AsLong(start.get());
-    if (v == -1 && PyErr_Occurred()) py::throw_error_set();
-    return v;
-}
-
 // The keyword arguments for apply_and_rebuild, in the order it applies them.
 struct Collected {
     py::ref sex, cohort, duration, blend;
@@ -64,7 +54,7 @@ py::ref checked_duration(TableObject* t, PyObject* value, PyObject* name) {
     }
     if (PyBool_Check(value)) py::raise(PyExc_TypeError, "duration must be int, 'ult', or None, got bool.");
     if (str_equals(value, "ult")) return py::ref::borrow(Py_None);
-    const long minimum = start_duration_of(t);
+    const long minimum = start_duration(t);
     if (is_integer_object(value)) {
         py::ref as_int = py::check(PyNumber_Index(value));
         py::ref floor = py::check(PyLong_FromLong(minimum));

@@ -10,7 +10,6 @@
 namespace veltrane::decrement {
 namespace {
 
-bool is_integer_object(PyObject* o) { return (PyLong_Check(o) && !PyBool_Check(o)) || PyArray_IsScalar(o, Integer); }
 
 bool is_sequence_arg(PyObject* o) { return PyList_Check(o) || PyTuple_Check(o); }
 
@@ -393,9 +392,7 @@ void assign_duration(TableObject* t, PyObject* duration, PyObject* name) {
         }
         return;
     }
-    py::ref start_obj = source_attr(t, n.start_duration.get());
-    const long start = start_obj.is_none() ? 1 : PyLong_AsLong(start_obj.get());
-    if (start == -1 && PyErr_Occurred()) py::throw_error_set();
+    const long start = start_duration(t);
     if (duration == Py_None) {
         py::ref period = source_attr(t, n.select_period.get());
         py::raise(PyExc_ValueError,

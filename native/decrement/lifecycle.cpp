@@ -109,7 +109,6 @@ bool same_value(const py::ref& current, PyObject* value) {
     return py::require(PyObject_RichCompareBool(current.get(), value, Py_EQ)) == 1;
 }
 
-bool is_ultimate(PyObject* duration) { return duration == nullptr || duration == Py_None || str_equals(duration, "ult"); }
 
 // What a key setter does after storing its new value.
 void after_key_change(TableObject* t, bool rebuild_needs_sex) {
@@ -205,10 +204,8 @@ py::ref normalise_duration(TableObject* t, PyObject* value) {
     }
     if (PyBool_Check(value)) py::raise(PyExc_TypeError, "duration must be int, 'ult', or None, got bool");
     if (str_equals(value, "ult")) return {};
-    py::ref start_obj = source_attr(t, n.start_duration.get());
-    const long start = start_obj.is_none() ? 1 : PyLong_AsLong(start_obj.get());
-    if (start == -1 && PyErr_Occurred()) py::throw_error_set();
-    if (PyLong_Check(value) || PyArray_IsScalar(value, Integer)) {
+    const long start = start_duration(t);
+    if (is_integer_object(value)) {
         py::ref as_int = py::check(PyNumber_Index(value));
         py::ref start_int = py::check(PyLong_FromLong(start));
         if (py::require(PyObject_RichCompareBool(as_int.get(), start_int.get(), Py_GE)) == 1) return as_int;

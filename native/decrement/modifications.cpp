@@ -20,10 +20,6 @@ constexpr double kLargestGeometricGrowth = 1e12;
 
 [[noreturn]] void refuse(const std::string& message) { py::raise_str(PyExc_ValueError, message); }
 
-bool is_integer_object(PyObject* value) {
-    return !PyBool_Check(value) && (PyLong_Check(value) || PyArray_IsScalar(value, Integer));
-}
-
 // An int or a NumPy integer (never a bool), saturated to the long long range so that a huge
 // value fails the caller's range check; nothing for any other object.
 std::optional<long long> integer_value(PyObject* value) {

@@ -11,7 +11,6 @@ namespace {
 
 py::ref columns_of(PyObject* data, const Names& n) { return py::check(PyObject_GetAttr(data, n.columns.get())); }
 
-bool has_column(PyObject* columns, PyObject* name) { return py::require(PySequence_Contains(columns, name)) == 1; }
 
 // A fresh float64 vector of one column of the data frame.
 py::ref column_vector(PyObject* data, PyObject* name, const Names& n) {
@@ -171,13 +170,15 @@ py::ref generational_rates(TableObject* t, PyObject* sex, py::ref q, PyObject* d
     return formula_result(result.get(), formula.get(), w);
 }
 
-bool is_ultimate(PyObject* duration) { return duration == nullptr || duration == Py_None || str_equals(duration, "ult"); }
+}  // namespace
 
 long start_duration(TableObject* t) {
     py::ref start = source_attr(t, t->st->names.start_duration.get());
     if (start.is_none()) return 1;
     return static_cast<long>(as_long_long(start.get()));
 }
+
+namespace {
 
 long select_period(TableObject* t) {
     py::ref period = source_attr(t, t->st->names.select_period.get());

@@ -9,6 +9,20 @@ namespace veltrane::decrement {
 
 PyType_Spec* table_type_spec();
 
+// An int or a NumPy integer, never a bool.
+inline bool is_integer_object(PyObject* o) {
+    return (PyLong_Check(o) && !PyBool_Check(o)) || PyArray_IsScalar(o, Integer);
+}
+// None and 'ult' both mean the ultimate column (construction stores the string, setters None).
+inline bool is_ultimate(PyObject* duration) {
+    return duration == nullptr || duration == Py_None || str_equals(duration, "ult");
+}
+inline bool has_column(PyObject* columns, PyObject* name) {
+    return py::require(PySequence_Contains(columns, name)) == 1;
+}
+// The table's first select duration; 1 when the table gives none.
+long start_duration(TableObject* t);
+
 // construct.cpp
 PyObject* Table_new(PyTypeObject* type, PyObject* args, PyObject* kwargs);
 int Table_init(PyObject* self, PyObject* args, PyObject* kwargs);

@@ -14,13 +14,6 @@
 namespace veltrane::decrement {
 namespace {
 
-// None and 'ult' both mean the ultimate column (construction stores the string, setters None).
-bool is_ultimate(PyObject* duration) {
-    return duration == nullptr || duration == Py_None || str_equals(duration, "ult");
-}
-
-bool is_int(PyObject* o) { return (PyLong_Check(o) && !PyBool_Check(o)) || PyArray_IsScalar(o, Integer); }
-
 py::ref snapshot(TableObject* t) {
     py::ref snap = py::check(PyDict_New());
     auto put = [&](const char* key, PyObject* value) { py::require(PyDict_SetItemString(snap.get(), key, value)); };
@@ -46,7 +39,7 @@ struct StepState {
 
 py::ref int_entry(const char* key, PyObject* value, const char* expected) {
     if (value == Py_None) return {};
-    if (!is_int(value)) bad_entry(key, expected, value);
+    if (!is_integer_object(value)) bad_entry(key, expected, value);
     return PyLong_Check(value) ? py::ref::borrow(value) : py::check(PyNumber_Index(value));
 }
 

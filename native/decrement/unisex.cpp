@@ -11,7 +11,6 @@
 namespace veltrane::decrement {
 namespace {
 
-bool has_column(PyObject* columns, PyObject* name) { return py::require(PySequence_Contains(columns, name)) == 1; }
 
 std::vector<double> rounded_column(PyObject* data, PyObject* col, int decimals, const Names& n) {
     py::ref series = py::check(PyObject_CallMethodOneArg(data, n.get_column.get(), col));
