@@ -178,7 +178,7 @@ py::ref decrement_interval(TableObject* t, Probability kind, const Values& x, do
     const kernels::Rounder lx_round(cfg.lx);
     if (scalar_result) return single(kernels::period_survival_single(l.view, ages[0], period, lx_round));
     return vector([&](std::span<double> o) {
-        return kernels::period_survivals_rounded(l.view, ages, period, lx_round, finish, o);
+        return kernels::period_survivals(l.view, ages, period, finish, o, &lx_round);
     });
 }
 

@@ -97,7 +97,8 @@ std::optional<RangeFault> survival_from_rates(std::span<const double> q, double 
 }
 
 std::optional<RangeFault> period_survivals(const Survivorship& s, std::span<const double> x, double period,
-                                           const Finish& finish, std::span<double> out) noexcept {
+                                           const Finish& finish, std::span<double> out,
+                                           const Rounder* lx_round) noexcept {
     double xc[kChunk], l0[kChunk], l1[kChunk];
     std::optional<RangeFault> fault;
     in_chunks(x.size(), [&](std::size_t begin, std::size_t m) {
@@ -106,37 +107,15 @@ std::optional<RangeFault> period_survivals(const Survivorship& s, std::span<cons
         for (std::size_t k = 0; k < m; ++k) {
             l0[k] = lx_point(s, xc[k]);
             l1[k] = lx_point(s, xc[k] + period);
+        }
+        if (lx_round != nullptr) {
+            for (std::size_t k = 0; k < m; ++k) {
+                l0[k] = (*lx_round)(l0[k]);
+                l1[k] = (*lx_round)(l1[k]);
+            }
         }
         for (std::size_t k = 0; k < m; ++k) l0[k] = (l0[k] != 0.0 && xc[k] + period <= s.w) ? l1[k] / l0[k] : 0.0;
         fault = finish_checked(l0, m, s.eps, finish, out.data() + begin, begin);
-    });
-    return fault;
-}
-
-std::optional<RangeFault> period_survivals_rounded(const Survivorship& s, std::span<const double> x,
-                                                   double period, const Rounder& lx_round, const Finish& finish,
-                                                   std::span<double> out) noexcept {
-    double xc[kChunk], l0[kChunk], l1[kChunk];
-    std::optional<RangeFault> fault;
-    in_chunks(x.size(), [&](std::size_t begin, std::size_t m) {
-        if (fault) return;
-        for (std::size_t k = 0; k < m; ++k) xc[k] = clip_age(x[begin + k], s.w);
-        for (std::size_t k = 0; k < m; ++k) {
-            l0[k] = lx_point(s, xc[k]);
-            l1[k] = lx_point(s, xc[k] + period);
-        }
-        for (std::size_t k = 0; k < m; ++k) {
-            l0[k] = lx_round(l0[k]);
-            l1[k] = lx_round(l1[k]);
-        }
-        for (std::size_t k = 0; k < m; ++k) {
-            const double p = (l0[k] != 0.0 && xc[k] + period <= s.w) ? l1[k] / l0[k] : 0.0;
-            if (!within_unit_interval(p, s.eps)) {
-                fault = RangeFault{begin + k, p};
-                return;
-            }
-            out[begin + k] = finish(clamp_unit(p));
-        }
     });
     return fault;
 }

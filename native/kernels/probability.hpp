@@ -157,14 +157,11 @@ std::optional<RangeFault> finish_rates(std::span<const double> q, const Finish& 
 // clamped, finished.
 std::optional<RangeFault> survival_from_rates(std::span<const double> q, double w, std::span<const double> x,
                                               double eps, const Finish& finish, std::span<double> out) noexcept;
-// period_survival over ages: checked, clamped, finished.
+// period_survival over ages: checked, clamped, finished. With `lx_round`, both l values are
+// first rounded to the lx decimals (sub-annual periods). Stops at the first fault.
 std::optional<RangeFault> period_survivals(const Survivorship& s, std::span<const double> x, double period,
-                                           const Finish& finish, std::span<double> out) noexcept;
-// The same with both l values first rounded to the lx decimals (sub-annual periods): checked,
-// clamped, finished. Stops at the first fault.
-std::optional<RangeFault> period_survivals_rounded(const Survivorship& s, std::span<const double> x,
-                                                   double period, const Rounder& lx_round, const Finish& finish,
-                                                   std::span<double> out) noexcept;
+                                           const Finish& finish, std::span<double> out,
+                                           const Rounder* lx_round = nullptr) noexcept;
 // interval_survival_rounded over ages for one duration: checked, clamped, finished.
 std::optional<RangeFault> interval_survivals_rounded(const Survivorship& s, std::span<const double> x, double t,
                                                      const Rounder& lx_round, const Finish& finish,
