@@ -123,8 +123,6 @@ def test_a_malformed_snapshot_changes_nothing(standard, spoil, exc, message):
 
 # fmt: off
 FAILED_ADVANCES = [
-    (lambda: LifeTable("GEN", "u", cohort=YEAR - 1, unisex_blend=0.5), 5, ValueError,
-     f"Cohort year must be between 1900 and {YEAR}."),
     (lambda: LifeTable("GEN", pending=True), 1, ValueError,
      "Table 'GEN' is not ready: assign 'sex', 'cohort' before calculations "
      f"(lt.configure(sex=..., cohort=...), called from {ADVANCE})."),

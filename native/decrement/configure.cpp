@@ -4,6 +4,7 @@
 // configures many tables. Nothing is written before every check has passed.
 #include "decrement/arguments.hpp"
 #include "decrement/table.hpp"
+#include "decrement/transaction.hpp"
 
 #include "pyutil/members.hpp"
 
@@ -164,6 +165,12 @@ py::ref capture_snapshot(TableObject* t) {
     put("decrement", decrement.get());
     py::ref base = array_copy_or_none(t->decrement_base);
     put("decrement_base", base.get());
+    // A blend inside the block writes the table's private source copy: keep what it replaces.
+    SourceState source = capture_source(t);
+    put("table", source.table.or_none());
+    put("table_is_private_copy", source.private_copy ? Py_True : Py_False);
+    put("table_data", source.data.or_none());
+    put("table_valid_sexes", source.valid_sexes.or_none());
     return snap;
 }
 
@@ -192,6 +199,30 @@ void restore_snapshot(TableObject* t, PyObject* snap) {
     py::ref base_in = py::ref::steal(item(snap, "decrement_base"));
     py::ref decrement = decrement_in.is_none() ? py::ref() : py::copy_as_f64(decrement_in.get());
     py::ref base = base_in.is_none() ? py::ref() : py::copy_as_f64(base_in.get());
+    // The source entries are optional (a snapshot written by hand may lack them), and only a
+    // table source of the table's own kind is taken back.
+    SourceState source;
+    source.table = py::ref::steal(PyMapping_GetItemString(snap, "table"));
+    if (!source.table) {
+        if (!PyErr_ExceptionMatches(PyExc_KeyError)) py::throw_error_set();
+        PyErr_Clear();
+    }
+    const bool has_source = static_cast<bool>(source.table);
+    if (has_source) {
+        if (py::require(PyObject_IsInstance(source.table.get(), t->st->table_source)) == 0) {
+            py::ref type = type_name_of(source.table.get());
+            py::raise(PyExc_TypeError, "batch snapshot: 'table' must be a TableSource, got %U", type.get());
+        }
+        source.private_copy =
+            py::require(PyObject_IsTrue(py::ref::steal(item(snap, "table_is_private_copy")).get())) == 1;
+        if (source.private_copy) {
+            source.data = py::ref::steal(item(snap, "table_data"));
+            source.valid_sexes = py::ref::steal(item(snap, "table_valid_sexes"));
+            if (source.data.is_none() || source.valid_sexes.is_none()) {
+                py::raise(PyExc_ValueError, "batch snapshot: a private table source needs its data and sexes");
+            }
+        }
+    }
     auto none_as_null = [](py::ref r) { return r.is_none() ? py::ref() : std::move(r); };
     t->sex = none_as_null(std::move(sex));
     t->cohort = none_as_null(std::move(cohort));
@@ -205,7 +236,19 @@ void restore_snapshot(TableObject* t, PyObject* snap) {
     t->modifications_applied = std::move(applied);
     t->decrement = std::move(decrement);
     t->decrement_base = std::move(base);
+    if (has_source) restore_source(t, source);
     invalidate_caches(t);
+}
+
+// Restores a snapshot while an error is in flight; the original error is the one reported.
+void restore_preserving_error(TableObject* t, PyObject* snap) {
+    py::SavedError original;
+    try {
+        restore_snapshot(t, snap);
+    } catch (...) {
+        // Only memory can fail here (the snapshot is this context's own): the original error
+        // is the one worth reporting.
+    }
 }
 
 PyObject* Table_capture_batch_snapshot(PyObject* self, PyObject*) {
@@ -287,7 +330,13 @@ PyObject* Batch_exit(PyObject* self, PyObject* const* args, Py_ssize_t nargs) {
             if (on_enter == -1 && PyErr_Occurred()) py::throw_error_set();
             if (t->rebuilds_since_calc != on_enter && metadata_complete(t)) {
                 PyObject* unset = t->st->sentinel;
-                apply_and_rebuild(t, unset, unset, unset, unset);
+                try {
+                    apply_and_rebuild(t, unset, unset, unset, unset);
+                } catch (...) {
+                    // The keys set in the block cannot be built: the whole block is undone.
+                    if (b->snapshot != nullptr) restore_preserving_error(t, b->snapshot);
+                    throw;
+                }
             }
             t->rebuilds_since_calc = 0;
         } else {

@@ -2,6 +2,7 @@
 // properties (sex, cohort, duration, unisex_blend) with their rebuilds, readiness, and
 // the reset of modifications. Validate first, then assign: a failed setter changes nothing.
 #include "decrement/table.hpp"
+#include "decrement/transaction.hpp"
 
 #include <vector>
 
@@ -134,8 +135,10 @@ void after_key_change(TableObject* t, bool rebuild_needs_sex) {
 
 }  // namespace
 
-void rebuild_rates(TableObject* t) {
-    if (str_equals(t->sex.get(), "u") && !t->unisex_blend.is_none()) generate_unisex(t, t->unisex_blend.get());
+namespace {
+
+// The base rates of the current keys, their working copy, flags and caches.
+void install_base_rates(TableObject* t) {
     py::ref base = compute_decrement(t);
     py::ref working = py::copy_as_f64(base.get());
     py::ref w = source_attr(t, t->st->names.w.get());
@@ -146,7 +149,15 @@ void rebuild_rates(TableObject* t) {
     invalidate_caches(t);
 }
 
+}  // namespace
+
+void rebuild_rates(TableObject* t) {
+    if (str_equals(t->sex.get(), "u") && !t->unisex_blend.is_none()) generate_unisex(t, t->unisex_blend.get());
+    install_base_rates(t);
+}
+
 void apply_and_rebuild(TableObject* t, PyObject* sex, PyObject* cohort, PyObject* duration, PyObject* blend) {
+    KeyChange change(t);
     PyObject* unset = t->st->sentinel;
     if (sex != unset) t->sex = py::ref::borrow(sex == Py_None ? nullptr : sex);
     if (cohort != unset) t->cohort = py::ref::borrow(cohort == Py_None ? nullptr : cohort);
@@ -158,10 +169,12 @@ void apply_and_rebuild(TableObject* t, PyObject* sex, PyObject* cohort, PyObject
     if (source_flag(t, t->st->names.select.get()) && !t->sex.is_none() && t->select_duration_set) {
         t->metadata_pending = false;
     }
-    if (!metadata_complete(t)) return;
-    rebuild_rates(t);
-    t->metadata_pending = false;
-    invalidate_caches(t);
+    if (metadata_complete(t)) {
+        rebuild_rates(t);
+        t->metadata_pending = false;
+        invalidate_caches(t);
+    }
+    change.commit();
 }
 
 void set_sex(TableObject* t, PyObject* value) {
@@ -173,8 +186,10 @@ void set_sex(TableObject* t, PyObject* value) {
                   valid.get());
     }
     if (same_value(t->sex, v.get())) return;
+    KeyChange change(t);
     t->sex = std::move(v);
     after_key_change(t, false);
+    change.commit();
 }
 
 void set_cohort(TableObject* t, PyObject* value) {
@@ -185,8 +200,10 @@ void set_cohort(TableObject* t, PyObject* value) {
     }
     py::ref year = validate_cohort_year(t, value);
     if (same_value(t->cohort, year.get())) return;
+    KeyChange change(t);
     t->cohort = std::move(year);
     after_key_change(t, true);
+    change.commit();
 }
 
 py::ref normalise_duration(TableObject* t, PyObject* value) {
@@ -218,9 +235,11 @@ void set_duration(TableObject* t, PyObject* value) {
     const bool unchanged = v.is_none() ? (t->select_duration_set && is_ultimate(t->duration.get()))
                                        : (!is_ultimate(t->duration.get()) && same_value(t->duration, v.get()));
     if (unchanged) return;
+    KeyChange change(t);
     t->duration = std::move(v);
     t->select_duration_set = true;
     after_key_change(t, false);
+    change.commit();
 }
 
 namespace {
@@ -367,21 +386,12 @@ int put_blend(PyObject* self, PyObject* value, void*) {
         py::ref weight = py::check(PyFloat_FromDouble(w));
         if (!(0.0 <= w && w <= 1.0)) py::raise(PyExc_ValueError, "unisex_blend must be in [0.0, 1.0], got %R.", weight.get());
         if (!t->unisex_blend.is_none() && same_value(t->unisex_blend, weight.get())) return 0;
+        KeyChange change(t);
         generate_unisex(t, weight.get());
         t->unisex_blend = std::move(weight);
-        if (t->suspend_rebuild) {
-            ++t->rebuilds_since_calc;
-            return 0;
-        }
-        py::ref base = compute_decrement(t);
-        py::ref working = py::copy_as_f64(base.get());
-        py::ref w_obj = source_attr(t, t->st->names.w.get());
-        t->decrement_base = std::move(base);
-        t->decrement = std::move(working);
-        t->modified = false;
-        t->w_mod = std::move(w_obj);
+        if (!t->suspend_rebuild) install_base_rates(t);
         ++t->rebuilds_since_calc;
-        invalidate_caches(t);
+        change.commit();
         return 0;
     });
 }

@@ -53,6 +53,9 @@ int int_setting(PyObject* decimals, const char* name) {
 
 const ConfigSnapshot& config(ModuleState* st) {
     if (st->config_seen == st->config_version) return st->config_cache;
+    // The refresh calls into Python, where the settings may change again: the snapshot is
+    // marked with the version read before it, so such a change is picked up next time.
+    const std::uint64_t version = st->config_version;
     py::ref cfg = py::check(PyObject_CallNoArgs(st->config));
     py::ref decimals = py::check(PyObject_GetAttrString(cfg.get(), "decimals"));
     ConfigSnapshot s;
@@ -70,7 +73,7 @@ const ConfigSnapshot& config(ModuleState* st) {
     py::ref warn = py::check(PyObject_GetAttrString(cfg.get(), "warn_on_chained_table_rebuild"));
     s.warn_chained = py::require(PyObject_IsTrue(warn.get())) == 1;
     st->config_cache = s;
-    st->config_seen = st->config_version;
+    st->config_seen = version;
     return st->config_cache;
 }
 

@@ -4,6 +4,7 @@
 #include "decrement/table.hpp"
 
 #include <algorithm>
+#include <limits>
 #include <vector>
 
 namespace veltrane::decrement {
@@ -180,23 +181,42 @@ long start_duration(TableObject* t) {
 
 namespace {
 
-long select_period(TableObject* t) {
+long long select_period(TableObject* t) {
     py::ref period = source_attr(t, t->st->names.select_period.get());
-    return period.is_none() ? 0 : static_cast<long>(as_long_long(period.get()));
+    return period.is_none() ? 0 : as_long_long(period.get());
 }
 
 }  // namespace
 
+long long first_ultimate_duration(TableObject* t) {
+    long long first = 0;
+    // Saturates instead of wrapping: no duration a table can hold lies beyond it.
+    if (__builtin_add_overflow(static_cast<long long>(start_duration(t)), select_period(t), &first)) {
+        first = std::numeric_limits<long long>::max();
+    }
+    return first;
+}
+
+bool past_select_period(TableObject* t, PyObject* duration) {
+    if (is_ultimate(duration)) return true;
+    int overflow = 0;
+    const long long d = PyLong_AsLongLongAndOverflow(duration, &overflow);
+    if (d == -1 && PyErr_Occurred()) py::throw_error_set();
+    if (overflow != 0) return overflow > 0;  // beyond any select period (or below any start)
+    return d >= first_ultimate_duration(t);
+}
+
 py::ref select_column(TableObject* t, PyObject* sex, PyObject* dur, std::string_view prefix) {
     const std::string p(prefix);
-    if (is_ultimate(dur)) return py::check(PyUnicode_FromFormat("%s_%S_ult", p.c_str(), sex));
-    const long long d = as_long_long(dur);
+    if (past_select_period(t, dur)) return py::check(PyUnicode_FromFormat("%s_%S_ult", p.c_str(), sex));
+    int overflow = 0;
+    const long long d = PyLong_AsLongLongAndOverflow(dur, &overflow);
+    if (d == -1 && PyErr_Occurred()) py::throw_error_set();
     const long start = start_duration(t);
-    if (d < start) {
+    if (overflow != 0 || d < start) {
         py::ref name = table_name(t);
         py::raise(PyExc_ValueError, "duration %R is below start_duration=%ld for table '%S'.", dur, start, name.get());
     }
-    if (d >= start + select_period(t)) return py::check(PyUnicode_FromFormat("%s_%S_ult", p.c_str(), sex));
     return py::check(PyUnicode_FromFormat("%s_%S_s%lld", p.c_str(), sex, d));
 }
 
@@ -223,15 +243,16 @@ py::ref select_decrement(TableObject* t, PyObject* sex, PyObject* data, long w, 
 
 py::ref get_mi_col(TableObject* t, PyObject* sex, PyObject* dur) {
     if (!source_flag(t, t->st->names.mi_by_duration.get())) return py::check(PyUnicode_FromFormat("mi_%S", sex));
-    if (is_ultimate(dur) || as_long_long(dur) >= start_duration(t) + select_period(t)) {
+    if (past_select_period(t, dur)) {
         return py::check(PyUnicode_FromFormat("mi_%S_ult", sex));
     }
     return py::check(PyUnicode_FromFormat("mi_%S_s%lld", sex, as_long_long(dur)));
 }
 
-py::ref compute_decrement(TableObject* t) {
+py::ref compute_decrement(TableObject* t) { return compute_decrement(t, t->sex.or_none()); }
+
+py::ref compute_decrement(TableObject* t, PyObject* sex) {
     const Names& n = t->st->names;
-    PyObject* sex = t->sex.or_none();
     py::ref data = source_attr(t, n.data.get());
     const long w = source_w(t);
     const std::string_view prefix = prefix_for(t);

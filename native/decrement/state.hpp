@@ -109,6 +109,8 @@ long source_w(TableObject* t);
 
 // --- rates.cpp --------------------------------------------------------------------
 py::ref compute_decrement(TableObject* t);
+// The base rates of one sex under the table's other keys (a blend reads them per sex).
+py::ref compute_decrement(TableObject* t, PyObject* sex);
 py::ref validate_cohort_year(TableObject* t, PyObject* value);
 py::ref get_mi_col(TableObject* t, PyObject* sex, PyObject* dur);
 py::ref compute_lx(TableObject* t);

@@ -22,6 +22,10 @@ inline bool has_column(PyObject* columns, PyObject* name) {
 }
 // The table's first select duration; 1 when the table gives none.
 long start_duration(TableObject* t);
+// The first duration that reads the ultimate column (start + period, saturated).
+long long first_ultimate_duration(TableObject* t);
+// True when a duration (an int of any size, None or 'ult') reads the ultimate column.
+bool past_select_period(TableObject* t, PyObject* duration);
 
 // construct.cpp
 PyObject* Table_new(PyTypeObject* type, PyObject* args, PyObject* kwargs);

@@ -6,6 +6,7 @@
 // Invariant: an advance or a restore that raises leaves the table as it was.
 #include "decrement/arguments.hpp"
 #include "decrement/table.hpp"
+#include "decrement/transaction.hpp"
 
 #include <array>
 #include <cmath>
@@ -101,14 +102,6 @@ void write_state(TableObject* t, StepState& s) {
     invalidate_caches(t);
 }
 
-long source_long(TableObject* t, PyObject* name, long when_absent) {
-    py::ref value = source_attr(t, name);
-    if (value.is_none()) return when_absent;
-    const long v = PyLong_AsLong(value.get());
-    if (v == -1 && PyErr_Occurred()) py::throw_error_set();
-    return v;
-}
-
 bool differs(const py::ref& current, const py::ref& next) {
     if (current.is_none() || next.is_none()) return current.is_none() != next.is_none();
     return py::require(PyObject_RichCompareBool(current.get(), next.get(), Py_NE)) == 1;
@@ -134,9 +127,7 @@ PyObject* advance(TableObject* t, PyObject* ts_obj) {
     if (select && !is_ultimate(t->duration.get())) {
         py::ref current = py::check(PyNumber_Index(t->duration.get()));
         py::ref moved = py::check(PyNumber_Add(current.get(), k.get()));
-        const long start = source_long(t, n.start_duration.get(), 1);
-        const long period = source_long(t, n.select_period.get(), 0);
-        py::ref first_ultimate = py::check(PyLong_FromLong(start + period));
+        py::ref first_ultimate = py::check(PyLong_FromLongLong(first_ultimate_duration(t)));
         py::ref next;  // null: the ultimate column
         const bool still_select = py::require(PyObject_RichCompareBool(moved.get(), first_ultimate.get(), Py_LT)) == 1;
         if (still_select) next = std::move(moved);
@@ -155,17 +146,12 @@ PyObject* advance(TableObject* t, PyObject* ts_obj) {
     }
     if (!changed) return snap.release();
 
+    KeyChange change(t);
     std::swap(t->duration, duration);
     std::swap(t->cohort, cohort);
-    try {
-        // The rebuild of a key change (unisex blend or base rates, working copy, flags,
-        // caches); it assigns the vectors only once they are all computed.
-        rebuild_rates(t);
-    } catch (...) {
-        std::swap(t->duration, duration);
-        std::swap(t->cohort, cohort);
-        throw;
-    }
+    // The rebuild of a key change (unisex blend or base rates, working copy, flags, caches).
+    rebuild_rates(t);
+    change.commit();
     return snap.release();
 }
 

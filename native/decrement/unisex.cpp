@@ -22,7 +22,9 @@ std::vector<double> rounded_column(PyObject* data, PyObject* col, int decimals, 
     return out;
 }
 
-// The cohort-projected base rates of one sex, from the cache or a fresh table.
+// The cohort-projected base rates of one sex, from the cache or computed from this table's
+// own source. Computed directly rather than through a fresh table: a time step may carry the
+// cohort past the years a constructor accepts.
 std::vector<double> projected_rates(TableObject* t, const char* sex, PyObject* formula_type, int decimals) {
     ModuleState* st = t->st;
     py::ref file_name = source_attr(t, st->names.file_name.get());
@@ -33,20 +35,7 @@ std::vector<double> projected_rates(TableObject* t, const char* sex, PyObject* f
     if (!cached) {
         if (!PyErr_ExceptionMatches(PyExc_KeyError)) py::throw_error_set();
         PyErr_Clear();
-        py::ref kwargs = py::check(PyDict_New());
-        py::require(PyDict_SetItemString(kwargs.get(), "sex", sex_obj.get()));
-        py::require(PyDict_SetItemString(kwargs.get(), "cohort", t->cohort.or_none()));
-        PyObject* duration = Py_None;
-        if (source_flag(t, st->names.select.get())) {
-            duration = t->duration.is_none() ? st->names.ult.get() : t->duration.get();
-        }
-        py::require(PyDict_SetItemString(kwargs.get(), "duration", duration));
-        py::ref call_args = py::check(PyTuple_Pack(1, file_name.get()));
-        py::ref single = py::check(PyObject_Call(reinterpret_cast<PyObject*>(Py_TYPE(t)), call_args.get(), kwargs.get()));
-        if (!PyObject_TypeCheck(single.get(), st->core_type)) {
-            py::raise(PyExc_TypeError, "building the single-sex table did not return a table");
-        }
-        py::ref base = py::copy_as_f64(as_table(single.get())->decrement_base.or_none());
+        py::ref base = compute_decrement(t, sex_obj.get());
         while (PyObject_Length(st->unisex_cache) >= kCohortCacheMax) {
             py::ref popped = py::check(PyObject_CallMethod(st->unisex_cache, "popitem", "O", Py_False));
         }
@@ -59,10 +48,41 @@ std::vector<double> projected_rates(TableObject* t, const char* sex, PyObject* f
     return out;
 }
 
+// The improvement columns a sex's projection reads: the year-indexed columns of every grid
+// year for year-indexed or projected improvement, otherwise the one column of the duration.
+std::vector<py::ref> improvement_columns(TableObject* t, PyObject* sex, PyObject* formula) {
+    const Names& n = t->st->names;
+    py::ref structure = source_attr(t, n.mi_structure.get());
+    std::vector<py::ref> out;
+    if (str_equals(structure.get(), "year_indexed") || str_equals(formula, "projected_improvement")) {
+        py::ref grid = source_attr(t, n.grid_years.get());
+        if (!grid.is_none()) {
+            py::ref years = py::check(PySequence_Tuple(grid.get()));
+            for (Py_ssize_t j = 0; j < PyTuple_GET_SIZE(years.get()); ++j) {
+                out.push_back(py::check(PyUnicode_FromFormat("mi_%S_%S", sex, PyTuple_GET_ITEM(years.get(), j))));
+            }
+        }
+        return out;
+    }
+    out.push_back(get_mi_col(t, sex, t->duration.get()));
+    return out;
+}
+
+// The first improvement column of a sex missing from `columns`, or null when all are there.
+py::ref first_missing(PyObject* columns, const std::vector<py::ref>& wanted) {
+    for (const py::ref& c : wanted) {
+        if (!has_column(columns, c.get())) return c.dup();
+    }
+    return {};
+}
+
 }  // namespace
 
 int decimals_for_decrement(TableObject* t) {
-    if (!t->decimals_decrement_cache.is_none()) {
+    // Kept across calls, but never past a change of settings: a stale cached value is not
+    // trusted (the caches it belongs with are dropped at the next calculation).
+    const bool current = t->caches_config_version == t->st->config_version;
+    if (!t->decimals_decrement_cache.is_none() && current) {
         // The field can be written by hand: anything but a number the settings could hold
         // would round to nonsense (or, cast to int, overflow), so it is refused here.
         PyObject* cached = t->decimals_decrement_cache.get();
@@ -78,7 +98,7 @@ int decimals_for_decrement(TableObject* t) {
     const ConfigSnapshot& cfg = config(t->st);
     py::ref type = source_attr(t, t->st->names.table_type.get());
     const int d = str_equals(type.get(), "life") ? cfg.qx : str_equals(type.get(), "disability") ? cfg.ix : cfg.ox;
-    t->decimals_decrement_cache = py::check(PyLong_FromLong(d));
+    if (current) t->decimals_decrement_cache = py::check(PyLong_FromLong(d));
     return d;
 }
 
@@ -123,12 +143,17 @@ void generate_unisex(TableObject* t, PyObject* blend) {
         qm = rounded_column(data.get(), col_m.get(), d, n);
         qf = rounded_column(data.get(), col_f.get(), d, n);
     } else {
-        py::ref mi_m = get_mi_col(t, n.m.get(), t->duration.get());
-        py::ref mi_f = get_mi_col(t, n.f.get(), t->duration.get());
-        if (!has_column(columns.get(), mi_m.get()) || !has_column(columns.get(), mi_f.get())) {
+        py::ref formula_for_columns = source_attr(t, n.generational_formula_type.get());
+        const std::vector<py::ref> wanted_m = improvement_columns(t, n.m.get(), formula_for_columns.get());
+        const std::vector<py::ref> wanted_f = improvement_columns(t, n.f.get(), formula_for_columns.get());
+        py::ref missing_m = first_missing(columns.get(), wanted_m);
+        py::ref missing_f = first_missing(columns.get(), wanted_f);
+        if (missing_m || missing_f) {
+            PyObject* shown_m = missing_m ? missing_m.get() : wanted_m.front().get();
+            PyObject* shown_f = missing_f ? missing_f.get() : wanted_f.front().get();
             py::raise(PyExc_ValueError,
                       "Cannot generate unisex rates for generational table '%S': missing '%S' and/or '%S'", name.get(),
-                      mi_m.get(), mi_f.get());
+                      shown_m, shown_f);
         }
         if (t->cohort.is_none()) {
             py::raise(PyExc_ValueError, "Cohort must be set before generating unisex rates for generational tables.");

@@ -46,6 +46,36 @@ void warn_obj(PyObject* category, PyObject* message, int stacklevel);
 // Translates the C++ exception in flight into a Python exception.
 void set_from_current_exception() noexcept;
 
+// Holds the error in flight for the life of the object (so clean-up code may call the C API)
+// and sets it again at the end, replacing any error the clean-up left.
+class SavedError {
+public:
+    SavedError() noexcept {
+#if PY_VERSION_HEX >= 0x030C0000
+        exc_ = PyErr_GetRaisedException();
+#else
+        PyErr_Fetch(&type_, &exc_, &traceback_);
+#endif
+    }
+    SavedError(const SavedError&) = delete;
+    SavedError& operator=(const SavedError&) = delete;
+    ~SavedError() {
+        PyErr_Clear();
+#if PY_VERSION_HEX >= 0x030C0000
+        PyErr_SetRaisedException(exc_);
+#else
+        PyErr_Restore(type_, exc_, traceback_);
+#endif
+    }
+
+private:
+#if PY_VERSION_HEX < 0x030C0000
+    PyObject* type_ = nullptr;
+    PyObject* traceback_ = nullptr;
+#endif
+    PyObject* exc_ = nullptr;
+};
+
 template <class F>
 PyObject* guard(F&& body) noexcept {
     try {
