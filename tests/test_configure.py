@@ -3,6 +3,8 @@
 from __future__ import annotations
 
 import re
+from decimal import Decimal
+from fractions import Fraction
 
 import numpy as np
 import pytest
@@ -32,6 +34,8 @@ CONFIGURE_REFUSALS = [
     ("PER", {"cohort": 1970}, ValueError,
      "cohort is only valid for generational tables. Table 'PER' is not generational."),
     ("GEN", {"cohort": "1970"}, TypeError, "configure(): cohort must be int, got str"),
+    ("GEN", {"cohort": 1970j}, TypeError, "configure(): cohort must be int, got complex"),
+    ("GEN", {"cohort": [1970]}, TypeError, "configure(): cohort must be int, got list"),
     ("GEN", {"cohort": 1899}, ValueError, "Cohort year must be between 1900 and "),
     ("PER", {"duration": 1}, ValueError,
      "duration is only valid for select tables. Table 'PER' is not a select table."),
@@ -188,3 +192,12 @@ def test_configure_does_not_count_as_chained_rebuilds(standard):
         t.configure(cohort=1980)
         t.sex = "m"  # one setter rebuild is no chain
         t.px(5)  # warnings are errors here
+
+
+@pytest.mark.parametrize(
+    "cohort",
+    [Decimal("1970"), Decimal("1970.9"), Fraction(3941, 2), 1970.5, np.float32(1970.0), np.int16(1970)],
+)
+def test_configure_takes_any_number_with_an_integer_value(standard, cohort):
+    t = LifeTable("GEN", "m", cohort=1960).configure(cohort=cohort)
+    assert t.cohort == 1970 and type(t.cohort) is int

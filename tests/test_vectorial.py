@@ -56,6 +56,12 @@ ZIP = [
     (("USEL", "u"), {"duration": [1, 2, 3]},  # 3 lies past the select period: the ultimate column
      [("USEL", "u", None, 1, None), ("USEL", "u", None, 2, None), ("USEL", "u", None, 3, None)]),
     (("GEN", "m"), {"cohort": [1970]}, [("GEN", "m", 1970, None, None)]),
+    # Any sequence of integers: a range, a NumPy integer array.
+    (("GEN", "m"), {"cohort": range(1960, 1962)},
+     [("GEN", "m", 1960, None, None), ("GEN", "m", 1961, None, None)]),
+    (("GEN", "f"), {"cohort": np.array([1950, 1955])},
+     [("GEN", "f", 1950, None, None), ("GEN", "f", 1955, None, None)]),
+    (("SEL", "m"), {"duration": np.arange(1, 3)}, [("SEL", "m", None, 1, None), ("SEL", "m", None, 2, None)]),
 ]
 # fmt: on
 
@@ -101,9 +107,22 @@ def test_dict_keys_hold_every_identifying_field(kinds):
     assert all(type(k) is TableKey and fields([t]) == [tuple(k)] for k, t in result.items())
     blends = LifeTable("PER", "u", unisex_blend=[0.25, 0.75], return_dict=True)
     assert list(blends) == [TableKey("PER", "u", unisex_blend=w) for w in (0.25, 0.75)]
-    # One entry per distinct key.
-    assert len(LifeTable("GEN", ("m", "m", "f"), cohort=1960, return_dict=True)) == 2
     assert list(LifeTable("PER", "m", return_dict=True)) == [TableKey("PER", "m")]
+
+
+@pytest.mark.parametrize(
+    ("args", "kwargs", "key"),
+    [
+        (("GEN", ("m", "m")), {"cohort": (1960, 1960)}, "TableKey(table_name='GEN', sex='m', cohort=1960"),
+        (("PER", ("u", "u")), {"unisex_blend": 0.5}, "TableKey(table_name='PER', sex='u', cohort=None"),
+    ],
+)
+def test_dict_results_refuse_repeated_keys(kinds, args, kwargs, key):
+    with pytest.raises(
+        ValueError, match=re.escape("return_dict=True needs one key per instance, but " + key)
+    ):
+        LifeTable(*args, return_dict=True, **kwargs)
+    assert len(LifeTable(*args, **kwargs)) == 2  # a tuple keeps both
 
 
 def test_pending_shells(kinds):
@@ -209,6 +228,9 @@ REFUSALS = [
     (("PER", ["m", None]), {}, TypeError, "sex must be a string or a list/tuple of strings"),
     (("PER", []), {}, ValueError, "sex sequence must contain at least one sex"),
     (("GEN", "m"), {"cohort": ()}, ValueError, "cohort sequence must contain at least one cohort"),
+    (("GEN", "m"), {"cohort": np.array([1960.0])}, TypeError,
+     "cohort element 0 must be exact int, got 1960.0"),
+    (("GEN", "m"), {"cohort": "1960"}, TypeError, "cohort must be int or sequence of int, got str"),
     # Every name is opened before the first table is built.
     ((["PER", "NOPE"], "m"), {}, FileNotFoundError, None),
 ]

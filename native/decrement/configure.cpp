@@ -37,16 +37,21 @@ py::ref checked_cohort(TableObject* t, PyObject* value, PyObject* name) {
         py::raise(PyExc_ValueError, "cohort is only valid for generational tables. Table '%S' is not generational.",
                   name);
     }
-    if (PyFloat_Check(value) || PyArray_IsScalar(value, Floating)) {
-        // A float year is truncated by the integer conversion, then checked as any year.
-        py::ref year = py::check(PyNumber_Long(value));
-        return validate_cohort_year(t, year.get());
-    }
-    if (!PyBool_Check(value) && !is_integer_object(value)) {
+    auto refuse = [&]() {
         py::ref type = type_name_of(value);
         py::raise(PyExc_TypeError, "configure(): cohort must be int, got %U", type.get());
+    };
+    if (PyBool_Check(value) || is_integer_object(value)) return validate_cohort_year(t, value);
+    if (PyUnicode_Check(value) || PyBytes_Check(value) || !PyNumber_Check(value)) refuse();
+    // Any other number (float, Decimal, Fraction) is truncated by the integer conversion,
+    // then checked as any year; one with no integer value (complex) is refused by type.
+    py::ref year = py::ref::steal(PyNumber_Long(value));
+    if (!year) {
+        if (!PyErr_ExceptionMatches(PyExc_TypeError)) py::throw_error_set();
+        PyErr_Clear();
+        refuse();
     }
-    return validate_cohort_year(t, value);
+    return validate_cohort_year(t, year.get());
 }
 
 py::ref checked_duration(TableObject* t, PyObject* value, PyObject* name) {

@@ -13,6 +13,15 @@ namespace {
 
 bool is_sequence_arg(PyObject* o) { return PyList_Check(o) || PyTuple_Check(o); }
 
+// Cohorts and durations may also come as a range or a one-dimensional NumPy array: any
+// sequence but text and mappings.
+bool is_key_sequence(PyObject* o) {
+    if (is_sequence_arg(o)) return true;
+    if (PyUnicode_Check(o) || PyBytes_Check(o) || PyByteArray_Check(o) || PyDict_Check(o)) return false;
+    if (PyArray_Check(o)) return PyArray_NDIM(reinterpret_cast<PyArrayObject*>(o)) == 1;
+    return PySequence_Check(o) == 1;
+}
+
 using List = std::vector<py::ref>;
 
 List one(PyObject* value) {
@@ -22,7 +31,7 @@ List one(PyObject* value) {
 }
 
 List items_of(PyObject* seq) {
-    py::ref fast = py::check(PySequence_Fast(seq, "expected a list or a tuple"));
+    py::ref fast = py::check(PySequence_Fast(seq, "expected a sequence"));
     const Py_ssize_t n = PySequence_Fast_GET_SIZE(fast.get());
     List out;
     out.reserve(static_cast<std::size_t>(n));
@@ -38,7 +47,7 @@ List cohort_list(PyObject* cohort, bool& sequence) {
     if (cohort == Py_None) return one(Py_None);
     if (PyBool_Check(cohort)) py::raise(PyExc_TypeError, "cohort must be int or sequence of int, got bool");
     if (is_integer_object(cohort)) return one(py::check(PyNumber_Index(cohort)).get());
-    if (is_sequence_arg(cohort)) {
+    if (is_key_sequence(cohort)) {
         sequence = true;
         List items = items_of(cohort);
         if (items.empty()) py::raise(PyExc_ValueError, "cohort sequence must contain at least one cohort");
@@ -70,7 +79,7 @@ List duration_list(PyObject* duration, bool& sequence) {
         py::raise(PyExc_TypeError, "duration must be int, 'ult', or sequence of int/'ult', got bool");
     }
     if (is_integer_object(duration)) return one(py::check(PyNumber_Index(duration)).get());
-    if (is_sequence_arg(duration)) {
+    if (is_key_sequence(duration)) {
         sequence = true;
         List items = items_of(duration);
         if (items.empty()) py::raise(PyExc_ValueError, "duration sequence must contain at least one duration");

@@ -3,6 +3,7 @@
 // Names are bound in a fixed order at import; the unisex cache registers with the
 // configuration's reset hook, and a change hook keeps the settings snapshot current.
 #include "decrement/table.hpp"
+#include "pyutil/module_slots.hpp"
 
 #include <cstring>
 #include <utility>
@@ -388,6 +389,7 @@ void decrement_free(void* module) {
 
 PyModuleDef_Slot module_slots[] = {
     {Py_mod_exec, reinterpret_cast<void*>(decrement_exec)},
+    VELTRANE_SUPPORT_SLOTS
     {0, nullptr},
 };
 

@@ -505,6 +505,13 @@ PyObject* construct_many(PyTypeObject* type, VectorialCall& call) {
     py::ref out = py::check(PyDict_New());
     for (std::size_t i = 0; i < instances.size(); ++i) {
         py::ref key = key_of(table_key.get(), instances[i].get(), plan.at(i).name);
+        // A repeated key would silently keep only the last of its instances.
+        if (py::require(PyDict_Contains(out.get(), key.get())) == 1) {
+            py::raise(PyExc_ValueError,
+                      "return_dict=True needs one key per instance, but %R occurs more than once. Remove the "
+                      "repeated combination, or use return_dict=False for a tuple of every instance.",
+                      key.get());
+        }
         py::require(PyDict_SetItem(out.get(), key.get(), instances[i].get()));
     }
     return out.release();

@@ -1,6 +1,7 @@
 // veltrane.helpers: the numeric validators and converters, for Python callers.
 // The decrement module links the same C++ functions and calls them directly.
 #include "common/numeric.hpp"
+#include "pyutil/module_slots.hpp"
 
 namespace {
 
@@ -185,6 +186,7 @@ int helpers_exec(PyObject* module) {
 
 PyModuleDef_Slot slots[] = {
     {Py_mod_exec, reinterpret_cast<void*>(helpers_exec)},
+    VELTRANE_SUPPORT_SLOTS
     {0, nullptr},
 };
 

@@ -25,10 +25,16 @@ from typing import Any, Final
 
 __all__ = ["LX_INTERPOLATIONS", "MAX_DECIMALS", "Config", "DecimalsSettings"]
 
+# ``importlib.reload`` runs this module again in the same namespace. Native modules hold the
+# callback lists and the configuration object, so a reload keeps those (see the module's end).
+_BEFORE_RELOAD: Final[dict[str, Any]] = {
+    name: globals()[name] for name in ("DecimalsSettings", "Config") if name in globals()
+}
+
 #: Functions run by ``Config().reset()`` after the defaults are restored.
-_reset_callbacks: list[Callable[[], None]] = []
+_reset_callbacks: list[Callable[[], None]] = globals().get("_reset_callbacks", [])
 #: Functions run after any setting changes (native caches re-read the settings).
-_change_callbacks: list[Callable[[], None]] = []
+_change_callbacks: list[Callable[[], None]] = globals().get("_change_callbacks", [])
 
 #: Accepted values of ``lx_interpolation``.
 LX_INTERPOLATIONS: Final = ("linear", "exponential")
@@ -272,3 +278,10 @@ class Config:
             f"warn_on_chained_table_rebuild={s['warn_on_chained_table_rebuild']}, "
             f"tables_path={[str(p) for p in s['tables_path']]})"
         )
+
+
+# After a reload the classes of the first import stay in force: the one configuration object,
+# whose changes native code follows, is an instance of them.
+if _BEFORE_RELOAD:
+    DecimalsSettings = _BEFORE_RELOAD["DecimalsSettings"]  # type: ignore[misc]
+    Config = _BEFORE_RELOAD["Config"]  # type: ignore[misc]
