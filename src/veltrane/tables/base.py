@@ -289,9 +289,10 @@ def _gen_compound(
     bad = moving & (lam >= 1.0)
     if bad.any():
         age = int(np.flatnonzero(bad)[0])
+        years = int(t[age])
         raise ValueError(
             f"compound improvement rate must be below 1, got {lam[age]} at age {age} "
-            f"(projected {int(t[age])} years from the base year)"
+            f"(projected {years} year{'' if abs(years) == 1 else 's'} from the base year)"
         )
     # At the base year itself the factor is 1 whatever lambda; keep 1 - lambda positive there.
     keep = np.where(moving, 1.0 - lam, 1.0)
