@@ -46,6 +46,10 @@ std::string after_colon(const std::string& s) {
     return first == std::string::npos ? std::string() : rest.substr(first, last - first + 1);
 }
 
+// Whether calculations would be refused for want of keys: pending, or (a select table that
+// left the pending state with its sex and duration) still without rates.
+bool lacks_rates(TableObject* t) { return t->metadata_pending || t->decrement.is_none(); }
+
 std::string summary(PyObject* self) {
     TableObject* t = as_table(self);
     const Names& n = t->st->names;
@@ -54,11 +58,12 @@ std::string summary(PyObject* self) {
     lines.push_back(class_name(self) + ": " + text(name.get()));
     const bool generational = source_flag(t, n.generational.get());
     const bool select = source_flag(t, n.select.get());
-    if (t->metadata_pending) {
+    if (lacks_rates(t)) {
         std::vector<std::string> needs;
         if (t->sex.is_none()) needs.emplace_back("sex");
         if (generational && t->cohort.is_none()) needs.emplace_back("cohort");
         if (select && !t->select_duration_set) needs.emplace_back("duration");
+        if (needs.empty()) needs.emplace_back("metadata");  // as the refusal of calculations says it
         lines.push_back("Metadata: pending (needs: " + join(needs, ", ") + ")");
         lines.push_back("Sex: " + text(t->sex.or_none()));
         taxonomy(t, lines);
@@ -68,7 +73,9 @@ std::string summary(PyObject* self) {
     lines.push_back("Sex: " + text(t->sex.or_none()));
     if (str_equals(t->sex.get(), "u") && !t->unisex_blend.is_none()) {
         py::ref b = py::check(PyNumber_Float(t->unisex_blend.get()));
-        py::ref female = py::check(PyFloat_FromDouble(1.0 - PyFloat_AS_DOUBLE(b.get())));
+        // 1 - 0.7 is 0.30000000000000004 in binary: show the weight as the blend implies it.
+        py::ref complement = py::check(PyFloat_FromDouble(1.0 - PyFloat_AS_DOUBLE(b.get())));
+        py::ref female = py::check(PyObject_CallMethod(complement.get(), "__round__", "i", 12));
         const std::string bs = text(b.get());
         lines.push_back("Unisex blend: " + bs + " (male weight=" + bs + ", female weight=" + text(female.get()) + ")");
     }
@@ -110,6 +117,8 @@ std::pair<std::vector<long>, std::vector<long>> first_and_last(long count, long 
 void append_samples(PyObject* self, PyObject* lines, PyObject* symbol_obj, PyObject* decimals_obj, PyObject* rate_at_age) {
     TableObject* t = as_table(self);
     if (!PyList_Check(lines)) py::raise(PyExc_TypeError, "lines must be a list of str");
+    // A table without rates has nothing to sample; its summary says what it lacks.
+    if (lacks_rates(t)) return;
     const std::string symbol = text(symbol_obj);
     const long decimals = PyLong_AsLong(decimals_obj);
     if (decimals == -1 && PyErr_Occurred()) py::throw_error_set();
@@ -203,11 +212,12 @@ PyObject* Table_repr(PyObject* self) {
 
 PyMethodDef summary_methods[] = {
     {"summary", Table_summary, METH_NOARGS,
-     "summary($self, /)\n--\n\nA report of the table: name, keys, structure, omega in force and modifications."},
+     "summary($self, /)\n--\n\nA report of the table: name, keys, structure, omega in force and modifications.\n"
+     "It never fails for want of keys: a table that lacks some lists them (``Metadata: pending``)."},
     {"_append_decrement_rate_sample_summary", FASTCALL(Table_append_samples), METH_FASTCALL,
      "_append_decrement_rate_sample_summary($self, lines, rate_symbol, decimals, rate_at_age, /)\n--\n\n"
      "Append five sample rates from each end of the table to ``lines`` (with the base rate beside\n"
-     "each modified one)."},
+     "each modified one); nothing for a table that has no rates yet."},
     {nullptr, nullptr, 0, nullptr},
 };
 
