@@ -11,6 +11,7 @@ import gc
 import re
 import sys
 import xml.etree.ElementTree as ET
+from contextlib import nullcontext
 
 import numpy as np
 import pytest
@@ -118,7 +119,6 @@ REFUSALS = [
     *[({MU: v}, "decrement_multiplier must be a positive number or array")
       for v in (0, -1.0, float("nan"), float("inf"), True, "2", None, 10**400)],
     ({MU: 5e6}, "decrement_multiplier produced unrealistically large rates (max=5.000e+06)"),
-    ({GI: (1.0, 0), AR: 1.5, MU: 1.0}, "decrement_multiplier produced non-finite values (NaN/Inf)"),
     ({GI: (-1.0, 3)}, "decrement_geometric_increase: invalid base (1+c)=0.0"),
     ({GI: (-1, 3)}, "decrement_geometric_increase: invalid base (1+c)=0"),
     *[({GI: (c, 0)}, "decrement_geometric_increase first value must be a number in [-1.0, 1.0]")
@@ -129,7 +129,6 @@ REFUSALS = [
       for v in (0.1, (0.1,), (0.1, 2, 3))],
     *[({AR: f}, "aggravated_risk must be a positive number") for f in (0, -2.0, "3", False)],
     ({AR: 100.0001}, "aggravated_risk factor is unrealistically large"),
-    ({GI: (1.0, 0), AR: 1.5}, "_modify_decrement: non-finite values (NaN/Inf) in final decrement array"),
     ({MU: 2.0, "qx_shift": 1}, "Unknown modification key: 'qx_shift'"),
     ({CM: "udd"}, "combination_mode requires table_combination in the same modification dict"),
     ({CM: 1, "qx": 1}, "combination_mode must be the string 'independent' or 'udd'"),
@@ -163,6 +162,73 @@ def test_limits_of_growth_and_aggravation():
         t.modify_qx({GI: (1, 40)})
     with exactly("modifications must be a dict, got list", TypeError):
         t.modify_qx([(AS, 1)])
+
+
+@pytest.mark.parametrize("series", ["pandas", "polars"])
+def test_a_series_is_a_vector_multiplier(kinds, series):
+    module = pytest.importorskip(series)
+    t = make("life")
+    t.modify_qx({MU: module.Series(M)})
+    np.testing.assert_array_equal(t._decrement, final(kinds["life"] * M))
+    assert t.modifications_applied == ["decrement_multiplier=<array[8]>"]
+    for values, message in [
+        (M[:5], "decrement_multiplier array length (5) must match rate array length (8)"),
+        (np.r_[M[:7], np.nan], "All decrement_multiplier values must be finite (no NaN/Inf)"),
+    ]:
+        with exactly(message):
+            t.modify_qx({MU: module.Series(values)})
+
+
+# -- rates pushed above 1 before a step that reads probabilities ----------------------------------
+
+STEEP = np.array([0.1, 0.2, 0.3, 0.4, 0.3, 0.2, 0.1, 1.0])  # x4 reaches 1 at age 2, live rates after it
+# fmt: off
+ABOVE_ONE = [  # table, modifications, rates clipped and cut before the next step, that step, cut, descriptors
+    (STEEP, {MU: 4.0, AR: 2.0}, [0.4, 0.8, 1.0], lambda q: 1 - (1 - q) ** 2,
+     (7, 2, "age 2"), ["decrement_multiplier=4.0", "@", "aggravated_risk=2.0"]),
+    # a geometric tail on a table closed at q = 1 once made 1 - (1 - 2.25) ** 1.5 = NaN
+    (STEEP, {GI: (0.5, 5), AR: 1.5}, np.r_[STEEP[:6], 0.15, 1.0], lambda q: 1 - (1 - q) ** 1.5,
+     None, ["decrement_geometric_increase=(0.5, 5)", "aggravated_risk=1.5"]),
+    # the shift comes first: the multiplied rates are clipped only before the aggravation
+    (STEEP, {MU: 4.0, AS: 1, AR: 2.0}, [0.8, 1.0], lambda q: 1 - (1 - q) ** 2,
+     (6, 1, "index 1 (calendar age 2 after age_shift=1)"),
+     ["decrement_multiplier=4.0", "age_shift=1", "@", "aggravated_risk=2.0"]),
+    (STEEP, {MU: 4.0, TC: "FLAT"}, [0.4, 0.8, 1.0], lambda q: 1 - (1 - q) * 0.9,
+     (7, 2, "age 2"), ["decrement_multiplier=4.0", "@", "table_combination=(ExitTable)"]),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize(("q", "mods", "clipped", "step", "cut", "descriptors"), ABOVE_ONE)
+def test_rates_above_one_are_certain_for_the_next_step(tables, q, mods, clipped, step, cut, descriptors):
+    write(tables, "HIGH", q, kind="life")
+    write(tables, "FLAT", [0.1] * 8)
+    t = LifeTable("HIGH", "m")
+    mods = {k: ExitTable(v, "m") if k == TC else v for k, v in mods.items()}
+    with warns(CUT.format(*cut)) if cut else nullcontext() as record:  # other warnings are errors
+        t.modify_qx(mods)
+    assert cut is None or len(record) == 1
+    np.testing.assert_array_equal(t._decrement, final(step(np.asarray(clipped))))
+    note = None if cut is None else f"omega_truncated_by_certainty: {cut[0]}->{cut[1]} at {cut[2]}"
+    assert t.modifications_applied == [note if d == "@" else d for d in descriptors]
+    assert t.w == len(clipped) - 1
+
+
+def test_one_warning_for_several_cuts(tables):
+    write(tables, "HUMP", [0.1, 0.35, 0.1, 0.6, 0.1, 0.1, 0.1, 1.0], kind="life")
+    t = LifeTable("HUMP", "m")
+    # x2 cuts at age 3; the aggravation then makes age 1 certain (1 - 0.3 ** 100 == 1.0) before a live rate
+    with warns(CUT.format(7, 1, "age 1")) as record:
+        t.modify_qx({MU: 2.0, AR: 100.0})
+    assert len(record) == 1
+    assert t.modifications_applied == [
+        "decrement_multiplier=2.0",
+        "omega_truncated_by_certainty: 7->3 at age 3",
+        "aggravated_risk=100.0",
+        "omega_truncated_by_certainty: 3->1 at age 1",
+    ]
+    np.testing.assert_array_equal(t._decrement, final(1 - (1 - np.array([0.2, 0.7])) ** 100))
+    assert t.w == 1
 
 
 # -- truncation at certainty ---------------------------------------------------------------------
@@ -335,8 +401,20 @@ def test_combination_refusals(kinds, tables):
     for shift, where in [(0, "age 1"), (1, "index 0 (calendar age 1 after age_shift=1)")]:
         with exactly("table_combination: host has " + below.format(3, f" at {where}")):
             host.modify_qx({AS: shift, TC: e})
-    with exactly("table_combination: host decrement rate outside [0, 1] at index 7 (age 7) (q=3)."):
-        make("life").modify_qx({MU: np.r_[np.ones(7), 3.0], TC: e})
+    corrupt = make("life")
+    corrupt._decrement_base[3] = -0.5  # rates above 1 are certain deaths; below 0 nothing makes sense
+    with exactly("table_combination: host decrement rate outside [0, 1] at index 3 (age 3) (q=-0.5)."):
+        corrupt.modify_qx({TC: e})
+
+
+@pytest.mark.parametrize("others", [lambda e: e.copy(), lambda e: [make("exit").copy(), e.copy()]])
+def test_a_table_is_not_combined_with_its_own_copy(kinds, others):
+    e = make("exit")
+    e.modify_qx({MU: 0.5})
+    before = state(e)
+    with exactly("table_combination: cannot combine a table with a copy of itself."):
+        e.modify_qx({TC: others(e)})
+    assert state(e) == before
 
 
 def test_a_shorter_other_table_adds_nothing_beyond_its_end_and_certainty_cuts(kinds, tables):

@@ -68,3 +68,38 @@ def test_samples_of_short_tables(tables, w):
     first, last = lines[1:split], lines[split + 1 :]
     assert len(first) == len(last) == min(w + 1, 5)
     assert last[-1] == f"  qx({w}) = 1.0"
+
+
+@pytest.mark.parametrize(
+    ("blend", "male", "female"),
+    [
+        (0.7, "0.7", "0.3"),
+        (0.1, "0.1", "0.9"),
+        (1 / 3, "0.3333333333333333", "0.666666666667"),
+        (1, "1.0", "0.0"),
+    ],
+)
+def test_blend_weights_are_shown_as_given(standard, blend, male, female):
+    t = LifeTable("PER", "u", unisex_blend=blend)
+    line = f"Unisex blend: {male} (male weight={male}, female weight={female})"
+    assert t.summary().split("\n")[2] == line
+
+
+def configured_without_cohort():
+    t = LifeTable("GSEL", pending=True)
+    t.configure(sex="m", duration=1)  # a select table leaves the pending state with sex and duration
+    return t
+
+
+@pytest.mark.parametrize(
+    "make", [configured_without_cohort, lambda: LifeTable("GSEL", "m", duration=1, pending=True)]
+)
+def test_a_summary_lists_what_a_table_lacks(standard, make):
+    t = make()
+    lines = t.summary().split("\n")
+    assert lines[:3] == ["LifeTable: GSEL", "Metadata: pending (needs: cohort)", "Sex: m"]
+    assert lines[-1] == "w (current): 7" and not any("Sample" in line for line in lines)
+    with pytest.raises(ValueError, match="assign 'cohort' before calculations"):
+        t.qx(3)
+    t.cohort = 1970
+    assert "Cohort: 1970" in t.summary()

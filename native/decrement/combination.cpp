@@ -151,6 +151,11 @@ void check_pairing(PyObject* self, PyObject* other, PyObject* valid, PyObject* h
     }
     if (other == self) raise_text("table_combination: cannot combine a table with itself.");
     TableObject* o = as_table(other);
+    // A copy keeps the instance id of its table: it is the same decrement, which a merge would
+    // count twice.
+    if (o->instance_id == host->instance_id) {
+        raise_text("table_combination: cannot combine a table with a copy of itself.");
+    }
     for (long long id : seen) {
         if (id == o->instance_id) raise_text("table_combination: duplicate table instance in the others list.");
     }

@@ -141,6 +141,11 @@ List sex_list(PyObject* sex, bool& sequence) {
 
 PyObject* Table_new(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
     return py::guard([&]() -> PyObject* {
+        // The internal base carries state and behaviour only: tables are made through a class
+        // that names their kind.
+        if (type == state_from_type(type)->core_type) {
+            py::raise(PyExc_TypeError, "cannot create '%s' instances", type->tp_name);
+        }
         if (PyType_HasFeature(type, Py_TPFLAGS_IS_ABSTRACT)) {
             // Let the interpreter word the refusal exactly as for any abstract class.
             py::ref empty = py::check(PyTuple_New(0));

@@ -10,7 +10,10 @@ namespace veltrane::decrement {
 
 // ---- helpers shared across the module ---------------------------------------------------
 
-py::ref source_attr(TableObject* t, PyObject* name) { return py::check(PyObject_GetAttr(t->table.or_none(), name)); }
+py::ref source_attr(TableObject* t, PyObject* name) {
+    if (!t->table) raise_uninitialised(t);
+    return py::check(PyObject_GetAttr(t->table.get(), name));
+}
 
 bool source_flag(TableObject* t, PyObject* name) {
     py::ref value = source_attr(t, name);
@@ -302,7 +305,8 @@ PyObject* get_forward(PyObject* self, void* closure) {
         const Forward* f = static_cast<const Forward*>(closure);
         TableObject* t = as_table(self);
         if (f->attr == nullptr) return t->table.new_reference();
-        return checked(py::check(PyObject_GetAttrString(t->table.or_none(), f->attr)), f->type);
+        if (!t->table) raise_uninitialised(t);
+        return checked(py::check(PyObject_GetAttrString(t->table.get(), f->attr)), f->type);
     });
 }
 

@@ -51,6 +51,10 @@ struct Pass {
     long long w = 0;
     std::size_t offset = 0;  // the sum of the age shifts so far: index 0 holds this age
     py::ref descriptors;     // a new list, committed at the end
+    // The pass's own cuts at certainty (a combination reports its own): the omega before the
+    // first and the last cut, reported together in one warning when the pass ends.
+    std::optional<long long> cut_from;
+    CertaintyCut last_cut;
 
     void describe(const std::string& text) {
         py::ref item = py::check(PyUnicode_FromStringAndSize(text.data(), static_cast<Py_ssize_t>(text.size())));
@@ -58,6 +62,34 @@ struct Pass {
     }
     long long last_index() const { return static_cast<long long>(q.size()) - 1; }
 };
+
+// Clips the rates to [0, 1] and cuts the table after the first certain rate that live rates
+// follow. Done at the end of the pass, and before a step that reads the rates as probabilities
+// (aggravated_risk, table_combination) once an earlier step pushed one above 1: such a rate is
+// a certain decrement, 1 - (1 - q) ** f means nothing for it and a merge would refuse it.
+void clip_to_certainty(Pass& p) {
+    kernels::clip_unit(p.q);
+    if (std::optional<CertaintyCut> cut = truncate_at_certainty(p.q, p.w, p.offset)) {
+        p.describe("omega_truncated_by_certainty: " + cut->detail);
+        if (!p.cut_from) p.cut_from = cut->old_w;
+        p.w = cut->new_w;
+        p.last_cut = std::move(*cut);
+    }
+}
+
+void clip_if_above_certainty(Pass& p) {
+    if (kernels::max_value(p.q) > 1.0) clip_to_certainty(p);
+}
+
+// A multiplier per age: a list, a tuple or any array-like (NumPy array, pandas or Polars
+// Series), converted as ages are; never a string or a NumPy scalar.
+bool is_vector_argument(PyObject* value) {
+    if (PyList_Check(value) || PyTuple_Check(value) || PyArray_Check(value)) return true;
+    if (PyUnicode_Check(value) || PyBytes_Check(value) || PyByteArray_Check(value) || PyArray_IsAnyScalar(value)) {
+        return false;
+    }
+    return PySequence_Check(value) || py::require(PyObject_HasAttrString(value, "__array__")) == 1;
+}
 
 void apply_age_shift(Pass& p, PyObject* value) {
     const std::optional<long long> n = integer_value(value);
@@ -72,7 +104,7 @@ void apply_age_shift(Pass& p, PyObject* value) {
 
 void apply_multiplier(Pass& p, PyObject* value) {
     std::string descriptor;
-    if (PyList_Check(value) || PyTuple_Check(value) || PyArray_Check(value)) {
+    if (is_vector_argument(value)) {
         py::ref m = numeric::as_f64(value);
         const std::span<const double> factors = py::f64_cspan(m.get());
         if (factors.size() != p.q.size()) {
@@ -187,8 +219,10 @@ void modify_decrement(PyObject* self, PyObject* modifications) {
         } else if (str_equals(key, "decrement_geometric_increase")) {
             apply_geometric_increase(p, value);
         } else if (str_equals(key, "aggravated_risk")) {
+            clip_if_above_certainty(p);
             apply_aggravated_risk(p, value);
         } else if (str_equals(key, "table_combination")) {
+            clip_if_above_certainty(p);
             combine_tables(self, value, p.q, p.w, p.offset, mode, p.descriptors.get());
         } else {
             refuse("Unknown modification key: '" + str_of(key) + "'");
@@ -197,15 +231,14 @@ void modify_decrement(PyObject* self, PyObject* modifications) {
 
     if (!kernels::all_finite(p.q)) refuse("_modify_decrement: non-finite values (NaN/Inf) in final decrement array");
     // Multipliers may leave rates above 1 (up to the sanity limit): they are certain deaths.
-    kernels::clip_unit(p.q);
-    if (std::optional<CertaintyCut> cut = truncate_at_certainty(p.q, p.w, p.offset)) {
-        p.describe("omega_truncated_by_certainty: " + cut->detail);
+    clip_to_certainty(p);
+    if (p.cut_from) {
+        // One warning for the call, however many steps cut the table.
         py::warn(PyExc_UserWarning,
-                 "modify_* truncated omega from " + std::to_string(cut->old_w) + " to " + std::to_string(cut->new_w) +
-                     " (decrement reaches 1 at " + cut->where +
+                 "modify_* truncated omega from " + std::to_string(*p.cut_from) + " to " +
+                     std::to_string(p.last_cut.new_w) + " (decrement reaches 1 at " + p.last_cut.where +
                      "). Call summary() for details; see user guide 'Truncation at certainty' (modifying_decrements).",
                  1);
-        p.w = cut->new_w;
     }
 
     // Everything that can fail is done before the first field is written.
@@ -250,8 +283,15 @@ PyMethodDef modification_methods[] = {
      "    Keys applied in their order: ``age_shift``, ``decrement_multiplier``,\n"
      "    ``decrement_geometric_increase``, ``aggravated_risk``, ``table_combination`` (with\n"
      "    ``combination_mode``); see ``ModifyDecrement``. A second call replaces the first.\n\n"
+     "A vector multiplier may be a list, a tuple, an array or a pandas or Polars Series of the\n"
+     "rates' length.\n\n"
      "Rates are clipped to [0, 1]; where a rate reaches 1 before live rates, the table ends\n"
-     "there (``w`` is lowered) and a UserWarning says so. ``reset_modifications()`` undoes it all."},
+     "there (``w`` is lowered). A step that pushed rates above 1 (a multiplier, a geometric\n"
+     "increase) is clipped and cut the same way before ``aggravated_risk`` or\n"
+     "``table_combination`` reads the rates, which are probabilities there; the descriptor\n"
+     "``omega_truncated_by_certainty`` then follows that step. One UserWarning per call reports\n"
+     "the cut (from the omega before the first cut to the last one); a combination that cuts\n"
+     "the table warns on its own. ``reset_modifications()`` undoes it all."},
     {"_modify_decrement", FASTCALL_KW(Table_modify_decrement), METH_FASTCALL | METH_KEYWORDS,
      "_modify_decrement($self, /, modifications)\n--\n\nApply a modification dict to the base rates (see modify_qx)."},
     {nullptr, nullptr, 0, nullptr},

@@ -99,6 +99,9 @@ py::ref type_name_of(PyObject* obj);
 // --- table.cpp --------------------------------------------------------------------
 
 PyObject* table_alloc(PyTypeObject* type, ModuleState* st);
+// An instance that __init__ never completed (allocated by __new__ alone): it has no table.
+bool is_uninitialised(TableObject* t);
+[[noreturn]] void raise_uninitialised(TableObject* t);
 void ensure_ready(TableObject* t, std::string_view method_name);
 void invalidate_caches(TableObject* t);
 py::ref source_attr(TableObject* t, PyObject* name);

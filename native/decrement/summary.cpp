@@ -1,5 +1,6 @@
 // Text forms of a table: the multi-line summary (metadata, keys, modifications, and the
 // sample rates that concrete tables append) and the one-line str() and repr() forms.
+#include "decrement/arguments.hpp"
 #include "decrement/table.hpp"
 
 #include "kernels/rounding.hpp"
@@ -46,19 +47,29 @@ std::string after_colon(const std::string& s) {
     return first == std::string::npos ? std::string() : rest.substr(first, last - first + 1);
 }
 
+// Whether calculations would be refused for want of keys: pending, or (a select table that
+// left the pending state with its sex and duration) still without rates.
+bool lacks_rates(TableObject* t) { return t->metadata_pending || t->decrement.is_none(); }
+
 std::string summary(PyObject* self) {
     TableObject* t = as_table(self);
     const Names& n = t->st->names;
     std::vector<std::string> lines;
+    if (is_uninitialised(t)) {
+        lines.push_back(class_name(self) + ": (uninitialised)");
+        lines.push_back("Metadata: none (allocated by __new__ without __init__)");
+        return join(lines, "\n");
+    }
     py::ref name = table_name(t);
     lines.push_back(class_name(self) + ": " + text(name.get()));
     const bool generational = source_flag(t, n.generational.get());
     const bool select = source_flag(t, n.select.get());
-    if (t->metadata_pending) {
+    if (lacks_rates(t)) {
         std::vector<std::string> needs;
         if (t->sex.is_none()) needs.emplace_back("sex");
         if (generational && t->cohort.is_none()) needs.emplace_back("cohort");
         if (select && !t->select_duration_set) needs.emplace_back("duration");
+        if (needs.empty()) needs.emplace_back("metadata");  // as the refusal of calculations says it
         lines.push_back("Metadata: pending (needs: " + join(needs, ", ") + ")");
         lines.push_back("Sex: " + text(t->sex.or_none()));
         taxonomy(t, lines);
@@ -68,7 +79,9 @@ std::string summary(PyObject* self) {
     lines.push_back("Sex: " + text(t->sex.or_none()));
     if (str_equals(t->sex.get(), "u") && !t->unisex_blend.is_none()) {
         py::ref b = py::check(PyNumber_Float(t->unisex_blend.get()));
-        py::ref female = py::check(PyFloat_FromDouble(1.0 - PyFloat_AS_DOUBLE(b.get())));
+        // 1 - 0.7 is 0.30000000000000004 in binary: show the weight as the blend implies it.
+        py::ref complement = py::check(PyFloat_FromDouble(1.0 - PyFloat_AS_DOUBLE(b.get())));
+        py::ref female = py::check(PyObject_CallMethod(complement.get(), "__round__", "i", 12));
         const std::string bs = text(b.get());
         lines.push_back("Unisex blend: " + bs + " (male weight=" + bs + ", female weight=" + text(female.get()) + ")");
     }
@@ -110,6 +123,8 @@ std::pair<std::vector<long>, std::vector<long>> first_and_last(long count, long 
 void append_samples(PyObject* self, PyObject* lines, PyObject* symbol_obj, PyObject* decimals_obj, PyObject* rate_at_age) {
     TableObject* t = as_table(self);
     if (!PyList_Check(lines)) py::raise(PyExc_TypeError, "lines must be a list of str");
+    // A table without rates has nothing to sample; its summary says what it lacks.
+    if (is_uninitialised(t) || lacks_rates(t)) return;
     const std::string symbol = text(symbol_obj);
     const long decimals = PyLong_AsLong(decimals_obj);
     if (decimals == -1 && PyErr_Occurred()) py::throw_error_set();
@@ -152,26 +167,28 @@ void append_samples(PyObject* self, PyObject* lines, PyObject* symbol_obj, PyObj
     }
 }
 
-PyObject* Table_summary(PyObject* self, PyObject*) {
+PyObject* Table_summary(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
     return py::guard([&] {
+        (void)args;
+        const Py_ssize_t given = nargs + (kwnames != nullptr ? PyTuple_GET_SIZE(kwnames) : 0);
+        if (given != 0) py::raise(PyExc_TypeError, "summary() takes no arguments (%zd given)", given);
         const std::string s = summary(self);
         return PyUnicode_FromStringAndSize(s.data(), static_cast<Py_ssize_t>(s.size()));
     });
 }
 
-PyObject* Table_append_samples(PyObject* self, PyObject* const* args, Py_ssize_t nargs) {
+// Keywords are matched here rather than by the interpreter, whose messages would name the
+// internal base type instead of the table's class.
+PyObject* Table_append_samples(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
     return py::guard([&]() -> PyObject* {
-        if (nargs != 4) {
-            py::raise(PyExc_TypeError,
-                      "_append_decrement_rate_sample_summary() takes 4 arguments (lines, rate_symbol, decimals, "
-                      "rate_at_age)");
-        }
-        append_samples(self, args[0], args[1], args[2], args[3]);
+        auto a = parse_arguments<4>("_append_decrement_rate_sample_summary",
+                                    {"lines", "rate_symbol", "decimals", "rate_at_age"}, 4, args, nargs, kwnames);
+        append_samples(self, a.values[0], a.values[1], a.values[2], a.values[3]);
         Py_RETURN_NONE;
     });
 }
 
-#define FASTCALL(f) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(f))
+#define FASTCALL_KW(f) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(f))
 
 // The age range is written with an en dash; %s decodes it from UTF-8 (the format itself is ASCII).
 constexpr const char* kEnDash = "\u2013";
@@ -183,6 +200,7 @@ PyObject* Table_str(PyObject* self) {
     return py::guard([&] {
         TableObject* t = as_table(self);
         py::ref klass = type_name_of(self);
+        if (is_uninitialised(t)) return PyUnicode_FromFormat("%U(uninitialised)", klass.get());
         py::ref name = table_name(t);
         return PyUnicode_FromFormat("%U(table='%S', sex='%S', cohort=%S, modified=%s, age_range=0%s%S)", klass.get(),
                                     name.get(), t->sex.or_none(), t->cohort.or_none(), t->modified ? "True" : "False",
@@ -194,6 +212,7 @@ PyObject* Table_repr(PyObject* self) {
     return py::guard([&] {
         TableObject* t = as_table(self);
         py::ref klass = type_name_of(self);
+        if (is_uninitialised(t)) return PyUnicode_FromFormat("<%U (uninitialised)>", klass.get());
         py::ref name = table_name(t);
         return PyUnicode_FromFormat("<%U table='%S' sex='%S' cohort=%S modified=%s age_range=0%s%S>", klass.get(),
                                     name.get(), t->sex.or_none(), t->cohort.or_none(), t->modified ? "True" : "False",
@@ -202,12 +221,13 @@ PyObject* Table_repr(PyObject* self) {
 }
 
 PyMethodDef summary_methods[] = {
-    {"summary", Table_summary, METH_NOARGS,
-     "summary($self, /)\n--\n\nA report of the table: name, keys, structure, omega in force and modifications."},
-    {"_append_decrement_rate_sample_summary", FASTCALL(Table_append_samples), METH_FASTCALL,
-     "_append_decrement_rate_sample_summary($self, lines, rate_symbol, decimals, rate_at_age, /)\n--\n\n"
+    {"summary", FASTCALL_KW(Table_summary), METH_FASTCALL | METH_KEYWORDS,
+     "summary($self, /)\n--\n\nA report of the table: name, keys, structure, omega in force and modifications.\n"
+     "It never fails for want of keys: a table that lacks some lists them (``Metadata: pending``)."},
+    {"_append_decrement_rate_sample_summary", FASTCALL_KW(Table_append_samples), METH_FASTCALL | METH_KEYWORDS,
+     "_append_decrement_rate_sample_summary($self, /, lines, rate_symbol, decimals, rate_at_age)\n--\n\n"
      "Append five sample rates from each end of the table to ``lines`` (with the base rate beside\n"
-     "each modified one)."},
+     "each modified one); nothing for a table that has no rates yet."},
     {nullptr, nullptr, 0, nullptr},
 };
 

@@ -44,6 +44,16 @@ PyObject* table_alloc(PyTypeObject* type, ModuleState* st) {
     return self;
 }
 
+bool is_uninitialised(TableObject* t) { return !t->initialized || !t->table; }
+
+void raise_uninitialised(TableObject* t) {
+    py::ref name = type_name_of(reinterpret_cast<PyObject*>(t));
+    py::raise(PyExc_ValueError,
+              "%U instance is not initialised (no table loaded): construct it as %U(table_name, sex, ...), "
+              "not with __new__ alone.",
+              name.get(), name.get());
+}
+
 namespace {
 
 template <class F>
@@ -211,6 +221,30 @@ int set_rebuilds(PyObject* self, PyObject* value, void*) {
     return 0;
 }
 
+// ---- read-only properties -------------------------------------------------------------------
+
+// A property without a setter, wrapped so that assignment is refused in the words of a Python
+// property and names the instance's own class, not the internal base type that declares it.
+struct ReadOnly {
+    const char* name;
+    getter get;
+    void* closure;
+};
+
+PyObject* get_read_only(PyObject* self, void* closure) {
+    const ReadOnly* r = static_cast<const ReadOnly*>(closure);
+    return r->get(self, r->closure);
+}
+
+int refuse_assignment(PyObject* self, PyObject* value, void* closure) {
+    return py::guard_int([&]() -> int {
+        const ReadOnly* r = static_cast<const ReadOnly*>(closure);
+        py::ref klass = type_name_of(self);
+        py::raise(PyExc_AttributeError, "property '%s' of '%U' object has no %s", r->name, klass.get(),
+                  value == nullptr ? "deleter" : "setter");
+    });
+}
+
 // ---- copying --------------------------------------------------------------------------
 
 // Copies the slots that Python subclasses declare (e.g. a life table's interest rate),
@@ -262,6 +296,18 @@ void copy_subclass_state(PyObject* self, PyObject* copy, PyObject* memo, ModuleS
     }
 }
 
+// The interpreter's own argument messages would name the internal base type
+// ("_DecrementTableBase.copy()"); these name the method only, as the other methods do.
+void take_arguments(const char* method, Py_ssize_t expected, Py_ssize_t nargs, PyObject* kwnames) {
+    if (kwnames != nullptr && PyTuple_GET_SIZE(kwnames) > 0) {
+        py::raise(PyExc_TypeError, "%s() takes no keyword arguments", method);
+    }
+    if (nargs != expected) {
+        py::raise(PyExc_TypeError, "%s() takes %zd positional argument%s (%zd given)", method, expected,
+                  expected == 1 ? "" : "s", nargs);
+    }
+}
+
 PyObject* Table_deepcopy(PyObject* self, PyObject* memo) {
     return py::guard([&] {
         TableObject* t = as_table(self);
@@ -296,6 +342,20 @@ PyObject* Table_copy(PyObject* self, PyObject*) {
     });
 }
 
+PyObject* Table_deepcopy_method(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+    return py::guard([&] {
+        take_arguments("__deepcopy__", 1, nargs, kwnames);
+        return py::require(Table_deepcopy(self, args[0]));
+    });
+}
+
+PyObject* Table_copy_method(PyObject* self, PyObject* const*, Py_ssize_t nargs, PyObject* kwnames) {
+    return py::guard([&] {
+        take_arguments("copy", 0, nargs, kwnames);
+        return py::require(Table_copy(self, nullptr));
+    });
+}
+
 PyObject* Table_reduce(PyObject* self, PyObject*) {
     py::ref name = type_name_of(self);
     PyErr_Format(PyExc_TypeError,
@@ -303,6 +363,8 @@ PyObject* Table_reduce(PyObject* self, PyObject*) {
                  name.get());
     return nullptr;
 }
+
+#define FASTCALL_KW(f) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(f))
 
 // getset table: the raw fields first, then the properties from lifecycle.cpp.
 PyGetSetDef* build_getsets() {
@@ -317,7 +379,18 @@ PyGetSetDef* build_getsets() {
     }
     defs[n++] = {"_rebuilds_since_calc", get_rebuilds, set_rebuilds, "setter rebuilds since the last calculation",
                  nullptr};
-    for (const PyGetSetDef* p = table_properties; p->name != nullptr; ++p) defs[n++] = *p;
+    static ReadOnly read_only[64];
+    std::size_t k = 0;
+    for (const PyGetSetDef* p = table_properties; p->name != nullptr; ++p) {
+        defs[n] = *p;
+        if (p->set == nullptr) {
+            read_only[k] = {p->name, p->get, p->closure};
+            defs[n].get = get_read_only;
+            defs[n].set = refuse_assignment;
+            defs[n].closure = &read_only[k++];
+        }
+        ++n;
+    }
     defs[n] = {nullptr, nullptr, nullptr, nullptr, nullptr};
     return defs;
 }
@@ -325,11 +398,11 @@ PyGetSetDef* build_getsets() {
 PyMethodDef* build_methods() {
     static PyMethodDef defs[64];
     std::size_t n = 0;
-    defs[n++] = {"__deepcopy__", Table_deepcopy, METH_O,
+    defs[n++] = {"__deepcopy__", FASTCALL_KW(Table_deepcopy_method), METH_FASTCALL | METH_KEYWORDS,
                  "__deepcopy__($self, memo, /)\n--\n\nA deep copy that keeps the instance id (so it hashes alike)."};
-    defs[n++] = {"copy", Table_copy, METH_NOARGS,
+    defs[n++] = {"copy", FASTCALL_KW(Table_copy_method), METH_FASTCALL | METH_KEYWORDS,
                  "copy($self, /)\n--\n\nReturn a deep copy of the table (``copy.deepcopy(self)``)."};
-    defs[n++] = {"__copy__", Table_copy, METH_NOARGS,
+    defs[n++] = {"__copy__", FASTCALL_KW(Table_copy_method), METH_FASTCALL | METH_KEYWORDS,
                  "__copy__($self, /)\n--\n\nA table shares nothing mutable with its copy: the same as copy()."};
     defs[n++] = {"__reduce__", Table_reduce, METH_NOARGS, nullptr};
     for (const PyMethodDef* groups :

@@ -76,7 +76,9 @@ class ModifyDecrement(TypedDict, total=False):
         Drops the first ``n`` ages of the rate vector, so a life aged x is given the
         rate of age x + n (rated up by n years).
     decrement_multiplier : float or sequence of float or ndarray
-        Multiplies the rates: one factor for all ages, or one factor per age.
+        Multiplies the rates: one factor for all ages, or one factor per age (a list, a
+        tuple, an array or a pandas or Polars Series). Rates pushed above 1 are certain:
+        a later ``aggravated_risk`` or ``table_combination`` sees them as 1.
     decrement_geometric_increase : tuple of (float, int)
         ``(c, start)``: the rate at index ``start + k`` is multiplied by ``(1 + c) ** k``
         for k >= 0; the rates before ``start`` are unchanged.

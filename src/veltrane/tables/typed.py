@@ -48,8 +48,8 @@ class TypedTable(DecrementTable):
             modifications, and the sample rates (with the base rate beside a modified one).
         """
         text = super().summary()
-        if self.metadata_pending:
-            return text
+        if self.metadata_pending or self._decrement is None:
+            return text  # no rates to sample: the report says what the table lacks
         lines = text.split("\n")
         symbol = self._DECREMENT_PREFIX_MAP[self._TABLE_TYPE]
         self._append_decrement_rate_sample_summary(lines, symbol, self._decimals_for_decrement, self.qx)
