@@ -12,6 +12,7 @@ import polars as pl
 import pytest
 
 from veltrane.config import Config
+from veltrane.tables.life import LifeTable
 from veltrane.tables.source import BUNDLED_TABLES_DIR, TableSource, write_table
 
 LIFE_M = 'table_type = "life"\nsexes = ["m"]\n'
@@ -222,6 +223,19 @@ def test_sources_are_shared_until_the_path_files_or_cache_change(tables_dir, tmp
     Config().reset()
     Config().tables_path = [tables_dir]
     assert TableSource("T") is not src
+
+
+def test_valid_sexes_is_a_fresh_list_for_every_caller(tables):
+    tables.period()
+    source = TableSource("PER")
+    source.valid_sexes.append("u")
+    table = LifeTable("PER", "m")
+    table.valid_sexes.append("x")
+    assert source.valid_sexes == table.valid_sexes == ["m", "f"]
+    assert LifeTable("PER", "u", unisex_blend=0.5).valid_sexes == ["f", "m", "u"]  # on its private copy
+    assert TableSource("PER").valid_sexes == ["m", "f"]
+    with pytest.raises(ValueError, match="lacks native unisex column 'qx_u'"):  # shared data untouched
+        LifeTable("PER", "u")
 
 
 def test_copies_and_pickling():

@@ -231,12 +231,12 @@ class TableSource:
 
     @property
     def valid_sexes(self) -> list[str]:
-        """Sexes of the table (the list itself, not a copy).
+        """Sexes of the table (a new list on every call: the source is shared).
 
         The metadata's ``sexes`` when given, else the sexes having rate columns, in file order.
         Whether each of them has its columns is checked by the table classes when a sex is used.
         """
-        return self._valid_sexes
+        return list(self._valid_sexes)
 
     @property
     def w(self) -> int:
