@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import copy
 import math
+import os
 import pickle
 from pathlib import Path
 
@@ -195,6 +196,20 @@ def test_search_order_and_bundled_last(tmp_path):
         assert TableSource("T").data["qx_u"][0] == 0.2
     with Config().override(tables_path=[]):
         assert TableSource("SULT").file_path == BUNDLED_TABLES_DIR / "SULT.toml"
+
+
+@pytest.mark.parametrize("entry", ["missing", "file"])
+def test_tables_path_variable_warns_of_entries_that_are_not_directories(monkeypatch, tmp_path, entry):
+    bad = tmp_path / "tables"
+    if entry == "file":
+        bad.write_text("")
+    monkeypatch.setenv("VELTRANE_TABLES_PATH", os.pathsep.join([str(tmp_path), str(bad)]))
+    problem = "does not exist" if entry == "missing" else "is not a directory"
+    with Config():
+        with pytest.warns(UserWarning, match=f"^VELTRANE_TABLES_PATH: {bad} {problem}; ") as record:
+            Config().reset()
+        assert Config().tables_path == (tmp_path, bad)
+    assert len(record) == 1 and record[0].filename == __file__  # points at the caller of reset()
 
 
 def test_missing_table_lists_every_directory(tables_dir):
