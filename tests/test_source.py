@@ -6,6 +6,8 @@ import copy
 import math
 import os
 import pickle
+import subprocess
+import sys
 from pathlib import Path
 
 import numpy as np
@@ -251,6 +253,16 @@ def test_valid_sexes_is_a_fresh_list_for_every_caller(tables):
     assert TableSource("PER").valid_sexes == ["m", "f"]
     with pytest.raises(ValueError, match="lacks native unisex column 'qx_u'"):  # shared data untouched
         LifeTable("PER", "u")
+
+
+def test_write_table_is_exported_lazily():
+    script = (
+        "import sys, veltrane; from veltrane import write_table; "
+        "assert write_table is sys.modules['veltrane.tables.source'].write_table; "
+        "assert 'write_table' in veltrane.__all__; "
+        "assert 'veltrane.tables.decrement' not in sys.modules"
+    )
+    subprocess.run([sys.executable, "-c", script], check=True)
 
 
 def test_copies_and_pickling():
