@@ -2,13 +2,17 @@
 
 from __future__ import annotations
 
+import os
+import re
 import subprocess
 import sys
 
 import pytest
 
+import veltrane
 from veltrane.cli import main
 from veltrane.tables.life import LifeTable
+from veltrane.tables.source import write_table
 
 SULT = LifeTable("SULT", "u")
 GRID = [
@@ -30,6 +34,8 @@ def test_tables_lists_bundled_and_user_tables(capsys, tables):
     tables.period(name="SULT", sexes=("f",))  # shadows the bundled table of that name
     (tables.directory / "BAD.toml").write_text('table_type = "life"\n', encoding="utf-8")
     (tables.directory / "BAD.csv").write_text("age,qx_m\n0,2.5\n", encoding="utf-8")
+    (tables.directory / "ODD.toml").write_text('table_type = "life"\n', encoding="utf-8")
+    (tables.directory / "ODD.csv").mkdir()
     code, out, _ = run(capsys, "tables")
     rows = {line.split()[0]: line for line in out.splitlines()[1:]}
     assert code == 0 and out.splitlines()[0].split() == ["NAME", "TYPE", "SEXES", "STRUCTURE", "WHERE"]
@@ -38,6 +44,7 @@ def test_tables_lists_bundled_and_user_tables(capsys, tables):
     assert rows["MINE"].split()[1:4] == ["life", "m,f", "period"] and str(tables.directory) in rows["MINE"]
     assert rows["SULT"].split()[2] == "f"
     assert "unreadable:" in rows["BAD"] and "BAD.csv" in rows["BAD"]
+    assert "unreadable:" in rows["ODD"] and "ODD.csv is a directory" in rows["ODD"]
 
 
 def test_show(capsys):
@@ -70,7 +77,6 @@ def test_eval(capsys, argv, expected):
 ERRORS = [
     (["eval", "NOPE", "--sex", "u", "lx", "5"], "table 'NOPE' not found"),
     (["show", "SULT", "--sex", "m"], "Invalid sex 'm' for table 'SULT'"),
-    (["show", "SSSM", "--sex", "u"], "'duration' is required"),
     (["eval", "SULT", "--sex", "u", "lx", "-5"], "[lx] All ages x must be >= 0 for table 'SULT'."),
     (["eval", "SULT", "--sex", "u", "tqx", "50", "-1"], "[tqx]: t must be >= 0"),
     (["eval", "SULT", "--sex", "u", "px", "50", "--m", "5"], "argument --m: invalid choice: 5"),
@@ -78,9 +84,13 @@ ERRORS = [
     (["eval", "SULT", "--sex", "u", "lx", "50", "10"], "lx takes no duration T"),
     (["eval", "SULT", "--sex", "u", "tpx", "50", "--m", "12"], "--m applies to px and qx only"),
     (["eval", "SULT", "--sex", "u", "ex", "50"], "argument FUNCTION: invalid choice: 'ex'"),
-    (["show", "SULT"], "the following arguments are required: --sex"),
     (["show", "SULT", "--sex", "u", "--rows", "-1"], "--rows must be >= 0"),
     ([], "the following arguments are required: COMMAND"),
+    (
+        ["--tables-path", "/no/such/dir", "tables"],
+        "argument --tables-path: no such directory: '/no/such/dir'",
+    ),
+    (["show", "SULT", "--tables-path", __file__], "argument --tables-path: not a directory"),
 ]
 
 
@@ -89,6 +99,81 @@ def test_errors_are_one_line_with_status_2(capsys, argv, message):
     code, out, err = run(capsys, *argv)
     assert code == 2 and out == ""
     assert len(err.splitlines()) == 1 and message in err and err.startswith("veltrane")
+
+
+# The tables' own messages suggest Python calls; the command line shows its options instead.
+HINTS = [
+    (["show", "SSSM"], "--duration is required. Pass --duration N with N >= 1, or --duration ult"),
+    (["show", "SSSM", "--duration", "0"], "--duration must be an integer >= 1 or 'ult'"),
+    (["show", "SULT", "--duration", "1"], "--duration is only valid for select tables"),
+    (["show", "PER", "--sex", "u"], "--blend is required with --sex u because table 'PER' lacks"),
+    (["show", "PER", "--sex", "u"], "Example: --sex u --blend 0.5"),
+    (["show", "PER", "--sex", "m", "--blend", "0.5"], "Cannot use --blend 0.5 with --sex m. Use --sex u"),
+    (["show", "PER", "--sex", "u", "--blend", "2"], "--blend must be in [0.0, 1.0], got 2.0"),
+    (["show", "GEN", "--sex", "m"], "--cohort (year of birth) is required"),
+    (["show", "GEN", "--sex", "m", "--cohort", "1800"], "--cohort must be a year between 1900 and"),
+    (["show", "PER", "--sex", "m", "--cohort", "1950"], "--cohort should not be given for static tables"),
+    (["show", "PER"], "table 'PER' has sexes m, f: choose one with --sex"),
+]
+
+
+@pytest.mark.parametrize(("argv", "message"), HINTS)
+def test_errors_hint_in_command_line_syntax(capsys, tables, argv, message):
+    tables.period()
+    tables.flat(sexes=("m",))
+    code, _, err = run(capsys, *argv)
+    assert code == 2 and message in err
+    assert not re.search(r"(?<![-\w])(sex|duration|cohort|unisex_blend)=|unisex_blend|\w+Table\(", err), err
+
+
+def test_sex_defaults_to_the_only_one(capsys, tables):
+    tables.period(name="MALE", sexes=("m",))
+    assert run(capsys, "eval", "MALE", "qx", "3")[:2] == (0, f"{LifeTable('MALE', 'm').qx(3)!r}\n")
+    assert run(capsys, "show", "SULT", "--rows", "1")[1].splitlines()[:2] == ["LifeTable: SULT", "Sex: u"]
+
+
+def test_version(capsys):
+    assert run(capsys, "--version") == (0, f"veltrane {veltrane.__version__}\n", "")
+
+
+def test_tables_path_before_and_after_the_command(capsys, tmp_path):
+    first, second = tmp_path / "a", tmp_path / "b"
+    for directory, rate in ((first, 0.25), (second, 0.5)):
+        write_table(directory, "MINE", {"table_type": "life"}, {"age": [0, 1], "qx_u": [rate, 1.0]})
+    for argv, rate in (
+        (["--tables-path", str(first), "eval", "MINE", "qx", "0"], 0.25),
+        (["eval", "MINE", "qx", "0", "--tables-path", str(second)], 0.5),
+        (["--tables-path", str(second), "eval", "MINE", "qx", "0", "--tables-path", str(first)], 0.5),
+    ):
+        assert run(capsys, *argv)[:2] == (0, f"{rate!r}\n")
+    assert str(first) in run(capsys, "--tables-path", str(first), "tables")[1]
+    assert run(capsys, "eval", "MINE", "qx", "0")[0] == 2  # searched for that call only
+
+
+def _command(*argv: str, **kwargs) -> subprocess.CompletedProcess[str]:
+    script = "import sys; from veltrane.cli import main; sys.exit(main())"
+    return subprocess.run([sys.executable, "-c", script, *argv], text=True, check=False, **kwargs)
+
+
+def test_closed_pipe_ends_quietly():
+    read_end, write_end = os.pipe()
+    os.close(read_end)  # the reader is gone before the first byte, as after `| head -1`
+    try:
+        result = _command("show", "SULT", "--rows", "100", stdout=write_end, stderr=subprocess.PIPE)
+    finally:
+        os.close(write_end)
+    assert (result.returncode, result.stderr) == (1, "")
+
+
+def test_tables_path_variable_naming_a_missing_directory_warns_once(tmp_path):
+    missing = tmp_path / "missing"
+    env = {**os.environ, "VELTRANE_TABLES_PATH": os.pathsep.join([str(tmp_path), str(missing)])}
+    result = _command("eval", "SULT", "qx", "50", capture_output=True, env=env)
+    assert result.returncode == 0 and result.stdout == f"{SULT.qx(50)!r}\n"
+    assert (
+        result.stderr
+        == f"veltrane: warning: VELTRANE_TABLES_PATH: {missing} does not exist; no tables are read from it\n"
+    )
 
 
 def test_console_script_entry(tmp_path):

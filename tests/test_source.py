@@ -4,7 +4,10 @@ from __future__ import annotations
 
 import copy
 import math
+import os
 import pickle
+import subprocess
+import sys
 from pathlib import Path
 
 import numpy as np
@@ -12,6 +15,7 @@ import polars as pl
 import pytest
 
 from veltrane.config import Config
+from veltrane.tables.life import LifeTable
 from veltrane.tables.source import BUNDLED_TABLES_DIR, TableSource, write_table
 
 LIFE_M = 'table_type = "life"\nsexes = ["m"]\n'
@@ -196,6 +200,20 @@ def test_search_order_and_bundled_last(tmp_path):
         assert TableSource("SULT").file_path == BUNDLED_TABLES_DIR / "SULT.toml"
 
 
+@pytest.mark.parametrize("entry", ["missing", "file"])
+def test_tables_path_variable_warns_of_entries_that_are_not_directories(monkeypatch, tmp_path, entry):
+    bad = tmp_path / "tables"
+    if entry == "file":
+        bad.write_text("")
+    monkeypatch.setenv("VELTRANE_TABLES_PATH", os.pathsep.join([str(tmp_path), str(bad)]))
+    problem = "does not exist" if entry == "missing" else "is not a directory"
+    with Config():
+        with pytest.warns(UserWarning, match=f"^VELTRANE_TABLES_PATH: {bad} {problem}; ") as record:
+            Config().reset()
+        assert Config().tables_path == (tmp_path, bad)
+    assert len(record) == 1 and record[0].filename == __file__  # points at the caller of reset()
+
+
 def test_missing_table_lists_every_directory(tables_dir):
     with pytest.raises(FileNotFoundError) as info:
         TableSource("NOPE")
@@ -222,6 +240,29 @@ def test_sources_are_shared_until_the_path_files_or_cache_change(tables_dir, tmp
     Config().reset()
     Config().tables_path = [tables_dir]
     assert TableSource("T") is not src
+
+
+def test_valid_sexes_is_a_fresh_list_for_every_caller(tables):
+    tables.period()
+    source = TableSource("PER")
+    source.valid_sexes.append("u")
+    table = LifeTable("PER", "m")
+    table.valid_sexes.append("x")
+    assert source.valid_sexes == table.valid_sexes == ["m", "f"]
+    assert LifeTable("PER", "u", unisex_blend=0.5).valid_sexes == ["f", "m", "u"]  # on its private copy
+    assert TableSource("PER").valid_sexes == ["m", "f"]
+    with pytest.raises(ValueError, match="lacks native unisex column 'qx_u'"):  # shared data untouched
+        LifeTable("PER", "u")
+
+
+def test_write_table_is_exported_lazily():
+    script = (
+        "import sys, veltrane; from veltrane import write_table; "
+        "assert write_table is sys.modules['veltrane.tables.source'].write_table; "
+        "assert 'write_table' in veltrane.__all__; "
+        "assert 'veltrane.tables.decrement' not in sys.modules"
+    )
+    subprocess.run([sys.executable, "-c", script], check=True)
 
 
 def test_copies_and_pickling():

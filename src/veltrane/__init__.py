@@ -13,6 +13,7 @@ from veltrane.config import Config
 
 if TYPE_CHECKING:
     from veltrane.tables import DecrementTable, DisabilityTable, ExitTable, LifeTable, TableRegistry
+    from veltrane.tables.source import write_table
 
 __all__ = [
     "Config",
@@ -23,6 +24,7 @@ __all__ = [
     "PaymentFrequencyLiteral",
     "TableKey",
     "TableRegistry",
+    "write_table",
 ]
 __version__ = "0.1.0"
 
@@ -34,4 +36,8 @@ def __getattr__(name: str) -> Any:
         from veltrane import tables
 
         return getattr(tables, name)
+    if name == "write_table":  # table files need Polars, not the compiled extension
+        from veltrane.tables.source import write_table
+
+        return write_table
     raise AttributeError(f"module 'veltrane' has no attribute {name!r}")

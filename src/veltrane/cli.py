@@ -9,21 +9,28 @@ Examples
     veltrane eval SULT --sex u tpx 65 10        # 10p65
     veltrane eval SULT --sex u qx 50.5 --m 12   # monthly decrement probability at 50.5
     veltrane eval SULT --sex u lx 50,60,70      # several ages, comma-separated
+    veltrane --tables-path ./tables show MINE   # a tables directory searched first
 
-Bad arguments, unknown tables and values a table refuses end with a one-line message on
-standard error and exit status 2.
+``--sex`` may be left out for a table with a single sex. Bad arguments, unknown tables and
+values a table refuses end with a one-line message on standard error and exit status 2;
+warnings are printed there as one line each. Output cut short by a closed pipe
+(``veltrane show ... | head``) ends quietly with status 1.
 """
 
 from __future__ import annotations
 
 import argparse
+import os
+import re
 import sys
+import warnings
 from collections.abc import Sequence
 from pathlib import Path
-from typing import TYPE_CHECKING, Any, NoReturn
+from typing import TYPE_CHECKING, Any, NoReturn, TextIO
 
 import polars as pl
 
+from veltrane import __version__
 from veltrane.base import PAYMENT_FREQUENCIES
 from veltrane.config import Config
 
@@ -74,16 +81,41 @@ def _duration(text: str) -> int | str:
         raise argparse.ArgumentTypeError(f"duration must be an integer or 'ult', got {text!r}") from None
 
 
+def _directory(text: str) -> Path:
+    path = Path(text)
+    if not path.is_dir():
+        problem = "not a directory" if path.exists() else "no such directory"
+        raise argparse.ArgumentTypeError(f"{problem}: {text!r}")
+    return path
+
+
+def _tables_path_argument(parser: argparse.ArgumentParser, dest: str) -> None:
+    parser.add_argument(
+        "--tables-path",
+        dest=dest,
+        metavar="DIR",
+        type=_directory,
+        action="append",
+        default=[],
+        help="directory searched for tables before VELTRANE_TABLES_PATH (may be repeated)",
+    )
+
+
 def _build_parser() -> _Parser:
     parser = _Parser(prog="veltrane", description="Actuarial decrement tables (life, disability, exit).")
+    parser.add_argument("--version", action="version", version=f"%(prog)s {__version__}")
+    # Accepted before and after the command; the directories before it come first.
+    _tables_path_argument(parser, "tables_path_first")
     commands = parser.add_subparsers(dest="command", metavar="COMMAND", parser_class=_Parser)
     commands.required = True
 
-    commands.add_parser("tables", help="list the available tables with their type and structure")
+    listing = commands.add_parser("tables", help="list the available tables with their type and structure")
+    _tables_path_argument(listing, "tables_path")
 
     def table_arguments(sub: argparse.ArgumentParser) -> None:
+        _tables_path_argument(sub, "tables_path")
         sub.add_argument("name", metavar="NAME", help="table name (file stem, without extension)")
-        sub.add_argument("--sex", required=True, help="'m', 'f' or 'u'")
+        sub.add_argument("--sex", help="'m', 'f' or 'u' (default: the table's sex, if it has only one)")
         sub.add_argument("--cohort", type=int, help="year of birth (generational tables)")
         sub.add_argument("--duration", type=_duration, help="policy duration or 'ult' (select tables)")
         sub.add_argument("--blend", type=float, help="male weight of a blended unisex table")
@@ -117,7 +149,8 @@ def _table_files() -> list[tuple[str, Path]]:
         if not directory.is_dir():
             continue
         for toml in sorted(directory.glob("*.toml")):
-            if toml.with_suffix(".csv").is_file():
+            # Whatever has the name is listed; loading it says what is wrong with it.
+            if os.path.lexists(toml.with_suffix(".csv")):
                 found.setdefault(toml.stem, directory)
     return list(found.items())
 
@@ -148,6 +181,46 @@ def _list_tables() -> int:
 
 
 # -- show and eval --------------------------------------------------------------------------------
+# The tables' messages suggest Python calls; on the command line the same hints read as options.
+# Applied in order, so the specific forms go before the general ones.
+_CLI_HINTS: tuple[tuple[re.Pattern[str], str], ...] = tuple(
+    (re.compile(pattern), replacement)
+    for pattern, replacement in (
+        (r"Example: \w+\('[^']*', sex='u', unisex_blend=([^)]*)\)", r"Example: --sex u --blend \1"),
+        (r"unisex_blend parameter is required when sex='u'", "--blend is required with --sex u"),
+        (
+            r"Cannot specify unisex_blend=(\S+) when sex='(\w+)' is explicitly set",
+            r"Cannot use --blend \1 with --sex \2",
+        ),
+        (
+            r"Pass an integer >= (-?\d+) or duration='ult'",
+            r"Pass --duration N with N >= \1, or --duration ult",
+        ),
+        (r"duration='ult'", "--duration ult"),
+        (r"\bsex='(\w+)'", r"--sex \1"),
+        (r"'duration' is required", "--duration is required"),
+        (r"'cohort' \(year of birth\) is required", "--cohort (year of birth) is required"),
+        (r"^Cohort should not be specified", "--cohort should not be given"),
+        (r"^Cohort year must be", "--cohort must be a year"),
+        (r"^duration (must|is only)", r"--duration \1"),
+        (r"^unisex_blend (must|can only)", r"--blend \1"),
+    )
+)
+
+
+def _cli_message(message: str) -> str:
+    for pattern, replacement in _CLI_HINTS:
+        message = pattern.sub(replacement, message)
+    return message
+
+
+def _default_sex(name: str, sexes: list[str]) -> str:
+    if len(sexes) == 1:
+        return sexes[0]
+    listed = ", ".join(sexes) or "none"
+    raise _RefusedError(f"table {name!r} has sexes {listed}: choose one with --sex")
+
+
 def _open_table(args: argparse.Namespace) -> DecrementTable:
     from veltrane.tables.disability import DisabilityTable
     from veltrane.tables.exit import ExitTable
@@ -160,9 +233,10 @@ def _open_table(args: argparse.Namespace) -> DecrementTable:
         cls = classes.get(source.table_type)
         if cls is None:
             raise _RefusedError(f"table {args.name!r} has an unknown type {source.table_type!r}")
-        return cls(args.name, args.sex, cohort=args.cohort, unisex_blend=args.blend, duration=args.duration)
+        sex = args.sex if args.sex is not None else _default_sex(args.name, source.valid_sexes)
+        return cls(args.name, sex, cohort=args.cohort, unisex_blend=args.blend, duration=args.duration)
     except (OSError, ValueError, TypeError) as exc:
-        raise _RefusedError(str(exc)) from exc
+        raise _RefusedError(_cli_message(str(exc))) from exc
 
 
 def _show(args: argparse.Namespace) -> int:
@@ -197,7 +271,7 @@ def _evaluate(args: argparse.Namespace) -> int:
         else:
             result = method(args.x)
     except (ValueError, TypeError) as exc:
-        raise _RefusedError(str(exc)) from exc
+        raise _RefusedError(_cli_message(str(exc))) from exc
     if isinstance(result, float):
         print(_format(result))
         return 0
@@ -224,18 +298,47 @@ def main(argv: Sequence[str] | None = None) -> int:
     Returns
     -------
     int
-        The exit status: 0 on success, 2 for bad arguments, unknown tables or refused values.
+        The exit status: 0 on success, 1 when standard output was closed early (a pipe into
+        ``head``), 2 for bad arguments, unknown tables or refused values.
     """
     args = _build_parser().parse_args(argv)
+    directories = [*args.tables_path_first, *args.tables_path]
     try:
-        if args.command == "tables":
-            return _list_tables()
-        if args.command == "show":
-            return _show(args)
-        return _evaluate(args)
+        with warnings.catch_warnings():
+            warnings.showwarning = _show_warning
+            with Config().override(tables_path=[*directories, *Config().tables_path]):
+                status = _run(args)
+            sys.stdout.flush()  # a closed pipe shows here, not in the interpreter's last flush
+        return status
     except _RefusedError as exc:
         print(f"veltrane {args.command}: error: {exc}", file=sys.stderr)
         return _USAGE_ERROR
+    except BrokenPipeError:
+        # The reader is gone: point stdout at /dev/null so that the final flush stays quiet.
+        devnull = os.open(os.devnull, os.O_WRONLY)
+        os.dup2(devnull, sys.stdout.fileno())
+        os.close(devnull)
+        return 1
+
+
+def _run(args: argparse.Namespace) -> int:
+    if args.command == "tables":
+        return _list_tables()
+    if args.command == "show":
+        return _show(args)
+    return _evaluate(args)
+
+
+def _show_warning(
+    message: Warning | str,
+    category: type[Warning],
+    filename: str,
+    lineno: int,
+    file: TextIO | None = None,
+    line: str | None = None,
+) -> None:
+    # One line, like the errors; the Python source location means nothing to a shell user.
+    print(f"veltrane: warning: {message}", file=sys.stderr)
 
 
 if __name__ == "__main__":

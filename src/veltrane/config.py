@@ -18,6 +18,7 @@ Examples
 from __future__ import annotations
 
 import os
+import warnings
 from collections.abc import Callable, Iterable, Iterator
 from contextlib import contextmanager
 from pathlib import Path
@@ -118,8 +119,20 @@ class DecimalsSettings:
 
 
 def _env_tables_path() -> tuple[Path, ...]:
+    """The directories of ``VELTRANE_TABLES_PATH``; warns of entries that are not directories.
+
+    Called by ``Config()`` and ``Config().reset()``: the warning points at their caller. A typo
+    in the variable would otherwise only show as "table not found" much later.
+    """
     raw = os.environ.get(_TABLES_PATH_ENV, "")
-    return tuple(Path(p) for p in raw.split(os.pathsep) if p)
+    paths = tuple(Path(p) for p in raw.split(os.pathsep) if p)
+    for path in paths:
+        if not path.is_dir():
+            problem = "is not a directory" if path.exists() else "does not exist"
+            warnings.warn(
+                f"{_TABLES_PATH_ENV}: {path} {problem}; no tables are read from it", UserWarning, stacklevel=3
+            )
+    return paths
 
 
 class Config:

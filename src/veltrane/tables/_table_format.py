@@ -12,6 +12,7 @@ import itertools
 import json
 import math
 import re
+import reprlib
 from collections.abc import Callable, Iterable, Mapping, Sequence
 from dataclasses import dataclass
 from typing import Any, Final
@@ -26,6 +27,12 @@ SEXES: Final = ("m", "f", "u")
 MI_SEXES: Final = ("m", "f")
 MI_STRUCTURES: Final = ("flat", "year_indexed", "select_period")
 FORMAT_VERSION: Final = 1
+#: Calendar years accepted for ``base_year`` and ``grid_years``. Projections span the years
+#: between the base year and the cohort's, so an absurd year would mean an absurd grid.
+YEARS: Final = range(1000, 3001)
+#: Largest ``select.period`` and ``select.start_duration``: every duration up to their sum is
+#: spelled out as a column name somewhere, so they must stay small.
+MAX_SELECT_DURATION: Final = 200
 
 # Key -> expected type, per section. ``int`` never accepts ``bool``.
 _TOP_KEYS: Final[dict[str, type]] = {
@@ -63,8 +70,17 @@ _TYPE_NAMES: Final = {
     dict: "a table",
 }
 
-# Durations and years are written without leading zeros, exactly as the core builds the names.
-_COLUMN_RE: Final = re.compile(r"(qx|ix|ox|mi)_([a-z]+)(?:_(s(?:0|[1-9]\d*)|ult|[1-9]\d{3}))?")
+# Durations and years are written without leading zeros, exactly as the core builds the names;
+# ASCII digits only, and durations short enough to compare (any longer one is no known column).
+_COLUMN_RE: Final = re.compile(r"(qx|ix|ox|mi)_([a-z]+)(?:_(s(?:0|[1-9][0-9]{0,5})|ult|[1-9][0-9]{3}))?")
+# Cells are plain ASCII decimals, as write_table writes them: no "1.", ".5", "1_0", other
+# scripts' digits or full-width forms, which Python's float() would quietly accept.
+_NUMBER_RE: Final = re.compile(r"[+-]?[0-9]+(?:\.[0-9]+)?(?:[eE][+-]?[0-9]+)?")
+_AGE_RE: Final = re.compile(r"-?[0-9]{1,19}")  # negative ages get the ordering message
+
+# Values quoted in messages are abbreviated: a metadata value may be long or deeply nested.
+_short = reprlib.Repr()
+_short.maxlevel, _short.maxlist, _short.maxstring, _short.maxother = 3, 8, 60, 60
 
 
 class TableFormatError(ValueError):
@@ -116,16 +132,16 @@ def _is_type(value: object, expected: type) -> bool:
 
 def _section(raw: object, keys: Mapping[str, type], prefix: str, where: str) -> dict[str, Any]:
     if not isinstance(raw, dict):
-        raise TableFormatError(f"{where}: key {prefix.rstrip('.')!r} must be a table, got {raw!r}")
+        raise TableFormatError(f"{where}: key {prefix.rstrip('.')!r} must be a table, got {_short.repr(raw)}")
     for key, value in raw.items():
         if key not in keys:
             raise TableFormatError(
-                f"{where}: unknown metadata key {prefix + str(key)!r} (known: {', '.join(keys)})"
+                f"{where}: unknown metadata key {_short.repr(prefix + str(key))} (known: {', '.join(keys)})"
             )
         if not _is_type(value, keys[key]):
             raise TableFormatError(
                 f"{where}: key {prefix + key!r} must be {_TYPE_NAMES[keys[key]]}, "
-                f"got {type(value).__name__} {value!r}"
+                f"got {type(value).__name__} {_short.repr(value)}"
             )
     return raw
 
@@ -143,13 +159,15 @@ def parse_metadata(raw: Mapping[str, Any], where: str) -> TableMeta:
         raise _fail(where, "table_type", f"required (one of {', '.join(RATE_PREFIX)})")
     if top["table_type"] not in RATE_PREFIX:
         raise _fail(
-            where, "table_type", f"must be one of {', '.join(RATE_PREFIX)}, got {top['table_type']!r}"
+            where,
+            "table_type",
+            f"must be one of {', '.join(RATE_PREFIX)}, got {_short.repr(top['table_type'])}",
         )
 
     sexes = top.get("sexes")
     if sexes is not None:
         if not sexes or any(s not in SEXES for s in sexes) or len(set(sexes)) != len(sexes):
-            raise _fail(where, "sexes", f"must list distinct sexes out of m, f, u, got {sexes!r}")
+            raise _fail(where, "sexes", f"must list distinct sexes out of m, f, u, got {_short.repr(sexes)}")
         sexes = tuple(sexes)
     sex_independent = top.get("sex_independent")
     if sex_independent and sexes is not None and sexes != ("u",):
@@ -165,12 +183,18 @@ def parse_metadata(raw: Mapping[str, Any], where: str) -> TableMeta:
     select = None
     if "select" in top:
         sel = _section(top["select"], _SELECT_KEYS, "select.", where)
-        if sel.get("period", 0) < 1:
+        if not 1 <= sel.get("period", 0) <= MAX_SELECT_DURATION:
             raise _fail(
-                where, "select.period", f"required, a whole number of years >= 1, got {sel.get('period')}"
+                where,
+                "select.period",
+                f"required, a whole number of years in 1..{MAX_SELECT_DURATION}, got {sel.get('period')}",
             )
-        if sel.get("start_duration", 1) < 0:
-            raise _fail(where, "select.start_duration", f"must not be negative, got {sel['start_duration']}")
+        if not 0 <= sel.get("start_duration", 1) <= MAX_SELECT_DURATION:
+            raise _fail(
+                where,
+                "select.start_duration",
+                f"must lie in 0..{MAX_SELECT_DURATION}, got {sel['start_duration']}",
+            )
         if "improvement_diagonal" in sel and "generational" not in top:
             raise _fail(where, "select.improvement_diagonal", "only meaningful with a [generational] table")
         select = Select(sel["period"], sel.get("start_duration", 1), sel.get("improvement_diagonal"))
@@ -199,13 +223,19 @@ def _parse_generational(raw: object, has_select: bool, where: str) -> Generation
     gen = _section(raw, _GENERATIONAL_KEYS, "generational.", where)
     if gen.get("formula_type") == "":
         raise _fail(where, "generational.formula_type", "must not be empty")
+    if "base_year" in gen and gen["base_year"] not in YEARS:
+        raise _fail(
+            where,
+            "generational.base_year",
+            f"must be a calendar year in {_span(YEARS)}, got {gen['base_year']}",
+        )
     grid = gen.get("grid_years")
     structure = gen.get("mi_structure", "flat" if grid is None else "year_indexed")
     if structure not in MI_STRUCTURES:
         raise _fail(
             where,
             "generational.mi_structure",
-            f"must be one of {', '.join(MI_STRUCTURES)}, got {structure!r}",
+            f"must be one of {', '.join(MI_STRUCTURES)}, got {_short.repr(structure)}",
         )
     if structure == "select_period" and not has_select:
         raise _fail(where, "generational.mi_structure", "'select_period' needs a [select] table")
@@ -217,7 +247,15 @@ def _parse_generational(raw: object, has_select: bool, where: str) -> Generation
             or not all(_is_type(y, int) for y in grid)
             or any(a >= b for a, b in itertools.pairwise(grid))
         ):
-            raise _fail(where, "generational.grid_years", f"must be strictly ascending years, got {grid!r}")
+            raise _fail(
+                where, "generational.grid_years", f"must be strictly ascending years, got {_short.repr(grid)}"
+            )
+        if grid[0] not in YEARS or grid[-1] not in YEARS:
+            raise _fail(
+                where,
+                "generational.grid_years",
+                f"must be calendar years in {_span(YEARS)}, got {_short.repr(grid)}",
+            )
         grid = tuple(grid)
     return Generational(gen.get("formula_type"), gen.get("base_year"), structure, grid)
 
@@ -360,18 +398,17 @@ def _to_ages(series: pl.Series, where: str, row_name: RowName) -> np.ndarray:
     for i, value in enumerate(series.to_list()):
         age = _whole_number(value)
         if age is None:
-            problem = "empty cell" if value is None else f"age {value!r} is not a whole number"
+            problem = "empty cell" if value is None else f"age {_short.repr(value)} is not a whole number"
             raise _cell(where, "age", row_name(i), problem)
+        if abs(age) >= 10**18:  # far beyond any row count, and beyond the int64 column
+            raise _cell(where, "age", row_name(i), f"age {_short.repr(value)} is out of range")
         ages[i] = age
     return ages
 
 
 def _whole_number(value: object) -> int | None:
     if isinstance(value, str):
-        try:
-            return int(value)
-        except ValueError:
-            return None
+        return int(value) if _AGE_RE.fullmatch(value.strip()) else None
     if isinstance(value, float):
         return int(value) if value.is_integer() else None
     return value if isinstance(value, int) and not isinstance(value, bool) else None
@@ -412,10 +449,11 @@ def _to_floats(series: pl.Series, where: str, ages: np.ndarray, row_name: RowNam
         for i, cell in enumerate(series.cast(pl.String, strict=False).to_list()):
             if cell is None or not cell.strip():
                 raise _cell(where, series.name, at(i), "empty cell")
-            try:
-                values[i] = float(cell)
-            except ValueError:
-                raise _cell(where, series.name, at(i), f"{cell!r} is not a number") from None
+            cell = cell.strip()
+            if not _NUMBER_RE.fullmatch(cell):
+                problem = f"{_short.repr(cell)} is not a number (ASCII decimal, e.g. 0.0125 or 1.25e-05)"
+                raise _cell(where, series.name, at(i), problem)
+            values[i] = float(cell)
     col = parse_column(series.name)
     if col is not None and col.is_rate:
         outside = np.flatnonzero(~((values >= 0.0) & (values <= 1.0)))
@@ -451,6 +489,13 @@ def read_csv_cells(handle: Iterable[str], where: str) -> tuple[pl.DataFrame, lis
     Returns the frame and the line number of each of its rows, for messages.
     """
     reader = csv.reader(handle)
+    try:
+        return _read_rows(reader, where)
+    except csv.Error as exc:  # e.g. a field beyond the csv module's size limit
+        raise TableFormatError(f"{where}: line {reader.line_num}: {exc}") from None
+
+
+def _read_rows(reader: Any, where: str) -> tuple[pl.DataFrame, list[int]]:
     header = [cell.strip() for cell in next(reader, [])]
     if not header or any(not name for name in header):
         raise TableFormatError(f"{where}: line 1: the header needs a name for every column")

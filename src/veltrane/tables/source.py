@@ -15,9 +15,12 @@ Examples
 
 from __future__ import annotations
 
+import codecs
 import copy
+import errno
 import io
 import os
+import stat
 import tomllib
 from collections.abc import Callable, Iterable, Mapping
 from pathlib import Path
@@ -74,6 +77,9 @@ class TableSource:
     ------
     FileNotFoundError
         No directory holds the table; the message lists every directory searched.
+    OSError
+        Something other than a regular file has the name of a table file (a directory, a FIFO,
+        a dangling link or a link loop), or a file cannot be read.
     ValueError
         The files break the format; the message names the file, the column (or metadata key)
         and the row (age and line number).
@@ -165,11 +171,17 @@ class TableSource:
         valid_sexes = fmt.check_columns(data.columns, meta, data_where)
         frame = fmt.convert_frame(data, data_where, row_name)
         w = frame.height - 1
-        for key, value in (("start_age", meta.start_age), ("omega", meta.omega)):
-            if value is not None and value > w:
-                raise fmt.TableFormatError(
-                    f"{meta_where}: key {key!r}: {value} lies beyond the last age {w} of {data_where}"
-                )
+        if meta.omega is not None and meta.omega > w:
+            # The metadata promises ages up to omega: fewer rows mean a file cut short, which
+            # would otherwise load as a table that simply ends earlier.
+            given = "" if meta_where == data_where else f" in {meta_where}"
+            raise fmt.TableFormatError(
+                f"{data_where}: column 'age', {row_name(w)}: the ages end at {w}, short of key 'omega' = "
+                f"{meta.omega}{given}; rows up to age {meta.omega} expected (is the file cut short?)"
+            )
+        if meta.start_age > w:
+            problem = f"{meta.start_age} lies beyond the last age {w} of {data_where}"
+            raise fmt.TableFormatError(f"{meta_where}: key 'start_age': {problem}")
         fmt.check_start_age(frame, meta.start_age, data_where, row_name)
         self = object.__new__(cls)
         self._table_name = name
@@ -219,12 +231,12 @@ class TableSource:
 
     @property
     def valid_sexes(self) -> list[str]:
-        """Sexes of the table (the list itself, not a copy).
+        """Sexes of the table (a new list on every call: the source is shared).
 
         The metadata's ``sexes`` when given, else the sexes having rate columns, in file order.
         Whether each of them has its columns is checked by the table classes when a sex is used.
         """
-        return self._valid_sexes
+        return list(self._valid_sexes)
 
     @property
     def w(self) -> int:
@@ -388,7 +400,12 @@ _config._reset_callbacks.append(_clear_on_reset)
 def _check_name(name: object) -> str:
     if not isinstance(name, str):
         raise TypeError(f"table name must be a str, got {type(name).__name__}")
-    if not name or name in (".", "..") or any(sep and sep in name for sep in ("/", os.sep, os.altsep)):
+    if (
+        not name
+        or name in (".", "..")
+        or "\0" in name
+        or any(sep and sep in name for sep in ("/", os.sep, os.altsep))
+    ):
         raise ValueError(f"table name must be a bare file name (no directory), got {name!r}")
     return name
 
@@ -398,7 +415,7 @@ def _load(name: str, tables_path: tuple[Path, ...]) -> TableSource:
     searched = (*tables_path, BUNDLED_TABLES_DIR)
     for directory in searched:
         toml_path, csv_path = directory / f"{name}.toml", directory / f"{name}.csv"
-        has_toml, has_csv = toml_path.is_file(), csv_path.is_file()
+        has_toml, has_csv = _is_table_file(toml_path, name), _is_table_file(csv_path, name)
         if has_toml and has_csv:
             return _read(name, toml_path, csv_path)
         if has_toml or has_csv:
@@ -409,11 +426,55 @@ def _load(name: str, tables_path: tuple[Path, ...]) -> TableSource:
     raise FileNotFoundError(f"table {name!r} not found{hint}; searched for {name}.toml/{name}.csv in: {dirs}")
 
 
+def _is_table_file(path: Path, name: str) -> bool:
+    """Whether ``path`` is a regular file (following links); False when nothing has that name.
+
+    Anything else under the name (a directory, a FIFO, a dangling link or a link loop) is
+    reported as what it is: calling it "missing" would send the user looking in the wrong place,
+    and opening a FIFO would hang.
+    """
+    try:
+        mode = path.stat().st_mode
+    except FileNotFoundError:
+        if not os.path.lexists(path):
+            return False
+        raise FileNotFoundError(
+            f"table {name!r}: {path} is a symbolic link to {os.readlink(path)}, which does not exist"
+        ) from None
+    except NotADirectoryError:
+        return False  # a tables_path entry that is a file holds no tables
+    except OSError as exc:
+        if exc.errno != errno.ELOOP:
+            raise
+        raise OSError(f"table {name!r}: {path} is a symbolic link loop") from None
+    if stat.S_ISREG(mode):
+        return True
+    if stat.S_ISDIR(mode):
+        raise IsADirectoryError(f"table {name!r}: {path} is a directory, not a file")
+    kind = "a FIFO (named pipe)" if stat.S_ISFIFO(mode) else "a socket" if stat.S_ISSOCK(mode) else "a device"
+    raise OSError(f"table {name!r}: {path} is {kind}, not a regular file")
+
+
+def _read_text(path: Path) -> str:
+    """The file's text: UTF-8, with or without a byte-order mark (some editors write one)."""
+    data = path.read_bytes()
+    if data.startswith((codecs.BOM_UTF16_LE, codecs.BOM_UTF16_BE)):
+        raise fmt.TableFormatError(f"{path}: the file is UTF-16 text; save it as UTF-8")
+    offset = data.find(b"\0")
+    if offset >= 0:
+        problem = "a NUL byte (binary data, or UTF-16 text without a byte-order mark)"
+    else:
+        try:
+            return data.decode("utf-8-sig")
+        except UnicodeDecodeError as exc:
+            offset, problem = exc.start, f"byte 0x{data[exc.start]:02x}, which is not UTF-8"
+    line = data.count(b"\n", 0, offset) + 1
+    raise fmt.TableFormatError(f"{path}: line {line}: {problem}; table files are UTF-8 text")
+
+
 def _read(name: str, toml_path: Path, csv_path: Path) -> TableSource:
-    with toml_path.open(encoding="utf-8-sig") as handle:  # -sig: editors on some systems write a BOM
-        toml_text = handle.read()
-    with csv_path.open(encoding="utf-8-sig", newline="") as handle:
-        return _parse(name, toml_text, handle, toml_path, csv_path)
+    toml_text, csv_text = _read_text(toml_path), _read_text(csv_path)
+    return _parse(name, toml_text, io.StringIO(csv_text, newline=""), toml_path, csv_path)
 
 
 def _parse(
@@ -423,6 +484,8 @@ def _parse(
         metadata = tomllib.loads(toml_text)
     except tomllib.TOMLDecodeError as exc:
         raise fmt.TableFormatError(f"{toml_path}: invalid TOML: {exc}") from exc
+    except RecursionError:  # the parser recurses once per level of nested arrays or tables
+        raise fmt.TableFormatError(f"{toml_path}: invalid TOML: arrays or tables nested too deeply") from None
     cells, lines = fmt.read_csv_cells(csv_lines, str(csv_path))
     return TableSource._build(
         name, metadata, cells, toml_path, str(toml_path), str(csv_path), lambda i: f"line {lines[i]}"
@@ -470,6 +533,8 @@ def write_table(
     folder = Path(directory)
     _check_name(name)
     toml_path, csv_path = folder / f"{name}.toml", folder / f"{name}.csv"
+    if validate:  # before serialising, which would choke on values of the wrong shape
+        fmt.parse_metadata(metadata, str(toml_path))
     toml_text, csv_text = fmt.toml_text(metadata), fmt.csv_text(columns)
     if validate:
         _parse(name, toml_text, io.StringIO(csv_text, newline=""), toml_path, csv_path)
