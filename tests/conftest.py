@@ -22,7 +22,9 @@ from veltrane.tables.source import TableSource, write_table
 
 AGES = 8  # ages 0..7: enough for every structure, small enough to read in a failure
 # Published tables shared by the project; the tests that read them skip when they are absent.
-RAW = Path(__file__).resolve().parents[2] / "shared" / "tables" / "raw"
+# (beside the checkout, or beside a directory above it, as for a worktree).
+_ABOVE = Path(__file__).resolve().parents[1:]
+RAW = next((p / "shared" for p in _ABOVE if (p / "shared").is_dir()), _ABOVE[1] / "shared") / "tables" / "raw"
 
 
 def exactly(exc: type[Exception], message: str):

@@ -241,11 +241,6 @@ def test_select_improvement_by_duration_loads_from_any_start_duration(tables, st
     assert TableSource("G").start_duration == start
 
 
-@pytest.mark.xfail(
-    strict=True,
-    reason="the core's check of select-period improvement columns counts durations from 1, not from "
-    "start_duration (native/decrement/construct.cpp, check_mi_columns)",
-)
 @pytest.mark.parametrize("start", [0, 3])
 def test_select_improvement_by_duration_builds_from_any_start_duration(tables, start):
     tables.select("G", start=start, generational="exponential", sexes=("m",))

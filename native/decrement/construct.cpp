@@ -336,7 +336,11 @@ void check_mi_columns(TableObject* t, PyObject* columns, PyObject* name) {
             py::ref period = source_attr(t, n.select_period.get());
             const long sp = period.is_none() ? 0 : PyLong_AsLong(period.get());
             if (sp == -1 && PyErr_Occurred()) py::throw_error_set();
-            for (long d = 1; d <= sp; ++d) need(py::check(PyUnicode_FromFormat("mi_%S_s%ld", sex.get(), d)));
+            // The durations the table has: from its start duration, one per year of the period.
+            const long start = start_duration(t);
+            for (long d = start; d - start < sp; ++d) {
+                need(py::check(PyUnicode_FromFormat("mi_%S_s%ld", sex.get(), d)));
+            }
         } else {
             need(py::check(PyUnicode_FromFormat("mi_%S", sex.get())));
         }
