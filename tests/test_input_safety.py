@@ -111,20 +111,6 @@ def test_a_list_resized_by_its_own_elements_is_refused_or_read_afresh(call, n):
         t.tag = Vanishing()
         print(type(t.copy()).__name__)
         """,
-        # A hand-written decimals setting that replaces itself while it is read.
-        """
-        from veltrane import LifeTable
-        t = LifeTable("SULT", "u")
-        class Decimals:
-            def __index__(self):
-                t._decimals_decrement_cache = None
-                return 99
-        t._decimals_decrement_cache = Decimals()
-        try:
-            t.qx(50)
-        except ValueError as e:
-            print("refused" if "_decimals_decrement_cache" in str(e) else repr(e))
-        """,
         # The prefix map and the table's sex changed by the table source's properties.
         """
         from veltrane import LifeTable
@@ -144,7 +130,7 @@ def test_a_list_resized_by_its_own_elements_is_refused_or_read_afresh(call, n):
         print(t.view_data().columns[1])
         """,
     ],
-    ids=["combination-vectors", "copy-slot-descriptor", "decimals-cache", "view-prefix-map"],
+    ids=["combination-vectors", "copy-slot-descriptor", "view-prefix-map"],
 )
 def test_values_replaced_by_python_code_midway_stay_alive(code):
     assert len(run_isolated(code)) == 1
