@@ -20,7 +20,9 @@ inline constexpr double kEpsInt = 1e-9;
 std::optional<double> scalar_value(PyObject* obj);
 
 struct Input {
-    py::ref array;       // 1-D C-contiguous float64 (null when scalar and not materialised)
+    // 1-D C-contiguous float64 (null when scalar and not materialised). With `read_only` it
+    // may be the caller's own array (or a view of it): read it, never write to it or return it.
+    py::ref array;
     double value = 0.0;  // the number when `scalar`
     bool scalar = false;
 };
@@ -30,6 +32,9 @@ struct InputOptions {
     std::string_view attr;    // the argument's name, e.g. "x"
     bool allow_sequence = true;
     bool materialise_scalar = false;  // also build a one-element array for a scalar
+    // The caller only reads the vector: an aligned, contiguous, native float64 array is then
+    // used in place instead of copied (a long duration vector is not held twice).
+    bool read_only = false;
 };
 
 // Validates an age or time argument: a finite real number, or a flat sequence of them.
@@ -38,8 +43,12 @@ Input validate_input(PyObject* value, const InputOptions& options);
 // Validates one finite real number under the name `name`; TypeError/ValueError otherwise.
 double validate_scalar(PyObject* value, std::string_view name, std::string_view method = {});
 
-// A new 1-D float64 array from a number or a flat sequence of numbers (no finiteness check).
-py::ref as_f64(PyObject* value);
+// A new 1-D float64 array from a number or a flat sequence of numbers (no finiteness check);
+// messages call the argument `name`.
+py::ref as_f64(PyObject* value, std::string_view name = "value");
+// The same values for reading only: a float64 vector that can be read in place is returned
+// itself (or as a plain-array view), anything else is converted into a new array.
+py::ref as_f64_read_only(PyObject* value);
 
 // Raises ValueError "{caller}: value {v:.6g} outside [0,1]" for the first element outside
 // [-eps, 1 + eps] (or NaN); otherwise clamps every element into [0, 1] in place.

@@ -349,10 +349,11 @@ std::vector<double> vector_arg(PyObject* value) {
 
 // The vectors of a sequence of vectors, held by `held`.
 std::vector<std::span<const double>> vectors_arg(PyObject* value, std::vector<py::ref>& held) {
-    py::ref items = py::check(PySequence_Fast(value, "others must be a sequence of rate vectors"));
+    // A private tuple: converting one vector may run Python code that changes a caller's list.
+    py::ref items = py::check(PySequence_Tuple(value));
     std::vector<std::span<const double>> out;
-    for (Py_ssize_t k = 0; k < PySequence_Fast_GET_SIZE(items.get()); ++k) {
-        held.push_back(numeric::as_f64(PySequence_Fast_GET_ITEM(items.get(), k)));
+    for (Py_ssize_t k = 0; k < PyTuple_GET_SIZE(items.get()); ++k) {
+        held.push_back(numeric::as_f64(PyTuple_GET_ITEM(items.get(), k)));
         out.push_back(py::f64_cspan(held.back().get()));
     }
     return out;

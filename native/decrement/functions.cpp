@@ -50,7 +50,7 @@ const char* probability_name(Probability kind) { return kind == Probability::px 
 }  // namespace
 
 Values validated(PyObject* obj, std::string_view method, std::string_view attr) {
-    numeric::Input in = numeric::validate_input(obj, {.method = method, .attr = attr});
+    numeric::Input in = numeric::validate_input(obj, {.method = method, .attr = attr, .read_only = true});
     Values v;
     v.array = std::move(in.array);
     v.value = in.value;
@@ -60,7 +60,7 @@ Values validated(PyObject* obj, std::string_view method, std::string_view attr) 
 
 Values converted(PyObject* obj) {
     Values v;
-    v.array = numeric::as_f64(obj);
+    v.array = numeric::as_f64_read_only(obj);
     return v;
 }
 
@@ -124,14 +124,16 @@ namespace {
 
 constexpr std::string_view kIntervalCaller = "_prob_decrement_interval:px";
 
-// A new vector of n probabilities filled by `kernel`, which reports the first one outside
-// [0, 1]. Kept out of line so that the scalar paths beside its callers stay lean.
+// A new vector of probabilities, one per age, filled piece by piece by `kernel(ages, out)`,
+// which reports the first one outside [0, 1]. Kept out of line so that the scalar paths
+// beside its callers stay lean.
 template <class Kernel>
-[[gnu::noinline]] py::ref checked_vector(std::size_t n, Kernel& kernel) {
-    py::ref out = py::new_f64(static_cast<npy_intp>(n));
+[[gnu::noinline]] py::ref checked_vector(std::span<const double> ages, Kernel& kernel) {
+    py::ref out = py::new_f64(static_cast<npy_intp>(ages.size()));
     const std::span<double> o = py::f64_span(out.get());
-    std::optional<kernels::RangeFault> fault;
-    run_kernel(n, [&] { fault = kernel(o); });
+    const std::optional<kernels::RangeFault> fault = run_in_pieces(ages.size(), [&](std::size_t b, std::size_t e) {
+        return kernel(ages.subspan(b, e - b), o.subspan(b, e - b));
+    });
     if (fault) raise_fault(*fault, kIntervalCaller);
     return out;
 }
@@ -157,7 +159,7 @@ py::ref decrement_interval(TableObject* t, Probability kind, const Values& x, do
         }
         return float_result(finish(kernels::clamp_unit(p)));
     };
-    auto vector = [n](auto&& kernel) { return checked_vector(n, kernel); };
+    auto vector = [ages](auto&& kernel) { return checked_vector(ages, kernel); };
     if (m == 1.0) {
         // Integer ages read the table's own rates; any fractional age sends all through l.
         if (kernels::all_integer_ages(ages, numeric::kEpsInt)) {
@@ -165,20 +167,22 @@ py::ref decrement_interval(TableObject* t, Probability kind, const Values& x, do
             const std::span<const double> rates = py::f64_cspan(q.get());
             const double w = table_w(t);
             if (scalar_result) return single(kernels::survival_from_rate(rates, w, ages[0]));
-            return vector([&](std::span<double> o) {
-                return kernels::survival_from_rates(rates, w, ages, numeric::kEpsInt, finish, o);
+            return vector([&](std::span<const double> piece, std::span<double> o) {
+                return kernels::survival_from_rates(rates, w, piece, numeric::kEpsInt, finish, o);
             });
         }
         const LVector l = survivorship(t, cfg, use_raw);
         if (scalar_result) return single(kernels::period_survival(l.view, ages[0], 1.0));
-        return vector([&](std::span<double> o) { return kernels::period_survivals(l.view, ages, 1.0, finish, o); });
+        return vector([&](std::span<const double> piece, std::span<double> o) {
+            return kernels::period_survivals(l.view, piece, 1.0, finish, o);
+        });
     }
     const double period = 1.0 / m;
     const LVector l = survivorship(t, cfg, use_raw);
     const kernels::Rounder lx_round(cfg.lx);
     if (scalar_result) return single(kernels::period_survival_single(l.view, ages[0], period, lx_round));
-    return vector([&](std::span<double> o) {
-        return kernels::period_survivals(l.view, ages, period, finish, o, &lx_round);
+    return vector([&](std::span<const double> piece, std::span<double> o) {
+        return kernels::period_survivals(l.view, piece, period, finish, o, &lx_round);
     });
 }
 
@@ -284,7 +288,10 @@ PyObject* Table_lx(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyOb
         const std::span<const double> in = ages.view();
         py::ref out = py::new_f64(static_cast<npy_intp>(in.size()));
         const std::span<double> o = py::f64_span(out.get());
-        run_kernel(in.size(), [&] { kernels::survivors_rounded(l.view, in, kernels::Rounder(cfg.lx), o); });
+        const kernels::Rounder round(cfg.lx);
+        run_unchecked_in_pieces(in.size(), [&](std::size_t b, std::size_t e) {
+            kernels::survivors_rounded(l.view, in.subspan(b, e - b), round, o.subspan(b, e - b));
+        });
         return out.release();
     });
 }
@@ -301,7 +308,9 @@ PyObject* Table_lx_at(PyObject* self, PyObject* const* args, Py_ssize_t nargs, P
         const std::span<const double> in = ages.view();
         py::ref out = py::new_f64(static_cast<npy_intp>(in.size()));
         const std::span<double> o = py::f64_span(out.get());
-        run_kernel(in.size(), [&] { kernels::survivors(l.view, in, o); });
+        run_unchecked_in_pieces(in.size(), [&](std::size_t b, std::size_t e) {
+            kernels::survivors(l.view, in.subspan(b, e - b), o.subspan(b, e - b));
+        });
         return out.release();
     });
 }
@@ -326,7 +335,10 @@ PyObject* Table_dx(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyOb
         const std::span<const double> in = ages.view();
         py::ref out = py::new_f64(static_cast<npy_intp>(in.size()));
         const std::span<double> o = py::f64_span(out.get());
-        run_kernel(in.size(), [&] { kernels::decrements(l.view, in, kernels::Rounder(cfg.dx), o); });
+        const kernels::Rounder round(cfg.dx);
+        run_unchecked_in_pieces(in.size(), [&](std::size_t b, std::size_t e) {
+            kernels::decrements(l.view, in.subspan(b, e - b), round, o.subspan(b, e - b));
+        });
         return out.release();
     });
 }
@@ -338,9 +350,9 @@ PyObject* interpolate(PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames
     const bool linear = method == kernels::Interpolation::linear;
     const char* function = linear ? "_lx_interpolation_linear" : "_lx_interpolation_exponential";
     const Arguments<3> a = parse_arguments(function, names, 3, args, nargs, kwnames);
-    const py::ref l_arr = numeric::as_f64(a.values[0]);
-    const py::ref x_arr = numeric::as_f64(a.values[1]);
-    const py::ref f_arr = numeric::as_f64(a.values[2]);
+    const py::ref l_arr = numeric::as_f64_read_only(a.values[0]);
+    const py::ref x_arr = numeric::as_f64_read_only(a.values[1]);
+    const py::ref f_arr = numeric::as_f64_read_only(a.values[2]);
     const std::span<const double> l = py::f64_cspan(l_arr.get());
     const std::span<const double> x = py::f64_cspan(x_arr.get());
     const std::span<const double> frac = py::f64_cspan(f_arr.get());

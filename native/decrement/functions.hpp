@@ -2,12 +2,14 @@
 // vectors) and intervals.cpp (tpx, tqx and the age-by-duration grid).
 // Every vector handed to a kernel is held by an owned reference for the kernel's duration,
 // so a kernel running without the GIL never reads memory that another thread could free.
+// Ages and durations may be the caller's own arrays (read in place, never written).
 #pragma once
 
 #include "decrement/table.hpp"
 #include "kernels/probability.hpp"
 
 #include <cstddef>
+#include <optional>
 #include <span>
 #include <string_view>
 
@@ -16,15 +18,45 @@ namespace veltrane::decrement::actuarial {
 // Vectors at least this long are computed with the GIL released; below it the release and
 // re-acquisition would cost more than it frees.
 inline constexpr std::size_t kReleaseGilCells = std::size_t{1} << 15;
+// Longer vectors are computed in pieces of this many cells (a few milliseconds each), with
+// the GIL taken back between pieces to honour Ctrl-C: a long call stops within one piece.
+inline constexpr std::size_t kInterruptCheckCells = std::size_t{1} << 21;
 
+// Runs `body()` once, without the GIL when the piece has `cells` cells or more.
 template <class F>
-void run_kernel(std::size_t cells, F&& body) {
-    if (cells >= kReleaseGilCells) {
-        py::gil_released nogil;
-        body();
-    } else {
-        body();
+auto run_piece(std::size_t cells, F&& body) {
+    if (cells < kReleaseGilCells) return body();
+    py::gil_released nogil;
+    return body();
+}
+
+// Runs `body(begin, end)` over the cells [0, n) in pieces, each without the GIL when the
+// whole is long enough, and stops at the first piece that reports a fault (its index is
+// made relative to the whole). A signal handler that raises (KeyboardInterrupt) stops the
+// loop with the error set; the pieces write only into the caller's new output vector, so
+// nothing else is left half-done. `body` must touch no Python object.
+template <class F>
+std::optional<kernels::RangeFault> run_in_pieces(std::size_t n, F&& body) {
+    if (n < kReleaseGilCells) return body(std::size_t{0}, n);
+    for (std::size_t begin = 0; begin < n; begin += kInterruptCheckCells) {
+        const std::size_t end = n - begin > kInterruptCheckCells ? begin + kInterruptCheckCells : n;
+        std::optional<kernels::RangeFault> fault = run_piece(end - begin, [&] { return body(begin, end); });
+        if (fault) {
+            fault->index += begin;
+            return fault;
+        }
+        if (end < n && PyErr_CheckSignals() < 0) py::throw_error_set();
     }
+    return std::nullopt;
+}
+
+// The same for a kernel that cannot fail.
+template <class F>
+void run_unchecked_in_pieces(std::size_t n, F&& body) {
+    run_in_pieces(n, [&](std::size_t begin, std::size_t end) -> std::optional<kernels::RangeFault> {
+        body(begin, end);
+        return std::nullopt;
+    });
 }
 
 // Ages or durations after validation or conversion.

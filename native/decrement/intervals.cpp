@@ -1,8 +1,9 @@
 // Interval probabilities tpx and tqx: a scalar, a vector over ages or over durations, or the
 // age-by-duration grid. tpx with t = 1 at integer ages takes the one-period engine, so that
 // tpx(x, 1) equals px(x) exactly. The grid is written straight into the result in pieces of
-// whole rows, kGridBlockCells cells at most (or one row when a row is longer), each computed
-// without the GIL; nothing else grows with the grid, and Ctrl-C is honoured between pieces.
+// whole rows, kGridBlockCells cells at most (or pieces of one row when a row is longer), each
+// computed without the GIL; nothing else grows with the grid, and Ctrl-C is honoured between
+// pieces.
 #include "decrement/functions.hpp"
 
 #include "decrement/arguments.hpp"
@@ -45,10 +46,10 @@ py::ref life_interval(TableObject* t, Interval kind, const Values& x, const Valu
         }
         py::ref out = py::new_f64(static_cast<npy_intp>(n));
         const std::span<double> o = py::f64_span(out.get());
-        std::optional<kernels::RangeFault> fault;
         const kernels::Rounder lx_round(cfg.lx);
-        run_kernel(n, [&] {
-            fault = kernels::interval_survivals_rounded(l.view, ages, duration, lx_round, finish, o);
+        const std::optional<kernels::RangeFault> fault = run_in_pieces(n, [&](std::size_t b, std::size_t e) {
+            return kernels::interval_survivals_rounded(l.view, ages.subspan(b, e - b), duration, lx_round, finish,
+                                                       o.subspan(b, e - b));
         });
         if (fault) raise_fault(*fault, "_prob_life_interval:tpx");
         return out;
@@ -62,8 +63,20 @@ py::ref life_interval(TableObject* t, Interval kind, const Values& x, const Valu
     for (std::size_t first = 0; first < n; first += rows_per_piece) {
         const std::size_t end = std::min(n, first + rows_per_piece);
         std::optional<kernels::RangeFault> fault;
-        run_kernel((end - first) * k,
-                   [&] { fault = kernels::interval_grid(l.view, ages, durations, finish, first, end, cells); });
+        if (end - first == 1 && k > kInterruptCheckCells) {
+            // One row longer than a piece: its columns are cut into pieces instead.
+            const std::span<const double> age = ages.subspan(first, 1);
+            const std::span<double> row = cells.subspan(first * k, k);
+            fault = run_in_pieces(k, [&](std::size_t b, std::size_t e) {
+                return kernels::interval_grid(l.view, age, durations.subspan(b, e - b), finish, 0, 1,
+                                              row.subspan(b, e - b));
+            });
+        } else {
+            static_assert(kGridBlockCells <= kInterruptCheckCells, "a block of whole rows is one piece");
+            fault = run_piece((end - first) * k, [&] {
+                return kernels::interval_grid(l.view, ages, durations, finish, first, end, cells);
+            });
+        }
         if (fault) raise_fault(*fault, "_prob_life_interval:tpx");
         if (end < n && PyErr_CheckSignals() < 0) py::throw_error_set();
     }

@@ -105,7 +105,7 @@ void apply_age_shift(Pass& p, PyObject* value) {
 void apply_multiplier(Pass& p, PyObject* value) {
     std::string descriptor;
     if (is_vector_argument(value)) {
-        py::ref m = numeric::as_f64(value);
+        py::ref m = numeric::as_f64(value, "decrement_multiplier");
         const std::span<const double> factors = py::f64_cspan(m.get());
         if (factors.size() != p.q.size()) {
             refuse("decrement_multiplier array length (" + std::to_string(factors.size()) +

@@ -51,17 +51,17 @@ py::ref rounded_head(TableObject* t, const py::ref& rates, npy_intp n, int decim
 py::ref rate_label(TableObject* t, PyObject* self) {
     ModuleState* st = t->st;
     py::ref type = py::check(PyObject_GetAttr(self, st->names.table_type.get()));
-    PyObject* found = PyDict_GetItemWithError(st->prefix_map, type.get());
-    if (found == nullptr && PyErr_Occurred()) py::throw_error_set();
-    PyObject* prefix = found;
-    py::ref fallback;
-    if (prefix == nullptr) {
-        fallback = text("qx");
-        prefix = fallback.get();
-    }
-    PyObject* sex = t->sex.or_none();
+    // Everything read here is held: the source's properties below run Python code, which
+    // may change the public prefix map or the table's fields.
+    py::ref held_prefix = py::ref::borrow(PyDict_GetItemWithError(st->prefix_map, type.get()));
+    if (!held_prefix && PyErr_Occurred()) py::throw_error_set();
+    if (!held_prefix) held_prefix = text("qx");
+    PyObject* prefix = held_prefix.get();
+    const py::ref held_sex = py::ref::borrow(t->sex.or_none());
+    PyObject* sex = held_sex.get();
     if (!source_flag(t, st->names.select.get())) return py::check(PyUnicode_FromFormat("%S_%S", prefix, sex));
-    PyObject* dur = t->duration.get();
+    const py::ref held_duration = t->duration.dup();
+    PyObject* dur = held_duration.get();
     bool ultimate = dur == nullptr || dur == Py_None || str_equals(dur, "ult");
     if (!ultimate) {
         py::ref period = source_attr(t, st->names.select_period.get());
@@ -98,7 +98,8 @@ py::ref build_instance_dataframe(PyObject* self) {
         py::ref base_series = series(st, original_name.get(), base.get());
         py::require(PyList_Append(columns.get(), base_series.get()));
     }
-    PyObject* sex = t->sex.get();
+    const py::ref held_sex = t->sex.dup();  // held across the source's Python properties
+    PyObject* sex = held_sex.get();
     if (source_flag(t, n.generational.get()) && (str_equals(sex, "m") || str_equals(sex, "f"))) {
         py::ref structure = source_attr(t, n.mi_structure.get());
         if (str_equals(structure.get(), "flat") || str_equals(structure.get(), "select_period")) {

@@ -160,14 +160,16 @@ py::ref generational_rates(TableObject* t, PyObject* sex, py::ref q, PyObject* d
         }
     }
     zero_guard(py::f64_cspan(q.get()), py::f64_span(mi.get()));
-    PyObject* function = PyDict_GetItemWithError(st->formula_map, formula.get());
-    if (function == nullptr) {
+    // Held: the map is a public dict that the call (or a formula) may change.
+    const py::ref function = py::ref::borrow(PyDict_GetItemWithError(st->formula_map, formula.get()));
+    if (!function) {
         if (PyErr_Occurred()) py::throw_error_set();
         py::raise(PyExc_ValueError, unknown_message, formula.get(), name.get());
     }
     py::ref ages = ages_vector(w);
-    PyObject* call[5] = {q.get(), mi.get(), ages.get(), t->cohort.get(), base_year.get()};
-    py::ref result = py::check(PyObject_Vectorcall(function, call, 5, nullptr));
+    const py::ref cohort = t->cohort.dup();
+    PyObject* call[5] = {q.get(), mi.get(), ages.get(), cohort.get(), base_year.get()};
+    py::ref result = py::check(PyObject_Vectorcall(function.get(), call, 5, nullptr));
     return formula_result(result.get(), formula.get(), w);
 }
 
@@ -207,6 +209,8 @@ bool past_select_period(TableObject* t, PyObject* duration) {
 }
 
 py::ref select_column(TableObject* t, PyObject* sex, PyObject* dur, std::string_view prefix) {
+    // Held: the source's properties run Python code, which may set the table's fields.
+    const py::ref held_sex = py::ref::borrow(sex), held_dur = py::ref::borrow(dur);
     const std::string p(prefix);
     if (past_select_period(t, dur)) return py::check(PyUnicode_FromFormat("%s_%S_ult", p.c_str(), sex));
     int overflow = 0;
@@ -242,6 +246,8 @@ py::ref select_decrement(TableObject* t, PyObject* sex, PyObject* data, long w, 
 }  // namespace
 
 py::ref get_mi_col(TableObject* t, PyObject* sex, PyObject* dur) {
+    // Held: the source's properties run Python code, which may set the table's fields.
+    const py::ref held_sex = py::ref::borrow(sex), held_dur = py::ref::borrow(dur);
     if (!source_flag(t, t->st->names.mi_by_duration.get())) return py::check(PyUnicode_FromFormat("mi_%S", sex));
     if (past_select_period(t, dur)) {
         return py::check(PyUnicode_FromFormat("mi_%S_ult", sex));
@@ -253,6 +259,7 @@ py::ref compute_decrement(TableObject* t) { return compute_decrement(t, t->sex.o
 
 py::ref compute_decrement(TableObject* t, PyObject* sex) {
     const Names& n = t->st->names;
+    const py::ref held_sex = py::ref::borrow(sex);  // held across the source's properties
     py::ref data = source_attr(t, n.data.get());
     const long w = source_w(t);
     const std::string_view prefix = prefix_for(t);

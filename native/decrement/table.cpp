@@ -250,7 +250,9 @@ int refuse_assignment(PyObject* self, PyObject* value, void* closure) {
 // Copies the slots that Python subclasses declare (e.g. a life table's interest rate),
 // and an instance dictionary where a subclass has one.
 void copy_subclass_state(PyObject* self, PyObject* copy, PyObject* memo, ModuleState* st) {
-    PyObject* mro = Py_TYPE(self)->tp_mro;
+    // Held: deepcopy runs Python code, which may reassign __bases__ or delete a descriptor.
+    const py::ref mro_ref = py::ref::borrow(Py_TYPE(self)->tp_mro);
+    PyObject* mro = mro_ref.get();
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(mro); ++i) {
         auto* klass = reinterpret_cast<PyTypeObject*>(PyTuple_GET_ITEM(mro, i));
         if (klass == st->core_type || klass->tp_dict == nullptr) continue;
@@ -264,7 +266,8 @@ void copy_subclass_state(PyObject* self, PyObject* copy, PyObject* memo, ModuleS
         for (Py_ssize_t k = 0; k < PyTuple_GET_SIZE(names.get()); ++k) {
             PyObject* name = PyTuple_GET_ITEM(names.get(), k);
             if (str_equals(name, "__dict__") || str_equals(name, "__weakref__")) continue;
-            PyObject* descr = PyDict_GetItemWithError(klass->tp_dict, name);
+            const py::ref descr_ref = py::ref::borrow(PyDict_GetItemWithError(klass->tp_dict, name));
+            PyObject* descr = descr_ref.get();
             if (descr == nullptr) {
                 if (PyErr_Occurred()) py::throw_error_set();
                 continue;

@@ -85,7 +85,9 @@ int decimals_for_decrement(TableObject* t) {
     if (!t->decimals_decrement_cache.is_none() && current) {
         // The field can be written by hand: anything but a number the settings could hold
         // would round to nonsense (or, cast to int, overflow), so it is refused here.
-        PyObject* cached = t->decimals_decrement_cache.get();
+        // Held: converting a hand-written value may run code that writes the field again.
+        const py::ref held = t->decimals_decrement_cache.dup();
+        PyObject* cached = held.get();
         const long d = PyLong_AsLong(cached);
         if (d < 0 || d > kMaxDecimals) {
             PyErr_Clear();  // not an int, or one too large for a long: the same refusal

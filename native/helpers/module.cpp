@@ -110,7 +110,7 @@ PyObject* finalize_scalar_or_array(PyObject*, PyObject* const* args, Py_ssize_t 
     return py::guard([&]() -> PyObject* {
         if (nargs != 2) py::raise(PyExc_TypeError, "_finalize_scalar_or_array() takes 2 arguments (array, is_scalar)");
         if (py::require(PyObject_IsTrue(args[1])) == 1) {
-            py::ref values = numeric::as_f64(args[0]);
+            py::ref values = numeric::as_f64_read_only(args[0]);
             if (py::f64_size(values.get()) != 1) {
                 py::raise(PyExc_ValueError, "_finalize_scalar_or_array: a scalar result needs exactly one value");
             }
@@ -122,7 +122,7 @@ PyObject* finalize_scalar_or_array(PyObject*, PyObject* const* args, Py_ssize_t 
 
 PyObject* is_finite_f64_array(PyObject*, PyObject* value) {
     return py::guard([&] {
-        py::ref values = numeric::as_f64(value);
+        py::ref values = numeric::as_f64_read_only(value);
         return PyBool_FromLong(numeric::all_finite(py::f64_cspan(values.get())));
     });
 }
@@ -137,7 +137,7 @@ PyObject* is_finite_scalar(PyObject*, PyObject* value) {
 
 PyObject* is_integer_valued(PyObject*, PyObject* value) {
     return py::guard([&] {
-        py::ref values = numeric::as_f64(value);
+        py::ref values = numeric::as_f64_read_only(value);
         return PyBool_FromLong(numeric::all_integer_valued(py::f64_cspan(values.get())));
     });
 }
