@@ -410,7 +410,7 @@ PyMethodDef* build_methods() {
     defs[n++] = {"__reduce__", Table_reduce, METH_NOARGS, nullptr};
     for (const PyMethodDef* groups :
          {lifecycle_methods, configure_methods, rates_methods, unisex_methods, function_methods,
-          presentation_methods, summary_methods, modification_methods, timestep_methods}) {
+          presentation_methods, summary_methods, modification_methods, timestep_methods, period_methods}) {
         for (const PyMethodDef* p = groups; p->ml_name != nullptr; ++p) defs[n++] = *p;
     }
     defs[n] = {nullptr, nullptr, 0, nullptr};

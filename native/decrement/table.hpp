@@ -94,6 +94,9 @@ void bind_vectorial_helpers(PyObject* module);
 // timestep.cpp: snapshot, advance and restore of the actuarial state.
 extern PyMethodDef timestep_methods[];
 
+// period.cpp: the rates of one calendar year of a generational table.
+extern PyMethodDef period_methods[];
+
 // registry.cpp: _validate_table_class and TableRegistry.
 void bind_registry(PyObject* module);
 

@@ -9,8 +9,9 @@ if TYPE_CHECKING:
     from veltrane.tables.disability import DisabilityTable
     from veltrane.tables.exit import ExitTable
     from veltrane.tables.life import LifeTable
+    from veltrane.tables.period import period_rates
 
-__all__ = ["DecrementTable", "DisabilityTable", "ExitTable", "LifeTable", "TableRegistry"]
+__all__ = ["DecrementTable", "DisabilityTable", "ExitTable", "LifeTable", "TableRegistry", "period_rates"]
 
 _HOMES = {
     "DecrementTable": "veltrane.tables.decrement",
@@ -18,6 +19,7 @@ _HOMES = {
     "DisabilityTable": "veltrane.tables.disability",
     "ExitTable": "veltrane.tables.exit",
     "TableRegistry": "veltrane.tables.decrement",
+    "period_rates": "veltrane.tables.period",
 }
 
 
