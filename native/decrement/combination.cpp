@@ -236,7 +236,7 @@ py::ref check_other_rates(TableObject* o, const std::string& name) {
 }  // namespace
 
 void combine_tables(PyObject* self, PyObject* value, std::vector<double>& q, long long& w, std::size_t offset,
-                    const CombinationMode& mode, PyObject* descriptors) {
+                    const CombinationMode& mode, PyObject* descriptors, CauseInputs* causes) {
     TableObject* host = as_table(self);
     ModuleState* st = host->st;
     // 1. One table or a non-empty list or tuple of them, held for the whole step.
@@ -291,6 +291,18 @@ void combine_tables(PyObject* self, PyObject* value, std::vector<double>& q, lon
     check_rates_in_range(q, "host", offset);
     for (const py::ref& r : held) rates.push_back(py::f64_cspan(r.get()));
     for (std::size_t k = 0; k < rates.size(); ++k) check_rates_in_range(rates[k], names[k], 0);
+
+    if (causes != nullptr) {
+        causes->udd = mode.udd;
+        causes->labels.push_back(table_name(host));
+        causes->rates.emplace_back(q.begin(), q.end());
+        for (Py_ssize_t k = 0; k < count; ++k) {
+            causes->labels.push_back(table_name(as_table(PyTuple_GET_ITEM(others.get(), k))));
+            std::vector<double> aligned(q.size());
+            kernels::align_by_age(rates[static_cast<std::size_t>(k)], offset, aligned);
+            causes->rates.push_back(std::move(aligned));
+        }
+    }
 
     // 6-7. Merge, then the total must still be a probability.
     merge(q, rates, offset, mode.udd, q);

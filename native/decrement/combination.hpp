@@ -48,7 +48,17 @@ CombinationMode parse_combination_mode(PyObject* modifications);
 // merges their aligned rates into q (which may then be cut at certainty, lowering w) and
 // appends the descriptors to the list `descriptors`. Issues the base-year and truncation
 // warnings (from C, stack level 1 is the caller's line).
+// When `causes` is given it receives what the merge read: the host's rates and the others'
+// aligned to them, labelled by table name, so that the rates of each cause can be told apart.
+struct CauseInputs {
+    std::vector<py::ref> labels;              // str, the host first
+    std::vector<std::vector<double>> rates;   // one per label, the host's length
+    bool udd = false;
+};
 void combine_tables(PyObject* self, PyObject* value, std::vector<double>& q, long long& w, std::size_t offset,
-                    const CombinationMode& mode, PyObject* descriptors);
+                    const CombinationMode& mode, PyObject* descriptors, CauseInputs* causes = nullptr);
+
+// The split kept beside a merged vector: (decrement, labels, udd, causes x ages rates).
+py::ref cause_split_of(PyObject* decrement, const CauseInputs& causes);
 
 }  // namespace veltrane::decrement

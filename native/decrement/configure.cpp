@@ -176,6 +176,13 @@ py::ref capture_snapshot(TableObject* t) {
     put("table_is_private_copy", source.private_copy ? Py_True : Py_False);
     put("table_data", source.data.or_none());
     put("table_valid_sexes", source.valid_sexes.or_none());
+    // The causes merged into the rates in force, without the vector they belong to (a restore
+    // brings back a copy of it and pairs them again).
+    PyObject* split = t->cause_split.get();
+    const bool in_force = split != nullptr && PyTuple_Check(split) && PyTuple_GET_SIZE(split) == 4 &&
+                          PyTuple_GET_ITEM(split, 0) == t->decrement.get();
+    py::ref parts = in_force ? py::check(PyTuple_GetSlice(split, 1, 4)) : py::ref::borrow(Py_None);
+    put("cause_split", parts.get());
     return snap;
 }
 
@@ -228,6 +235,17 @@ void restore_snapshot(TableObject* t, PyObject* snap) {
             }
         }
     }
+    py::ref split_parts = py::ref::steal(PyMapping_GetItemString(snap, "cause_split"));
+    if (!split_parts) {
+        if (!PyErr_ExceptionMatches(PyExc_KeyError)) py::throw_error_set();
+        PyErr_Clear();
+    }
+    py::ref split;
+    if (split_parts && PyTuple_Check(split_parts.get()) && PyTuple_GET_SIZE(split_parts.get()) == 3 && decrement) {
+        PyObject* p = split_parts.get();
+        split = py::check(PyTuple_Pack(4, decrement.get(), PyTuple_GET_ITEM(p, 0), PyTuple_GET_ITEM(p, 1),
+                                       PyTuple_GET_ITEM(p, 2)));
+    }
     auto none_as_null = [](py::ref r) { return r.is_none() ? py::ref() : std::move(r); };
     t->sex = none_as_null(std::move(sex));
     t->cohort = none_as_null(std::move(cohort));
@@ -242,6 +260,7 @@ void restore_snapshot(TableObject* t, PyObject* snap) {
     t->decrement = std::move(decrement);
     t->decrement_base = std::move(base);
     if (has_source) restore_source(t, source);
+    t->cause_split = std::move(split);
     invalidate_caches(t);
 }
 

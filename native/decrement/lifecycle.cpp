@@ -149,6 +149,8 @@ void install_base_rates(TableObject* t) {
     t->decrement = std::move(working);
     t->modified = false;
     t->w_mod = std::move(w);
+    // The split of merged causes stays: it names the vector it belongs to, which a time-step
+    // restore may bring back.
     invalidate_caches(t);
 }
 
@@ -476,6 +478,7 @@ PyObject* Table_reset_modifications(PyObject* self, PyObject*) {
         t->modified = false;
         t->w_mod = std::move(w);
         t->modifications_applied = std::move(empty);
+        t->cause_split.reset();
         invalidate_caches(t);
         Py_RETURN_NONE;
     });

@@ -207,11 +207,14 @@ void modify_decrement(PyObject* self, PyObject* modifications) {
     py::ref mods = modification_dict(modifications);
     const CombinationMode mode = parse_combination_mode(mods.get());
     py::ref items = py::check(PyDict_Items(mods.get()));
+    // What a combination merged; a later step changes the total, and then the split is dropped.
+    std::optional<CauseInputs> causes;
     for (Py_ssize_t k = 0; k < PyList_GET_SIZE(items.get()); ++k) {
         PyObject* item = PyList_GET_ITEM(items.get(), k);
         PyObject* key = PyTuple_GET_ITEM(item, 0);
         PyObject* value = PyTuple_GET_ITEM(item, 1);
         if (str_equals(key, "combination_mode")) continue;
+        causes.reset();
         if (str_equals(key, "age_shift")) {
             apply_age_shift(p, value);
         } else if (str_equals(key, "decrement_multiplier")) {
@@ -223,7 +226,9 @@ void modify_decrement(PyObject* self, PyObject* modifications) {
             apply_aggravated_risk(p, value);
         } else if (str_equals(key, "table_combination")) {
             clip_if_above_certainty(p);
-            combine_tables(self, value, p.q, p.w, p.offset, mode, p.descriptors.get());
+            causes.emplace();
+            combine_tables(self, value, p.q, p.w, p.offset, mode, p.descriptors.get(), &*causes);
+            continue;
         } else {
             refuse("Unknown modification key: '" + str_of(key) + "'");
         }
@@ -246,8 +251,10 @@ void modify_decrement(PyObject* self, PyObject* modifications) {
     py::ref rounded = py::f64_from(p.q);
     kernels::round_in_place(py::f64_span(rounded.get()), decimals);
     py::ref w_obj = py::check(PyLong_FromLongLong(p.w));
+    py::ref split = causes ? cause_split_of(rounded.get(), *causes) : py::ref();
 
     t->modifications_applied = std::move(p.descriptors);
+    t->cause_split = std::move(split);
     t->decrement = std::move(rounded);
     t->modified = true;
     invalidate_caches(t);

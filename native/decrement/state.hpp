@@ -75,6 +75,10 @@ struct TableObject {
     py::ref unisex_blend;
     py::ref decimals_config;
     py::ref decimals_decrement_cache;
+    // The inputs of the competing decrements merged by the last modification, or null: a tuple
+    // (the _decrement they produced, cause labels, UDD flag, causes x ages rates). Valid only
+    // while that very vector is the one in force.
+    py::ref cause_split;
     bool table_is_private_copy;
     bool metadata_pending;
     bool suspend_rebuild;

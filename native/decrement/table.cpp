@@ -35,6 +35,7 @@ PyObject* table_alloc(PyTypeObject* type, ModuleState* st) {
     new (&t->unisex_blend) py::ref();
     new (&t->decimals_config) py::ref();
     new (&t->decimals_decrement_cache) py::ref();
+    new (&t->cause_split) py::ref();
     t->table_is_private_copy = false;
     t->metadata_pending = false;
     t->suspend_rebuild = false;
@@ -73,6 +74,7 @@ void for_each_ref(TableObject* t, F&& f) {
     f(t->unisex_blend);
     f(t->decimals_config);
     f(t->decimals_decrement_cache);
+    f(t->cause_split);
 }
 
 int Table_traverse(PyObject* self, visitproc visit, void* arg) {
@@ -140,6 +142,7 @@ constexpr RefField ref_fields[] = {
     {"_unisex_blend", &TableObject::unisex_blend, false},
     {"_decimals_config", &TableObject::decimals_config, false},
     {"_decimals_decrement_cache", &TableObject::decimals_decrement_cache, false},
+    {"_cause_split", &TableObject::cause_split, false},
 };
 
 constexpr BoolField bool_fields[] = {
@@ -410,7 +413,7 @@ PyMethodDef* build_methods() {
     defs[n++] = {"__reduce__", Table_reduce, METH_NOARGS, nullptr};
     for (const PyMethodDef* groups :
          {lifecycle_methods, configure_methods, rates_methods, unisex_methods, function_methods,
-          presentation_methods, summary_methods, modification_methods, timestep_methods, period_methods}) {
+          presentation_methods, summary_methods, modification_methods, timestep_methods, period_methods, cause_methods}) {
         for (const PyMethodDef* p = groups; p->ml_name != nullptr; ++p) defs[n++] = *p;
     }
     defs[n] = {nullptr, nullptr, 0, nullptr};

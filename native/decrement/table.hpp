@@ -97,6 +97,9 @@ extern PyMethodDef timestep_methods[];
 // period.cpp: the rates of one calendar year of a generational table.
 extern PyMethodDef period_methods[];
 
+// causes.cpp: the dependent rates of each merged cause.
+extern PyMethodDef cause_methods[];
+
 // registry.cpp: _validate_table_class and TableRegistry.
 void bind_registry(PyObject* module);
 

@@ -38,6 +38,7 @@ public:
           px_(t->px.dup()),
           qx_(t->qx.dup()),
           decimals_(t->decimals_decrement_cache.dup()),
+          cause_split_(t->cause_split.dup()),
           rebuilds_(t->rebuilds_since_calc),
           config_version_(t->caches_config_version),
           select_duration_set_(t->select_duration_set),
@@ -63,6 +64,7 @@ public:
         std::swap(t_->px, px_);
         std::swap(t_->qx, qx_);
         std::swap(t_->decimals_decrement_cache, decimals_);
+        std::swap(t_->cause_split, cause_split_);
         t_->rebuilds_since_calc = rebuilds_;
         t_->caches_config_version = config_version_;
         t_->select_duration_set = select_duration_set_;
@@ -76,7 +78,7 @@ private:
     TableObject* t_;
     SourceState source_;
     py::ref sex_, cohort_, duration_, unisex_blend_, decrement_base_, decrement_, w_mod_, lx_, lx_raw_, px_,
-        qx_, decimals_;
+        qx_, decimals_, cause_split_;
     long rebuilds_;
     std::uint64_t config_version_;
     bool select_duration_set_, modified_, pending_;
