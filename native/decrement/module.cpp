@@ -234,6 +234,10 @@ py::ref build_public_class(PyObject* module, ModuleState* st) {
     py::require(PyDict_SetItemString(ns.get(), "_VECTORIAL_MEMORY_WARNING_THRESHOLD", threshold.get()));
     st->prefix_map = Py_NewRef(prefixes.get());
     add_function_class_entries(st, ns.get());
+    // Charts are Python (matplotlib is optional and imported only when a chart is drawn).
+    py::ref plotting = import("veltrane.tables.plotting");
+    py::ref plot = py::check(PyObject_GetAttrString(plotting.get(), "plot"));
+    py::require(PyDict_SetItemString(ns.get(), "plot", plot.get()));
 
     PyObject* call[5] = {reinterpret_cast<PyObject*>(st->core_type), abc_base.get(), abcmeta.get(), abstract.get(),
                          ns.get()};

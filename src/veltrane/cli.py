@@ -136,6 +136,17 @@ def _build_parser() -> _Parser:
     evaluate.add_argument(
         "--m", type=int, choices=PAYMENT_FREQUENCIES, help="payments per year (px, qx; default 1)"
     )
+
+    chart = commands.add_parser(
+        "plot",
+        help="draw one or more tables' rates, survivors or expectation of life to a PNG file",
+        description="Draw tables on one chart for comparison; every table takes the same keys.",
+    )
+    table_arguments(chart)
+    chart.add_argument("more", metavar="NAME2", nargs="*", help="further tables on the same chart")
+    chart.add_argument("--what", choices=("qx", "lx", "ex"), default="qx", help="what to draw (default qx)")
+    chart.add_argument("--linear", action="store_true", help="a linear value axis (default: logarithmic)")
+    chart.add_argument("-o", "--output", required=True, type=Path, help="the PNG file to write")
     return parser
 
 
@@ -287,6 +298,48 @@ def _evaluate(args: argparse.Namespace) -> int:
     return 0
 
 
+def _keys_for(args: argparse.Namespace, name: str) -> argparse.Namespace:
+    """The arguments for one table of a comparison: a key the table has no use for is dropped."""
+    from veltrane.tables.source import TableSource
+
+    keys = {**vars(args), "name": name}
+    try:
+        source = TableSource(name)
+    except (OSError, ValueError) as exc:
+        raise _RefusedError(_cli_message(str(exc))) from exc
+    if not source.generational:
+        keys["cohort"] = None
+    if not source.select:
+        keys["duration"] = None
+    return argparse.Namespace(**keys)
+
+
+def _plot(args: argparse.Namespace) -> int:
+    try:
+        from matplotlib.backends.backend_agg import FigureCanvasAgg
+        from matplotlib.figure import Figure
+    except ImportError as exc:
+        raise _RefusedError("plot needs matplotlib: pip install matplotlib") from exc
+    if args.output.suffix.lower() != ".png":
+        raise _RefusedError(f"-o must name a .png file, got {str(args.output)!r}")
+    tables = [_open_table(_keys_for(args, name)) for name in [args.name, *args.more]]
+    figure = Figure(figsize=(8, 5), dpi=100)
+    FigureCanvasAgg(figure)
+    axes = figure.add_subplot()
+    try:
+        for table in tables:
+            table.plot(ax=axes, log=not args.linear, what=args.what)
+    except (ValueError, TypeError) as exc:
+        raise _RefusedError(_cli_message(str(exc))) from exc
+    axes.set_title(", ".join(dict.fromkeys([args.name, *args.more])))
+    try:
+        figure.savefig(args.output, format="png")
+    except OSError as exc:
+        raise _RefusedError(f"cannot write {str(args.output)!r}: {exc.strerror or exc}") from exc
+    print(args.output)
+    return 0
+
+
 def main(argv: Sequence[str] | None = None) -> int:
     """Run the ``veltrane`` command.
 
@@ -326,6 +379,8 @@ def _run(args: argparse.Namespace) -> int:
         return _list_tables()
     if args.command == "show":
         return _show(args)
+    if args.command == "plot":
+        return _plot(args)
     return _evaluate(args)
 
 
