@@ -69,8 +69,9 @@ const ConfigSnapshot& config(ModuleState* st) {
     s.lx = int_setting(decimals.get(), "lx");
     s.dx = int_setting(decimals.get(), "dx");
     py::ref interpolation = py::check(PyObject_GetAttrString(cfg.get(), "lx_interpolation"));
-    s.interpolation =
-        str_equals(interpolation.get(), "linear") ? kernels::Interpolation::linear : kernels::Interpolation::exponential;
+    s.interpolation = str_equals(interpolation.get(), "linear")       ? kernels::Interpolation::linear
+                      : str_equals(interpolation.get(), "hyperbolic") ? kernels::Interpolation::hyperbolic
+                                                                      : kernels::Interpolation::exponential;
     py::ref warn = py::check(PyObject_GetAttrString(cfg.get(), "warn_on_chained_table_rebuild"));
     s.warn_chained = py::require(PyObject_IsTrue(warn.get())) == 1;
     st->config_cache = s;
