@@ -2,6 +2,7 @@
 // constants, and the public abstract class DecrementTable (abc.ABCMeta over the C type).
 // Names are bound in a fixed order at import; the unisex cache registers with the
 // configuration's reset hook, and a change hook keeps the settings snapshot current.
+#include "decrement/contingencies.hpp"
 #include "decrement/table.hpp"
 #include "pyutil/module_slots.hpp"
 
@@ -334,6 +335,7 @@ int decrement_exec(PyObject* module) {
         bind(module, "_BatchUpdateContext", reinterpret_cast<PyObject*>(st->batch_type));
         bind_function(module, &configure_all_def);
         bind_registry(module);
+        bind_contingencies(module);
         return 0;
     });
 }

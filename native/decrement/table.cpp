@@ -2,6 +2,7 @@
 // (__new__/__init__) lives in construct.cpp, the state properties and rebuilds in
 // lifecycle.cpp, the rate vectors in rates.cpp.
 // Invariant: fields are created by table_alloc; array fields hold owned float64 vectors.
+#include "decrement/contingencies.hpp"
 #include "decrement/state.hpp"
 #include "decrement/table.hpp"
 
@@ -334,7 +335,7 @@ PyMethodDef* build_methods() {
     defs[n++] = {"__reduce__", Table_reduce, METH_NOARGS, nullptr};
     for (const PyMethodDef* groups :
          {lifecycle_methods, configure_methods, rates_methods, unisex_methods, function_methods,
-          presentation_methods, summary_methods, modification_methods, timestep_methods}) {
+          presentation_methods, summary_methods, modification_methods, timestep_methods, expectation_methods}) {
         for (const PyMethodDef* p = groups; p->ml_name != nullptr; ++p) defs[n++] = *p;
     }
     defs[n] = {nullptr, nullptr, 0, nullptr};
