@@ -35,7 +35,8 @@ def test_setting_accepts_hyperbolic_and_lists_all_three():
     with Config():
         Config().lx_interpolation = "hyperbolic"
         assert Config().lx_interpolation == "hyperbolic"
-    with exactly(ValueError, "lx_interpolation must be one of ['linear', 'exponential', 'hyperbolic'], got 'udd'"):
+    listed = "['linear', 'exponential', 'hyperbolic']"
+    with exactly(ValueError, f"lx_interpolation must be one of {listed}, got 'udd'"):
         Config().lx_interpolation = "udd"
     assert Config().lx_interpolation == "linear"
 
