@@ -83,7 +83,7 @@ ERRORS = [
     (["eval", "SULT", "--sex", "u", "px", "fifty"], "argument X: not a number: 'fifty'"),
     (["eval", "SULT", "--sex", "u", "lx", "50", "10"], "lx takes no duration T"),
     (["eval", "SULT", "--sex", "u", "tpx", "50", "--m", "12"], "--m applies to px and qx only"),
-    (["eval", "SULT", "--sex", "u", "ex", "50"], "argument FUNCTION: invalid choice: 'ex'"),
+    (["eval", "SULT", "--sex", "u", "ax", "50"], "argument FUNCTION: invalid choice: 'ax'"),
     (["show", "SULT", "--sex", "u", "--rows", "-1"], "--rows must be >= 0"),
     ([], "the following arguments are required: COMMAND"),
     (

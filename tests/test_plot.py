@@ -41,7 +41,6 @@ def test_several_tables_share_one_chart(standard):
     assert [line.get_label() for line in ax.get_lines()] == ["GEN m, born 1960", "SEL f, duration 1"]
 
 
-@pytest.mark.skipif(not hasattr(LifeTable, "ex"), reason="no expectation of life yet")
 def test_expectation_of_life():
     t = LifeTable("SULT", "u")
     (line,) = t.plot(ax=axes(), what="ex", log=False).get_lines()

@@ -348,7 +348,9 @@ PyObject* Table_dx(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyOb
 PyObject* interpolate(PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames, kernels::Interpolation method) {
     static constexpr std::array<const char*, 3> names = {"lx", "x", "frac"};
     const bool linear = method == kernels::Interpolation::linear;
-    const char* function = linear ? "_lx_interpolation_linear" : "_lx_interpolation_exponential";
+    const char* function = linear ? "_lx_interpolation_linear"
+                           : method == kernels::Interpolation::exponential ? "_lx_interpolation_exponential"
+                                                                           : "_lx_interpolation_hyperbolic";
     const Arguments<3> a = parse_arguments(function, names, 3, args, nargs, kwnames);
     const py::ref l_arr = numeric::as_f64_read_only(a.values[0]);
     const py::ref x_arr = numeric::as_f64_read_only(a.values[1]);
@@ -365,7 +367,7 @@ PyObject* interpolate(PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames
     const auto size = static_cast<double>(l.size());
     for (std::size_t k = 0; k < x.size(); ++k) {
         const double i = x[k];
-        // Linear reads l[i + 1] as given; exponential limits it to the last index.
+        // Linear reads l[i + 1] as given; exponential and hyperbolic limit it to the last index.
         const double top = linear ? i + 1.0 : i;
         if (!(i >= 0.0 && top < size && i == std::floor(i))) {
             py::ref value = py::check(PyFloat_FromDouble(i));
@@ -374,8 +376,7 @@ PyObject* interpolate(PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames
         }
         const auto lo = static_cast<std::size_t>(i);
         const std::size_t hi = lo + 1 < l.size() ? lo + 1 : l.size() - 1;
-        o[k] = linear ? kernels::interpolate_linear(l[lo], l[hi], frac[k])
-                      : kernels::interpolate_exponential(l[lo], l[hi], frac[k]);
+        o[k] = linear ? kernels::interpolate_linear(l[lo], l[hi], frac[k]) : kernels::interpolate(l[lo], l[hi], frac[k], method);
     }
     return out.release();
 }
@@ -386,6 +387,10 @@ PyObject* lx_interpolation_linear(PyObject*, PyObject* const* args, Py_ssize_t n
 
 PyObject* lx_interpolation_exponential(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
     return py::guard([&] { return interpolate(args, nargs, kwnames, kernels::Interpolation::exponential); });
+}
+
+PyObject* lx_interpolation_hyperbolic(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+    return py::guard([&] { return interpolate(args, nargs, kwnames, kernels::Interpolation::hyperbolic); });
 }
 
 #define FASTCALL_KW(f) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(f))
@@ -399,6 +404,10 @@ PyMethodDef interpolation_defs[] = {
      "_lx_interpolation_exponential(lx, x, frac)\n--\n\n"
      "Exponential survivorship between integer ages (constant force of decrement):\n"
      "``lx[x] * (lx[hi] / lx[x]) ** frac`` with ``hi = min(x + 1, len(lx) - 1)``; 0 where ``lx[x]`` is 0."},
+    {"_lx_interpolation_hyperbolic", FASTCALL_KW(lx_interpolation_hyperbolic), METH_FASTCALL | METH_KEYWORDS,
+     "_lx_interpolation_hyperbolic(lx, x, frac)\n--\n\n"
+     "Hyperbolic survivorship between integer ages (Balducci): ``1 / l = (1 - frac) / lx[x] + frac / lx[hi]``\n"
+     "with ``hi = min(x + 1, len(lx) - 1)``; 0 where ``lx[x]`` is 0."},
 };
 
 }  // namespace
@@ -407,8 +416,8 @@ PyMethodDef interpolation_defs[] = {
 void add_function_class_entries(ModuleState*, PyObject* ns) {
     py::ref module_name = py::check(PyUnicode_FromString("veltrane.tables.decrement"));
     py::ref routines = py::check(PyDict_New());
-    const char* keys[] = {"linear", "exponential"};
-    for (std::size_t i = 0; i < 2; ++i) {
+    const char* keys[] = {"linear", "exponential", "hyperbolic"};
+    for (std::size_t i = 0; i < 3; ++i) {
         PyMethodDef* def = &actuarial::interpolation_defs[i];
         py::ref function = py::check(PyCFunction_NewEx(def, nullptr, module_name.get()));
         py::ref method = py::check(PyStaticMethod_New(function.get()));

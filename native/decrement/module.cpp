@@ -2,6 +2,7 @@
 // constants, and the public abstract class DecrementTable (abc.ABCMeta over the C type).
 // Names are bound in a fixed order at import; the unisex cache registers with the
 // configuration's reset hook, and a change hook keeps the settings snapshot current.
+#include "decrement/contingencies.hpp"
 #include "decrement/table.hpp"
 #include "pyutil/module_slots.hpp"
 
@@ -69,8 +70,9 @@ const ConfigSnapshot& config(ModuleState* st) {
     s.lx = int_setting(decimals.get(), "lx");
     s.dx = int_setting(decimals.get(), "dx");
     py::ref interpolation = py::check(PyObject_GetAttrString(cfg.get(), "lx_interpolation"));
-    s.interpolation =
-        str_equals(interpolation.get(), "linear") ? kernels::Interpolation::linear : kernels::Interpolation::exponential;
+    s.interpolation = str_equals(interpolation.get(), "linear")       ? kernels::Interpolation::linear
+                      : str_equals(interpolation.get(), "hyperbolic") ? kernels::Interpolation::hyperbolic
+                                                                      : kernels::Interpolation::exponential;
     py::ref warn = py::check(PyObject_GetAttrString(cfg.get(), "warn_on_chained_table_rebuild"));
     s.warn_chained = py::require(PyObject_IsTrue(warn.get())) == 1;
     st->config_cache = s;
@@ -337,6 +339,7 @@ int decrement_exec(PyObject* module) {
         bind(module, "_BatchUpdateContext", reinterpret_cast<PyObject*>(st->batch_type));
         bind_function(module, &configure_all_def);
         bind_registry(module);
+        bind_contingencies(module);
         return 0;
     });
 }

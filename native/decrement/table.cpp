@@ -2,10 +2,13 @@
 // (__new__/__init__) lives in construct.cpp, the state properties and rebuilds in
 // lifecycle.cpp, the rate vectors in rates.cpp.
 // Invariant: fields are created by table_alloc; array fields hold owned float64 vectors.
+#include "decrement/contingencies.hpp"
 #include "decrement/state.hpp"
 #include "decrement/table.hpp"
 
+#include <iterator>
 #include <new>
+#include <stdexcept>
 
 #include "pyutil/members.hpp"
 
@@ -402,7 +405,7 @@ PyGetSetDef* build_getsets() {
 }
 
 PyMethodDef* build_methods() {
-    static PyMethodDef defs[64];
+    static PyMethodDef defs[128];
     std::size_t n = 0;
     defs[n++] = {"__deepcopy__", FASTCALL_KW(Table_deepcopy_method), METH_FASTCALL | METH_KEYWORDS,
                  "__deepcopy__($self, memo, /)\n--\n\nA deep copy that keeps the instance id (so it hashes alike)."};
@@ -413,8 +416,12 @@ PyMethodDef* build_methods() {
     defs[n++] = {"__reduce__", Table_reduce, METH_NOARGS, nullptr};
     for (const PyMethodDef* groups :
          {lifecycle_methods, configure_methods, rates_methods, unisex_methods, function_methods,
-          presentation_methods, summary_methods, modification_methods, timestep_methods, period_methods, cause_methods}) {
-        for (const PyMethodDef* p = groups; p->ml_name != nullptr; ++p) defs[n++] = *p;
+          presentation_methods, summary_methods, modification_methods, timestep_methods, period_methods, cause_methods,
+          expectation_methods}) {
+        for (const PyMethodDef* p = groups; p->ml_name != nullptr; ++p) {
+            if (n + 1 >= std::size(defs)) throw std::length_error("too many table methods for the method table");
+            defs[n++] = *p;
+        }
     }
     defs[n] = {nullptr, nullptr, 0, nullptr};
     return defs;

@@ -70,7 +70,12 @@ inline bool within_unit_interval(double p, double eps) noexcept { return p >= -e
 inline double clamp_unit(double p) noexcept { return p < 0.0 ? 0.0 : (p > 1.0 ? 1.0 : p); }
 
 inline double interpolate(double lo, double hi, double frac, Interpolation method) noexcept {
-    return method == Interpolation::linear ? interpolate_linear(lo, hi, frac) : interpolate_exponential(lo, hi, frac);
+    switch (method) {
+        case Interpolation::linear: return interpolate_linear(lo, hi, frac);
+        case Interpolation::exponential: return interpolate_exponential(lo, hi, frac);
+        case Interpolation::hyperbolic: return interpolate_hyperbolic(lo, hi, frac);
+    }
+    return interpolate_linear(lo, hi, frac);
 }
 
 // l(x): exact at integer ages (an age within eps below an integer counts as that integer),

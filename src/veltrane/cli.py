@@ -10,6 +10,9 @@ Examples
     veltrane eval SULT --sex u qx 50.5 --m 12   # monthly decrement probability at 50.5
     veltrane eval SULT --sex u lx 50,60,70      # several ages, comma-separated
     veltrane --tables-path ./tables show MINE   # a tables directory searched first
+    veltrane eval SULT --sex u ex 65            # curtate expectation of life (--complete: complete)
+    veltrane annuity SULT --sex u --age 65 --rate 0.05 --m 12
+    veltrane commutation SULT --sex u --rate 0.03 -o sult.csv
 
 ``--sex`` may be left out for a table with a single sex. Bad arguments, unknown tables and
 values a table refuses end with a one-line message on standard error and exit status 2;
@@ -39,7 +42,7 @@ if TYPE_CHECKING:
 
 __all__ = ["main"]
 
-_FUNCTIONS = ("lx", "px", "qx", "tpx", "tqx", "dx")
+_FUNCTIONS = ("lx", "px", "qx", "tpx", "tqx", "dx", "ex")
 _USAGE_ERROR = 2
 
 
@@ -126,7 +129,7 @@ def _build_parser() -> _Parser:
 
     evaluate = commands.add_parser(
         "eval",
-        help="evaluate lx, px, qx, tpx, tqx or dx",
+        help="evaluate lx, px, qx, tpx, tqx, dx or ex",
         description="Evaluate an actuarial function. X and T take one number or a comma-separated list.",
     )
     table_arguments(evaluate)
@@ -136,6 +139,8 @@ def _build_parser() -> _Parser:
     evaluate.add_argument(
         "--m", type=int, choices=PAYMENT_FREQUENCIES, help="payments per year (px, qx; default 1)"
     )
+    evaluate.add_argument("--complete", action="store_true", help="ex: the complete expectation of life")
+    _add_contingency_commands(commands, table_arguments)
 
     chart = commands.add_parser(
         "plot",
@@ -272,6 +277,8 @@ def _evaluate(args: argparse.Namespace) -> int:
         raise _RefusedError(f"{function} takes no duration T (only tpx and tqx do)")
     if args.m is not None and function not in ("px", "qx"):
         raise _RefusedError(f"--m applies to px and qx only, not {function}")
+    if args.complete and function != "ex":
+        raise _RefusedError(f"--complete applies to ex only, not {function}")
     table = _open_table(args)
     method = getattr(table, function)
     try:
@@ -279,6 +286,8 @@ def _evaluate(args: argparse.Namespace) -> int:
             result = method(args.x, 1 if args.t is None else args.t)
         elif function in ("px", "qx"):
             result = method(args.x, 1 if args.m is None else args.m)
+        elif function == "ex":
+            result = method(args.x, complete=args.complete)
         else:
             result = method(args.x)
     except (ValueError, TypeError) as exc:
@@ -340,6 +349,86 @@ def _plot(args: argparse.Namespace) -> int:
     return 0
 
 
+# -- annuity and commutation ----------------------------------------------------------------------
+def _add_contingency_commands(commands: Any, table_arguments: Any) -> None:
+    """The subcommands of veltrane.contingencies: annuity values and commutation columns."""
+    value = commands.add_parser(
+        "annuity",
+        help="value a life annuity",
+        description="Value a life annuity of 1 a year. --age and --term take one number or a "
+        "comma-separated list.",
+    )
+    table_arguments(value)
+    value.add_argument("--age", type=_numbers, required=True, help="age(s)")
+    value.add_argument("--rate", type=float, required=True, help="annual effective interest rate (>= 0)")
+    value.add_argument("--term", type=_numbers, help="term in years (default: whole life)")
+    value.add_argument("--m", type=int, choices=PAYMENT_FREQUENCIES, default=1, help="payments per year")
+    value.add_argument("--defer", type=float, default=0.0, help="years before the first period (default 0)")
+    value.add_argument("--immediate", action="store_true", help="payments in arrears (default: in advance)")
+    value.add_argument(
+        "--method", choices=("exact", "udd", "woolhouse", "woolhouse2"), default="exact", help="default exact"
+    )
+
+    columns = commands.add_parser("commutation", help="print or write the commutation columns")
+    table_arguments(columns)
+    columns.add_argument("--rate", type=float, required=True, help="annual effective interest rate (>= 0)")
+    columns.add_argument("-o", "--output", type=Path, help="write a CSV file instead of printing the columns")
+
+
+def _annuity(args: argparse.Namespace) -> int:
+    from veltrane.contingencies import annuity
+
+    table = _open_table(args)
+    try:
+        result = annuity(
+            table,
+            args.age,
+            args.term,
+            i=args.rate,
+            due=not args.immediate,
+            m=args.m,
+            defer=args.defer,
+            method=args.method,
+        )
+    except (ValueError, TypeError) as exc:
+        raise _RefusedError(str(exc)) from exc
+    if isinstance(result, float):
+        print(_format(result))
+        return 0
+    ages = args.age if isinstance(args.age, list) else [args.age]
+    terms = args.term if isinstance(args.term, list) else [args.term] * len(result)
+    ages = ages * len(result) if len(ages) == 1 else ages
+    header = ["age", "term", "value"] if args.term is not None else ["age", "value"]
+    print("\t".join(header))
+    for age, term, value in zip(ages, terms, result, strict=True):
+        cells = [str(age), str(term)] if args.term is not None else [str(age)]
+        print("\t".join([*cells, _format(value)]))
+    return 0
+
+
+def _commutation(args: argparse.Namespace) -> int:
+    from veltrane.contingencies import commutation
+
+    table = _open_table(args)
+    try:
+        frame = commutation(table, i=args.rate)
+    except (ValueError, TypeError) as exc:
+        raise _RefusedError(str(exc)) from exc
+    if args.output is not None:
+        try:
+            frame.write_csv(args.output)
+        except OSError as exc:
+            raise _RefusedError(f"cannot write {args.output}: {exc}") from exc
+        return 0
+    print("\t".join(frame.columns))
+    for row in frame.iter_rows():
+        print("\t".join([str(row[0]), *(_format(v) for v in row[1:])]))
+    return 0
+
+
+_CONTINGENCY_COMMANDS = {"annuity": _annuity, "commutation": _commutation}
+
+
 def main(argv: Sequence[str] | None = None) -> int:
     """Run the ``veltrane`` command.
 
@@ -381,6 +470,8 @@ def _run(args: argparse.Namespace) -> int:
         return _show(args)
     if args.command == "plot":
         return _plot(args)
+    if args.command in _CONTINGENCY_COMMANDS:
+        return _CONTINGENCY_COMMANDS[args.command](args)
     return _evaluate(args)
 
 

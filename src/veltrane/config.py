@@ -38,7 +38,7 @@ _reset_callbacks: list[Callable[[], None]] = globals().get("_reset_callbacks", [
 _change_callbacks: list[Callable[[], None]] = globals().get("_change_callbacks", [])
 
 #: Accepted values of ``lx_interpolation``.
-LX_INTERPOLATIONS: Final = ("linear", "exponential")
+LX_INTERPOLATIONS: Final = ("linear", "exponential", "hyperbolic")
 #: Largest number of decimals any quantity may be rounded to.
 MAX_DECIMALS: Final = 15
 
@@ -142,9 +142,10 @@ class Config:
     ----------
     decimals : DecimalsSettings
         Decimals per quantity (``qx``, ``ix``, ``ox``, ``px``, ``lx``, ``tpx``, ``tqx``, ``dx``).
-    lx_interpolation : {"linear", "exponential"}
+    lx_interpolation : {"linear", "exponential", "hyperbolic"}
         Survivorship between integer ages: linear (uniform distribution of decrements,
-        the default) or exponential (constant force of decrement).
+        the default), exponential (constant force of decrement) or hyperbolic (Balducci:
+        1/l linear between integer ages).
     warn_on_chained_table_rebuild : bool
         Warn when several setters rebuilt a table between two calculations (default True).
     tables_path : tuple of Path
@@ -188,7 +189,7 @@ class Config:
 
     @property
     def lx_interpolation(self) -> str:
-        """Interpolation of survivorship between integer ages: "linear" or "exponential"."""
+        """Interpolation of survivorship between integer ages: "linear", "exponential" or "hyperbolic"."""
         return self._lx_interpolation
 
     @lx_interpolation.setter

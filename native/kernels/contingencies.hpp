@@ -1,0 +1,125 @@
+// Life contingencies over a survivorship vector: expectation of life, life annuities,
+// insurances, pure endowments and commutation columns, at an annual effective rate i >= 0.
+//
+// Survival model (LifeModel): l at integer ages 0..w, between them the table's interpolation;
+// the survivors at w leave uniformly over the following year, l(w + f) = l(w) (1 - f), and l is
+// 0 from w + 1 on. A year that ends without survivors (q = 1: the year after w, or a certain rate
+// below w) is UDD under every interpolation, since q = 1 has no constant-force or Balducci form:
+// both would put every exit at the very start of the year.
+//
+// Callers validate: ages in [0, w], terms and deferments >= 0 and whole numbers of the
+// periods the routine works in, finite i >= 0, m in 1..12. NaN rules: no input may be NaN;
+// a NaN in l (rates edited by hand) propagates into every result that reads it. Where
+// l(x) = 0 (ages past a certain rate below w) every conditional value is 0.
+// Pairs of ages and terms broadcast: both spans have one length, or one of them has one element.
+#pragma once
+
+#include "kernels/probability.hpp"
+
+#include <cmath>
+#include <cstddef>
+#include <limits>
+#include <span>
+
+namespace veltrane::kernels {
+
+inline constexpr double kWholeLife = std::numeric_limits<double>::infinity();
+
+// Interest at an annual effective rate i >= 0: v = 1 / (1 + i), delta = ln(1 + i).
+struct Interest {
+    explicit Interest(double rate) noexcept : i(rate), v(1.0 / (1.0 + rate)), delta(std::log1p(rate)) {}
+    double i, v, delta;
+    double discount(double t) const noexcept { return std::pow(v, t); }
+};
+
+// UDD factors of m-thly annuities, i d / (i^(m) d^(m)) and (i - i^(m)) / (i^(m) d^(m)), in forms that
+// stay accurate as i tends to 0 (their limits 1 and (m - 1) / 2m at i = 0).
+double udd_alpha(double delta, int m) noexcept;
+double udd_beta(double delta, int m) noexcept;
+// i / i^(m) (m-thly death benefits under UDD) and i / delta (benefits at the moment of death).
+double i_over_im(double delta, int m) noexcept;
+double i_over_delta(double delta) noexcept;
+
+struct LifeModel {
+    Survivorship s;  // unrounded l(0..w), w, interpolation, integer tolerance
+
+    // l at the integer age j: l[j] up to w (the last index for a short vector), 0 after w.
+    double l_int(std::size_t j) const noexcept {
+        if (static_cast<double>(j) > s.w || s.l.empty()) return 0.0;
+        return s.l[j < s.l.size() ? j : s.l.size() - 1];
+    }
+    // l at any real age y >= 0, with the years that end without survivors as above.
+    double at(double y) const noexcept {
+        if (y <= s.w) {
+            if (s.method == Interpolation::linear || !(y >= 0.0)) return lx_point(s, y);
+            const auto j = static_cast<std::size_t>(y);
+            if (l_int(j + 1) != 0.0) return lx_point(s, y);
+            return lx_point(Survivorship{s.l, s.w, Interpolation::linear, s.eps}, y);
+        }
+        if (y < s.w + 1.0) return l_int(static_cast<std::size_t>(s.w)) * (1.0 - (y - s.w));
+        return 0.0;
+    }
+    // The interpolation in force in the year of age j.
+    Interpolation year_method(std::size_t j) const noexcept {
+        return l_int(j + 1) != 0.0 ? s.method : Interpolation::linear;
+    }
+    // The integral of l(j + t) over a <= t <= b within the year of age j (0 <= a <= b <= 1), in
+    // closed form for the year's interpolation.
+    double integral(std::size_t j, double a, double b) const noexcept;
+    // The force of decrement at age y, -(ln p(y - 1) + ln p(y)) / 2 with p(y) = l(y + 1) / l(y):
+    // the one term that exists where the other does not (below age 1, from w on), 0 where l(y) = 0.
+    double force(double y) const noexcept;
+};
+
+// An age within the integer tolerance of a whole number, as that number (or -1 when it is not one).
+inline double whole_age(double x, double eps) noexcept {
+    const double r = round_half_even(x);
+    return std::fabs(x - r) <= eps ? r : -1.0;
+}
+
+// ---- expectation of life ------------------------------------------------------------------
+// out[k] = curtate e(x[k]) = sum over k >= 1 of l(x + k) / l(x), or with `complete` the complete
+// expectation, the integral of l(x + t) / l(x) over t >= 0.
+void expectation(const LifeModel& life, std::span<const double> x, bool complete, std::span<double> out);
+
+// ---- annuities ----------------------------------------------------------------------------
+// Payments of 1/m at the times defer + k/m (k = 0 .. n m - 1; with `due` false one period
+// later) while the life survives, discounted and divided by l(x). n = kWholeLife for life.
+// Requires defer * m and n * m whole numbers (n * m when finite).
+struct Payments {
+    int m = 1;
+    bool due = true;
+    double defer = 0.0;
+};
+void annuity(const LifeModel& life, const Interest& r, const Payments& p, std::span<const double> x,
+             std::span<const double> n, std::span<double> out);
+
+// The m-thly annuity-due from annual annuities-due ann (of the same x, n, defer, due=true):
+// method udd: alpha(m) ann - beta(m) (E(defer) - E(defer + n));
+// woolhouse with 2 terms: ann - (m - 1) / 2m (E(defer) - E(defer + n));
+// with 3 terms also - (m^2 - 1) / 12 m^2 (E(defer) (delta + mu(x + defer)) - E(defer + n) (delta + mu(x + defer + n))),
+// where E(t) = v^t l(x + t) / l(x). Then, for payments in arrears, minus (E(defer) - E(defer + n)) / m.
+// Whole years only (n, defer).
+enum class AnnuityApproximation { udd, woolhouse2, woolhouse3 };
+void annuity_from_annual(const LifeModel& life, const Interest& r, const Payments& p, AnnuityApproximation method,
+                         std::span<const double> x, std::span<const double> n, std::span<double> out);
+
+// ---- insurances and endowments ------------------------------------------------------------
+// 1 paid at the end of the year of death within the years defer .. defer + n - 1 (whole years;
+// n = kWholeLife for life), times `death_factor` (i / i^(m) or i / delta under UDD), plus with
+// `endowment` 1 paid at defer + n on survival; discounted and divided by l(x).
+void insurance(const LifeModel& life, const Interest& r, double defer, double death_factor, bool endowment,
+               std::span<const double> x, std::span<const double> n, std::span<double> out);
+// out[k] = v^n l(x + n) / l(x) for any real n >= 0.
+void pure_endowment(const LifeModel& life, const Interest& r, std::span<const double> x, std::span<const double> n,
+                    std::span<double> out);
+
+// ---- commutation columns ------------------------------------------------------------------
+// Over the ages 0 .. l.size() - 1: d = l(x) - l(x + 1) (the last age: l(w)), D = v^x l, C = v^(x + 1) d,
+// N, S, M and R the sums from the age upwards of D, N, C and M. Every span has l.size() elements.
+struct Commutation {
+    std::span<double> d, D, N, S, C, M, R;
+};
+void commutation(std::span<const double> l, const Interest& r, const Commutation& out) noexcept;
+
+}  // namespace veltrane::kernels

@@ -1,0 +1,230 @@
+"""Life contingencies on any decrement table: annuities, insurances, endowments, premiums, commutation.
+
+The values are computed by C++ kernels from the table's unrounded survivorship, under the
+configured ``lx_interpolation`` wherever a fraction of a year enters, and are not rounded. The
+annual effective interest rate ``i`` is taken from the call, or else from the table's
+``interest_rate`` (life tables carry one); it must be >= 0.
+
+Ages ``x`` may be a number or a vector (fractional ages too, up to the table's last age ``w``),
+and so may terms ``n``: a vector of ages and a vector of terms pair element by element, and a
+single value goes with every element of the other. A number in gives a float out, otherwise a
+float64 vector. In the year after ``w`` the survivors at ``w`` leave uniformly (see
+``docs/annuities.md``).
+
+Examples
+--------
+>>> from veltrane import LifeTable
+>>> from veltrane.contingencies import annuity, insurance
+>>> t = LifeTable("SULT", "u", interest_rate=0.05)
+>>> round(annuity(t, 65), 10), round(insurance(t, 65), 10)
+(13.5497900377, 0.354771903)
+"""
+
+from __future__ import annotations
+
+from typing import TYPE_CHECKING, Literal
+
+import numpy as np
+import polars as pl
+
+from veltrane.tables import decrement as _native
+
+if TYPE_CHECKING:
+    from collections.abc import Sequence
+
+    from numpy.typing import NDArray
+
+    from veltrane.tables.decrement import DecrementTable
+
+    Numbers = float | Sequence[float] | NDArray[np.floating] | NDArray[np.integer]
+
+__all__ = ["annuity", "commutation", "insurance", "net_premium", "pure_endowment"]
+
+AnnuityMethod = Literal["exact", "udd", "woolhouse", "woolhouse2"]
+
+#: The columns of :func:`commutation`, in order.
+COMMUTATION_COLUMNS = ("age", "lx", "dx", "Dx", "Nx", "Sx", "Cx", "Mx", "Rx")
+
+
+def annuity(
+    table: DecrementTable,
+    x: Numbers,
+    n: Numbers | None = None,
+    *,
+    i: float | None = None,
+    due: bool = True,
+    m: int = 1,
+    defer: float = 0,
+    method: AnnuityMethod = "exact",
+) -> float | NDArray[np.float64]:
+    """Present value of a life annuity of 1 a year, payable ``m`` times a year in instalments of 1/m.
+
+    Parameters
+    ----------
+    table : DecrementTable
+        The table whose survivorship the payments depend on.
+    x : float or array-like
+        Ages in [0, w].
+    n : float or array-like, optional
+        Term in years (payments stop at ``defer + n``); None for a whole-life annuity.
+    i : float, optional
+        Annual effective interest rate (>= 0); defaults to the table's ``interest_rate``.
+    due : bool, default True
+        Payments at the start of each period (annuity-due); False: at the end (immediate).
+    m : {1, 2, 3, 4, 6, 12}
+        Payments per year.
+    defer : float, default 0
+        Years before the first period begins.
+    method : {"exact", "udd", "woolhouse", "woolhouse2"}
+        "exact" sums every payment with the table's own survival at fractional ages (``n`` and
+        ``defer`` in whole periods of 1/m); "udd" applies alpha(m) and beta(m) to the annual
+        annuity; "woolhouse" is Woolhouse's formula with three terms, "woolhouse2" with two (these
+        three need whole years).
+
+    Returns
+    -------
+    float or ndarray
+        A float for a single age and term, otherwise a float64 vector.
+    """
+    return _native._annuity(table, x, n, i, due, m, defer, method)
+
+
+def insurance(
+    table: DecrementTable,
+    x: Numbers,
+    n: Numbers | None = None,
+    *,
+    i: float | None = None,
+    m: int | None = 1,
+    defer: float = 0,
+    endowment: bool = False,
+) -> float | NDArray[np.float64]:
+    """Present value of 1 paid on leaving the table (death, for a life table).
+
+    Parameters
+    ----------
+    table : DecrementTable
+        The table whose decrements the benefit depends on.
+    x : float or array-like
+        Ages in [0, w].
+    n : float or array-like, optional
+        Term in whole years (cover from ``defer`` to ``defer + n``); None for whole life.
+    i : float, optional
+        Annual effective interest rate (>= 0); defaults to the table's ``interest_rate``.
+    m : {1, 2, 3, 4, 6, 12} or None, default 1
+        The benefit is paid at the end of the 1/m-year period of death: m = 1 at the end of the
+        year, None at the moment of death. Other than 1, under a uniform distribution of deaths
+        (factor i / i^(m), or i / delta for None).
+    defer : float, default 0
+        Whole years before the cover begins.
+    endowment : bool, default False
+        Also pay 1 on survival to ``defer + n`` (an endowment insurance; needs ``n``).
+
+    Returns
+    -------
+    float or ndarray
+    """
+    return _native._insurance(table, x, n, i, m, defer, endowment)
+
+
+def pure_endowment(
+    table: DecrementTable, x: Numbers, n: Numbers, *, i: float | None = None
+) -> float | NDArray[np.float64]:
+    """Present value of 1 paid after ``n`` years on survival: v^n l(x + n) / l(x).
+
+    Parameters
+    ----------
+    table : DecrementTable
+    x : float or array-like
+        Ages in [0, w].
+    n : float or array-like
+        Years (>= 0; any real number).
+    i : float, optional
+        Annual effective interest rate (>= 0); defaults to the table's ``interest_rate``.
+
+    Returns
+    -------
+    float or ndarray
+    """
+    return _native._pure_endowment(table, x, n, i)
+
+
+def net_premium(
+    table: DecrementTable,
+    x: Numbers,
+    n: Numbers | None = None,
+    *,
+    i: float | None = None,
+    endowment: bool = False,
+    m: int = 1,
+    benefit_m: int | None = 1,
+    premium_term: Numbers | None = None,
+    method: AnnuityMethod = "exact",
+) -> float | NDArray[np.float64]:
+    """Level annual net premium (equivalence principle) of a whole-life, term or endowment insurance.
+
+    P = A / ä: the insurance of sum 1 (:func:`insurance` with ``n``, ``endowment`` and
+    ``m=benefit_m``) over the annuity-due of the premiums (:func:`annuity` over ``premium_term``,
+    by default the whole term ``n``, payable ``m`` times a year with ``method``). The result is the
+    yearly total: each instalment is P / m.
+
+    Parameters
+    ----------
+    table : DecrementTable
+    x : float or array-like
+        Ages in [0, w].
+    n : float or array-like, optional
+        Term of the cover in whole years; None for whole life.
+    i : float, optional
+        Annual effective interest rate (>= 0); defaults to the table's ``interest_rate``.
+    endowment : bool, default False
+        An endowment insurance (needs ``n``) instead of a term or whole-life insurance.
+    m : {1, 2, 3, 4, 6, 12}
+        Premium instalments per year.
+    benefit_m : {1, 2, 3, 4, 6, 12} or None
+        As ``m`` of :func:`insurance`: when the benefit is paid.
+    premium_term : float or array-like, optional
+        Years of premium payment (limited payments); at most ``n``.
+    method : {"exact", "udd", "woolhouse", "woolhouse2"}
+        How the premium annuity is valued (see :func:`annuity`).
+
+    Returns
+    -------
+    float or ndarray
+        NaN at an age where no life remains.
+    """
+    paying = n if premium_term is None else premium_term
+    if premium_term is not None and n is not None:
+        # Checked here only for the relation of the two; each is checked by the functions below.
+        excess = np.asarray(premium_term, dtype=np.float64) > np.asarray(n, dtype=np.float64)
+        if np.any(excess):
+            raise ValueError("[net_premium] premium_term must not exceed n")
+    benefit = _native._insurance(table, x, n, i, benefit_m, 0, endowment)
+    payments = _native._annuity(table, x, paying, i, True, m, 0, method)
+    with np.errstate(divide="ignore", invalid="ignore"):
+        premium = np.divide(benefit, payments)
+    return float(premium) if np.ndim(premium) == 0 else premium
+
+
+def commutation(table: DecrementTable, i: float | None = None) -> pl.DataFrame:
+    """Commutation columns of the table at interest ``i``, one row per integer age 0..w.
+
+    ``lx`` is the unrounded survivorship (``table.lx()`` rounds it to ``decimals.lx``);
+    ``dx = lx - l(x+1)`` (all of ``lw`` at the last age); ``Dx = v^x lx``, ``Cx = v^(x+1) dx``;
+    ``Nx``, ``Sx``, ``Mx``, ``Rx`` sum ``Dx``, ``Nx``, ``Cx``, ``Mx`` from the age upwards. So
+    ``Nx / Dx`` is the annual annuity-due and ``Mx / Dx`` the whole-life insurance.
+
+    Parameters
+    ----------
+    table : DecrementTable
+    i : float, optional
+        Annual effective interest rate (>= 0); defaults to the table's ``interest_rate``.
+
+    Returns
+    -------
+    polars.DataFrame
+        Columns age (Int64), lx, dx, Dx, Nx, Sx, Cx, Mx, Rx (Float64).
+    """
+    columns = _native._commutation(table, i)
+    ages = np.arange(columns[0].size, dtype=np.int64)
+    return pl.DataFrame(dict(zip(COMMUTATION_COLUMNS, (ages, *columns), strict=True)))
