@@ -240,6 +240,10 @@ py::ref build_public_class(PyObject* module, ModuleState* st) {
     py::ref plotting = import("veltrane.tables.plotting");
     py::ref plot = py::check(PyObject_GetAttrString(plotting.get(), "plot"));
     py::require(PyDict_SetItemString(ns.get(), "plot", plot.get()));
+    // The select path builds a table from a private source, glue over the public API.
+    py::ref paths = import("veltrane.tables.select_path");
+    py::ref select_path = py::check(PyObject_GetAttrString(paths.get(), "select_path"));
+    py::require(PyDict_SetItemString(ns.get(), "select_path", select_path.get()));
 
     PyObject* call[5] = {reinterpret_cast<PyObject*>(st->core_type), abc_base.get(), abcmeta.get(), abstract.get(),
                          ns.get()};

@@ -1,0 +1,106 @@
+"""Select paths: a life selected at age x follows the select diagonal, then the ultimate column."""
+
+from __future__ import annotations
+
+import numpy as np
+import pytest
+
+from veltrane import LifeTable
+from veltrane.contingencies import annuity
+
+
+def diagonal(table_of, x: int, start: int, period: int, w: int) -> np.ndarray:
+    """The path built by hand, rate by rate, from tables keyed on each duration."""
+    out = np.zeros(w + 1)
+    for age in range(x, w + 1):
+        duration = start + age - x
+        out[age] = table_of(duration if duration < start + period else "ult").qx(age)
+    return out
+
+
+def test_bundled_select_model_by_hand():
+    # q[x] = 0.81 q(x) and q[x]+1 = 0.9 q(x+1) on the ultimate table, then q(x) itself.
+    ultimate = LifeTable("SULT", "u")
+    for duration in (1, 2, "ult"):
+        path = LifeTable("SSSM", "u", duration=duration, interest_rate=0.05).select_path(60)
+        q = ultimate.qx(np.arange(121.0))
+        hand = np.concatenate([np.zeros(60), [0.81 * q[60], 0.9 * q[61]], q[62:]])
+        np.testing.assert_allclose(path.qx(np.arange(121.0)), hand, rtol=1e-10, atol=0)
+        # Survival and annuities follow the diagonal, not the table's one column.
+        assert path.tpx(60, 3) == pytest.approx((1 - hand[60]) * (1 - hand[61]) * (1 - hand[62]), rel=1e-12)
+        v = 1 / 1.05 ** np.arange(61)
+        survival = np.concatenate([[1.0], np.cumprod(1 - hand[60:])])[:61]
+        assert annuity(path, 60) == pytest.approx(float(v @ survival), rel=1e-10)
+        assert path.interest_rate == 0.05 and path.start_age == 60 and path.table_name == "SSSM[60]"
+
+
+@pytest.mark.parametrize(("period", "start"), [(2, 1), (3, 0), (1, 1)])
+@pytest.mark.parametrize("generational", [None, "exponential"])
+@pytest.mark.parametrize("x", [0, 3, 6, 7])
+def test_path_reads_each_duration_on_its_diagonal(tables, period, start, generational, x):
+    tables.select("SEL", period=period, start=start, generational=generational)
+    cohort = 1970 if generational else None
+
+    def table_of(duration):
+        return LifeTable("SEL", "f", cohort=cohort, duration=duration)
+
+    w = table_of("ult").w
+    path = table_of(start).select_path(x)
+    np.testing.assert_array_equal(path.qx(np.arange(w + 1.0)), diagonal(table_of, x, start, period, w))
+    assert path.cohort is None and path.duration is None and not path._table.select
+
+
+def test_years_ends_the_path_and_the_original_is_untouched():
+    table = LifeTable("SSSM", "u", duration=2)
+    before = table.qx(np.arange(121.0))
+    short = table.select_path(70, years=5)
+    assert short.w == 75
+    np.testing.assert_array_equal(short.qx(np.arange(75.0)), table.select_path(70).qx(np.arange(75.0)))
+    assert short.qx(75) == 1.0  # the end of a table, as everywhere
+    assert table.select_path(118, years=10).w == 120
+    np.testing.assert_array_equal(table.qx(np.arange(121.0)), before)
+    assert table.duration == 2 and not table.modified
+    # The path is a table of its own: modifying it leaves the select table as it was.
+    short.modify_qx({"decrement_multiplier": 2.0})
+    np.testing.assert_array_equal(table.qx(np.arange(121.0)), before)
+
+
+def test_keeps_the_class_and_the_unisex_blend(tables):
+    tables.select("SEL", period=2, start=1)
+    blend = LifeTable("SEL", "u", duration=1, unisex_blend=0.3)
+    path = blend.select_path(4)
+    by_hand = diagonal(lambda d: LifeTable("SEL", "u", duration=d, unisex_blend=0.3), 4, 1, 2, blend.w)
+    np.testing.assert_array_equal(path.qx(np.arange(blend.w + 1.0)), by_hand)
+    assert path.sex == "u" and path.unisex_blend is None
+
+    class Tagged(LifeTable):
+        __slots__ = ("tag",)
+
+    tagged = Tagged("SEL", "m", duration=1)
+    tagged.tag = "block 7"
+    tagged_path = tagged.select_path(2)
+    assert type(tagged_path) is Tagged and tagged_path.tag == "block 7"
+
+
+@pytest.mark.parametrize(
+    ("make", "args", "error", "message"),
+    [
+        (lambda: LifeTable("SULT", "u"), (60,), ValueError, "needs a select-and-ultimate table"),
+        (lambda: _modified(), (60,), ValueError, "before modifications"),
+        (lambda: LifeTable("SSSM", "u", duration=1), (19,), ValueError, "issue_age must be from 20 to 120"),
+        (lambda: LifeTable("SSSM", "u", duration=1), (121,), ValueError, "issue_age must be from 20 to 120"),
+        (lambda: LifeTable("SSSM", "u", duration=1), (60.0,), TypeError, "issue_age must be an integer"),
+        (lambda: LifeTable("SSSM", "u", duration=1), (True,), TypeError, "issue_age must be an integer"),
+        (lambda: LifeTable("SSSM", "u", duration=1), (60, -1), ValueError, "years must be >= 0"),
+        (lambda: LifeTable("SSSM", "u"), (60,), ValueError, "'duration'"),
+    ],
+)
+def test_refusals(make, args, error, message):
+    with pytest.raises(error, match=message):
+        make().select_path(*args)
+
+
+def _modified() -> LifeTable:
+    table = LifeTable("SSSM", "u", duration=1)
+    table.modify_qx({"decrement_multiplier": 1.2})
+    return table
