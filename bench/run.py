@@ -7,7 +7,8 @@ Run with ``make bench`` or ``python bench/run.py``. Every figure is a median ove
 - whole-vector work (1,000,000 ages, a 3,000 x 1,000 grid, the whole table) next to the
   shortest NumPy expression computing the same values from the same vectors (target: at most
   1.5 times the NumPy time); the script checks that the values are the same;
-- the peak memory of the grid, against the result plus one piece of 2,000,000 cells.
+- the peak memory of the grid, against the result plus one piece of 2,000,000 cells;
+- then table construction (construction.py) and the life contingencies (contingencies.py).
 
 A benchmark, not a test: it reports, it never fails a build.
 """
@@ -140,8 +141,10 @@ def main() -> None:
 
     sys.path.insert(0, str(Path(__file__).resolve().parent))
     import construction
+    import contingencies
 
     construction.main()
+    contingencies.main()
 
 
 if __name__ == "__main__":

@@ -1,0 +1,79 @@
+"""Cost of the life contingencies: scalar calls and whole-life annuities at every age.
+
+Run with ``python bench/contingencies.py`` (or as part of ``make bench``). Targets: a scalar
+call at most 2 microseconds; the whole-life annuity-due at every age of a table in one call at
+most 2 times the NumPy floor (survivors by cumprod, discount, reverse cumsum), whose values it
+must reproduce. A benchmark, not a test: it reports, it never fails a build.
+"""
+
+from __future__ import annotations
+
+import statistics
+import timeit
+
+import numpy as np
+
+from timing import median_seconds
+from veltrane import LifeTable
+from veltrane.contingencies import annuity, commutation, insurance, pure_endowment
+
+SCALAR_TARGET_US = 2.0
+VECTOR_TARGET_RATIO = 2.0
+RATE = 0.05
+
+
+def scalar_us(stmt: str, namespace: dict[str, object], number: int = 50_000) -> float:
+    runs = timeit.repeat(stmt, globals=namespace, number=number, repeat=7)
+    return statistics.median(runs) / number * 1e6
+
+
+def numpy_annuities(q: np.ndarray, i: float) -> np.ndarray:
+    """ä(x) at every age 0..w: l from the rates, D = v^x l, N = the sums of D from x up, N / D."""
+    lx = np.concatenate(([1.0], np.cumprod(1.0 - q[:-1])))
+    d = lx * (1.0 + i) ** -np.arange(q.size)
+    return np.cumsum(d[::-1])[::-1] / d
+
+
+def main() -> None:
+    table = LifeTable("SULT", "u", interest_rate=RATE)
+    ages = np.arange(table.w + 1.0)
+    print(f"Life contingencies (table SULT, i = {RATE}, linear interpolation)")
+    print(f"  scalar calls, median per call (target <= {SCALAR_TARGET_US:.0f} us)")
+    namespace: dict[str, object] = {
+        "t": table,
+        "annuity": annuity,
+        "insurance": insurance,
+        "pure_endowment": pure_endowment,
+    }
+    for stmt in (
+        "annuity(t, 65)",
+        "annuity(t, 65, 20, m=12)",
+        "annuity(t, 65, m=12, method='woolhouse')",
+        "insurance(t, 65, m=None)",
+        "pure_endowment(t, 65, 20)",
+        "t.ex(65, complete=True)",
+    ):
+        us = scalar_us(stmt, namespace)
+        print(f"    {stmt:<42} {us:6.2f} us   {'ok' if us <= SCALAR_TARGET_US else 'MISSED'}")
+
+    ours = annuity(table, ages)
+    floor = numpy_annuities(table._decrement, RATE)
+    same = np.allclose(ours, floor, rtol=1e-12, atol=0.0)
+    ours_us = median_seconds(lambda: annuity(table, ages), number=2000) * 1e6
+    floor_us = median_seconds(lambda: numpy_annuities(table._decrement, RATE), number=2000) * 1e6
+    ratio = ours_us / floor_us
+    print(f"  whole-life annuity-due at all {ages.size} ages in one call (target <= {VECTOR_TARGET_RATIO}x NumPy)")
+    print(
+        f"    veltrane {ours_us:7.2f} us   NumPy {floor_us:7.2f} us   {ratio:5.2f}x   "
+        f"{'ok' if ratio <= VECTOR_TARGET_RATIO else 'MISSED'}   same values (1e-12): {'yes' if same else 'NO'}"
+    )
+    many = np.random.default_rng(7).uniform(20.0, 100.0, 1_000_000)
+    many_ms = median_seconds(lambda: annuity(table, many, 20, m=12), number=1, repeat=5) * 1e3
+    print(f"    20-year monthly annuities at 1,000,000 fractional ages: {many_ms:.1f} ms")
+    columns_us = median_seconds(lambda: commutation(table), number=200) * 1e6
+    print(f"    commutation columns (a Polars frame of {ages.size} rows): {columns_us:.1f} us")
+    print()
+
+
+if __name__ == "__main__":
+    main()
