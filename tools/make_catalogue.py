@@ -1,0 +1,174 @@
+"""Generate the catalogue of published tables bundled in ``src/veltrane/tables/data/``.
+
+Run ``python tools/make_catalogue.py [RAW_DIR]``, where RAW_DIR holds the raw published files
+(by default ``../shared/tables/raw`` beside the checkout). It rewrites the catalogue's tables;
+the output depends only on this script and the raw files, so anyone can regenerate and compare.
+``python tools/make_catalogue.py --check [RAW_DIR]`` writes nothing and exits 1 when a bundled
+file differs from what the raw files give.
+
+Each entry below names the raw files it reads and the publisher's formula it encodes; the
+documentation table in ``docs/catalogue.md`` lists the same entries for users.
+"""
+
+from __future__ import annotations
+
+import argparse
+import csv
+import filecmp
+import sys
+import tempfile
+from collections.abc import Callable
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any
+
+ROOT = Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(ROOT / "src"))
+
+from veltrane.tables.source import BUNDLED_TABLES_DIR, write_table  # noqa: E402
+
+DEFAULT_RAW = ROOT.parent / "shared" / "tables" / "raw"
+Columns = dict[str, list[Any]]
+Built = tuple[dict[str, Any], Columns]
+
+
+@dataclass(frozen=True)
+class Entry:
+    """One bundled table: its name and how to build it from the raw folder."""
+
+    name: str
+    build: Callable[[Path], Built]
+
+
+# -- reading the R-package CSV exports --------------------------------------------------------
+def csv_rows(path: Path, header_rows: int) -> list[list[str]]:
+    """The numeric rows of a CSV export, after its label rows."""
+    with path.open(encoding="utf-8-sig", newline="") as handle:
+        rows = list(csv.reader(handle))
+    return [row for row in rows[header_rows:] if row and row[0].strip()]
+
+
+def column(rows: list[list[str]], index: int) -> list[float]:
+    return [float(row[index]) for row in rows]
+
+
+def ages_of(rows: list[list[str]]) -> list[int]:
+    ages = [int(row[0]) for row in rows]
+    if ages != list(range(len(ages))):
+        raise ValueError(f"ages must run 0, 1, 2, ... without gaps, got {ages[:5]}...")
+    return ages
+
+
+# -- the entries -------------------------------------------------------------------------------
+def avoe_2005r(raw: Path) -> Built:
+    """AVÖ 2005-R, individual annuitants, first order: base year 2001 with the damped trend."""
+    rows = csv_rows(raw / "r-mortality-tables" / "Austria_Annuities_AVOe2005R.csv", 3)
+    ages = ages_of(rows)
+    # Columns: age, qx2001, qx2001G, trendM, qy2001, qy2001G, trendF (first order, individual = no "G").
+    columns: Columns = {
+        "age": ages,
+        "qx_m": column(rows, 1),
+        "qx_f": column(rows, 4),
+        "mi_m": column(rows, 3),
+        "mi_f": column(rows, 6),
+    }
+    metadata = {
+        "table_type": "life",
+        "description": (
+            "AVÖ 2005-R annuitant mortality, individual contracts, first order (valuation basis): "
+            "base year 2001 rates with the age-dependent trend lambda(x), damped by an arctangent, "
+            "q(x, Y) = q(x, 2001) exp(-lambda(x) 100 atan((Y - 2001) / 100)) for Y = cohort + x. "
+            "Ages 0-121, closed by q(121) = 1."
+        ),
+        "sexes": ["m", "f"],
+        "sex_independent": False,
+        "omega": ages[-1],
+        "generational": {"formula_type": "exponential_damped", "base_year": 2001},
+        "source": {
+            "name": "AVÖ 2005-R Rententafel (Einzelrenten, 1. Ordnung)",
+            "authority": "Aktuarvereinigung Österreichs (AVÖ)",
+            "reference": "AVÖ 2005-R annuity valuation table, base year 2001 with trend lambda(x)",
+            "year": 2005,
+            "notes": "Full-precision columns of the published table; equal after rounding to the "
+            "SOA table service's tables 2959, 2960 (base) and 2963, 2964 (trend).",
+        },
+    }
+    return metadata, columns
+
+
+def dav_2004r(raw: Path) -> Built:
+    """DAV 2004 R aggregate table, first order, with its single first-order trend."""
+    folder = raw / "r-mortality-tables"
+    rates = csv_rows(folder / "Germany_Annuities_DAV2004R.csv", 4)
+    trends = csv_rows(folder / "Germany_Annuities_DAV2004R_Trends.csv", 4)
+    ages = ages_of(rates)
+    if ages_of(trends) != ages:
+        raise ValueError("DAV 2004 R: the rate and trend files cover different ages")
+    # Rates: columns 11, 12 = aggregate table, first order, men, women. Trends: 9, 10 = first order F(x).
+    columns: Columns = {
+        "age": ages,
+        "qx_m": column(rates, 11),
+        "qx_f": column(rates, 12),
+        "mi_m": column(trends, 9),
+        "mi_f": column(trends, 10),
+    }
+    metadata = {
+        "table_type": "life",
+        "description": (
+            "DAV 2004 R annuitant mortality, aggregate table, first order (valuation basis): base "
+            "year 1999 rates with the first-order trend F(x), q(x, Y) = q(x, 1999) exp(-F(x) (Y - 1999)) "
+            "for Y = cohort + x. Ages 0-121, closed by q(121) = 1."
+        ),
+        "sexes": ["m", "f"],
+        "sex_independent": False,
+        "omega": ages[-1],
+        "generational": {"formula_type": "exponential", "base_year": 1999},
+        "source": {
+            "name": "DAV-Sterbetafel 2004 R (Aggregattafel, 1. Ordnung)",
+            "authority": "Deutsche Aktuarvereinigung (DAV)",
+            "reference": "DAV 2004 R: base table 1999 and trend function F(x), first order",
+            "year": 2004,
+        },
+    }
+    return metadata, columns
+
+
+CATALOGUE: tuple[Entry, ...] = (
+    Entry("AVOE2005R", avoe_2005r),
+    Entry("DAV2004R", dav_2004r),
+)
+
+
+def write_all(raw: Path, directory: Path) -> list[Path]:
+    written = []
+    for entry in CATALOGUE:
+        metadata, columns = entry.build(raw)
+        toml = write_table(directory, entry.name, metadata, columns)
+        written += [toml, toml.with_suffix(".csv")]
+    return written
+
+
+def main(argv: list[str] | None = None) -> int:
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("raw", nargs="?", type=Path, default=DEFAULT_RAW, help="the raw published files")
+    parser.add_argument("--check", action="store_true", help="compare with the bundled files; write nothing")
+    args = parser.parse_args(argv)
+    if not args.raw.is_dir():
+        parser.error(f"no raw tables folder at {args.raw}")
+    if not args.check:
+        for path in write_all(args.raw, BUNDLED_TABLES_DIR):
+            print(f"wrote {path}")
+        return 0
+    with tempfile.TemporaryDirectory() as scratch:
+        stale = [
+            path.name
+            for path in write_all(args.raw, Path(scratch))
+            if not filecmp.cmp(path, BUNDLED_TABLES_DIR / path.name, shallow=False)
+        ]
+    for name in stale:
+        print(f"differs from its raw source: {name}")
+    return 1 if stale else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
