@@ -29,11 +29,11 @@ def generator():
     return module
 
 
-def xtbml_values(name: str) -> np.ndarray:
+def xtbml_values(name: str, block: int = 0) -> np.ndarray:
     """The values of a one-dimensional XTbML table, by age from its first age (read here on purpose
     without the project's reader, as an independent witness)."""
-    root = ET.parse(RAW / "soa-xtbml" / name).getroot()
-    return np.array([float(y.text) for y in root.iter("Y")])
+    table = ET.parse(RAW / "soa-xtbml" / name).getroot().findall("Table")[block]
+    return np.array([float(y.text) for y in table.iter("Y")])
 
 
 @needs_raw
@@ -72,3 +72,23 @@ def test_generational_cohorts_follow_the_publisher_formula(name, base_year, fact
         # The calendar year of the base: the published base rate itself.
         assert LifeTable(name, sex, cohort=base_year - 65).qx(65) == round(q[65], 12)
     assert table.qx(table.w) == 1.0
+
+
+@needs_raw
+def test_iam_cohort_2025_is_the_published_illustration():
+    # The publisher's illustration: the rates of the cohort born in 2025, at every age.
+    path = RAW / "r-mortality-tables" / "USA_Annuities_2012IAM.csv"
+    printed = np.genfromtxt(path, delimiter=",", skip_header=4, usecols=(8, 9))
+    for sex, values in zip("mf", printed.T, strict=True):
+        ours = LifeTable("IAM2012", sex, cohort=2025).qx(np.arange(values.size, dtype=float))
+        np.testing.assert_allclose(ours, values, rtol=0, atol=5e-13)
+
+
+@needs_raw
+@pytest.mark.parametrize(("sex", "file"), [("m", "t3123.xml"), ("f", "t3124.xml")])
+def test_rp2014_healthy_annuitant_starts_at_50(sex, file):
+    published = xtbml_values(file, block=1)  # employee, healthy annuitant, disabled retiree
+    table = LifeTable("RP2014HA", sex)
+    assert table.start_age == 50 and table.w == 120
+    np.testing.assert_array_equal(table.qx(np.arange(50.0, 121.0)), published)
+    assert np.all(table.qx(np.arange(0.0, 50.0)) == 0.0)

@@ -133,9 +133,77 @@ def dav_2004r(raw: Path) -> Built:
     return metadata, columns
 
 
+def iam_2012_g2(raw: Path) -> Built:
+    """2012 IAM Period table (loaded) with Projection Scale G2: the generational 2012 IAM."""
+    rows = csv_rows(raw / "r-mortality-tables" / "USA_Annuities_2012IAM.csv", 4)
+    ages = ages_of(rows)
+    # Columns: age, basic q (m, f), period q (m, f), G2 (m, f), then a YOB 2025 illustration.
+    columns: Columns = {
+        "age": ages,
+        "qx_m": column(rows, 3),
+        "qx_f": column(rows, 4),
+        "mi_m": column(rows, 5),
+        "mi_f": column(rows, 6),
+    }
+    metadata = {
+        "table_type": "life",
+        "description": (
+            "2012 Individual Annuity Mortality: the 2012 IAM Period table (loaded basic table) projected "
+            "generationally with Projection Scale G2, q(x, Y) = q(x, 2012) (1 - G2(x))^(Y - 2012) for "
+            "Y = cohort + x; age nearest birthday, ages 0-120, closed by q(120) = 1."
+        ),
+        "sexes": ["m", "f"],
+        "sex_independent": False,
+        "omega": ages[-1],
+        "generational": {"formula_type": "compound", "base_year": 2012},
+        "source": {
+            "name": "2012 IAM Period Table with Projection Scale G2, ANB",
+            "authority": "Society of Actuaries / American Academy of Actuaries; adopted by the NAIC",
+            "reference": "2012 Individual Annuity Reserving Table report (SOA table service tables 2585, "
+            "2586 for the period rates and 2583, 2584 for Scale G2)",
+            "year": 2012,
+        },
+    }
+    return metadata, columns
+
+
+def rp_2014_healthy_annuitant(raw: Path) -> Built:
+    """RP-2014 healthy annuitant rates (total dataset), ages 50-120."""
+    rows = csv_rows(raw / "r-mortality-tables" / "USA_PensionPlans_RP2014.csv", 4)
+    # Columns: age, then males employee, healthy annuitant, disabled retiree, then the same for
+    # females; the healthy annuitant rates are published from age 50.
+    by_age = {int(row[0]): (row[2], row[5]) for row in rows}
+    first = min(age for age, (male, _) in by_age.items() if male.strip())
+    omega = max(by_age)
+    ages = list(range(omega + 1))
+    columns: Columns = {"age": ages}
+    for sex, index in (("m", 0), ("f", 1)):
+        columns[f"qx_{sex}"] = [float(by_age[x][index]) if x >= first else 0.0 for x in ages]
+    metadata = {
+        "table_type": "life",
+        "description": (
+            f"RP-2014 healthy annuitant mortality (total dataset), a period table published from age "
+            f"{first} to {omega}; rates are 0 below age {first} (start_age), where the table says nothing."
+        ),
+        "sexes": ["m", "f"],
+        "sex_independent": False,
+        "omega": omega,
+        "start_age": first,
+        "source": {
+            "name": "RP-2014 Healthy Annuitant, Total Dataset",
+            "authority": "Society of Actuaries, Retirement Plans Experience Committee",
+            "reference": "RP-2014 Mortality Tables report (SOA table service tables 3123 and 3124)",
+            "year": 2014,
+        },
+    }
+    return metadata, columns
+
+
 CATALOGUE: tuple[Entry, ...] = (
     Entry("AVOE2005R", avoe_2005r),
     Entry("DAV2004R", dav_2004r),
+    Entry("IAM2012", iam_2012_g2),
+    Entry("RP2014HA", rp_2014_healthy_annuitant),
 )
 
 
