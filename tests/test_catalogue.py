@@ -92,3 +92,8 @@ def test_rp2014_healthy_annuitant_starts_at_50(sex, file):
     assert table.start_age == 50 and table.w == 120
     np.testing.assert_array_equal(table.qx(np.arange(50.0, 121.0)), published)
     assert np.all(table.qx(np.arange(0.0, 50.0)) == 0.0)
+
+
+def test_docs_page_lists_every_bundled_table():
+    page = (Path(__file__).resolve().parents[1] / "docs" / "catalogue.md").read_text(encoding="utf-8")
+    assert page == generator().render_docs()

@@ -17,6 +17,7 @@ import csv
 import filecmp
 import sys
 import tempfile
+import tomllib
 from collections.abc import Callable
 from dataclasses import dataclass
 from pathlib import Path
@@ -25,7 +26,9 @@ from typing import Any
 ROOT = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(ROOT / "src"))
 
-from veltrane.tables.source import BUNDLED_TABLES_DIR, write_table  # noqa: E402
+import polars as pl  # noqa: E402
+
+from veltrane.tables.source import BUNDLED_TABLES_DIR, TableSource, write_table  # noqa: E402
 
 DEFAULT_RAW = ROOT.parent / "shared" / "tables" / "raw"
 Columns = dict[str, list[Any]]
@@ -182,7 +185,7 @@ def rp_2014_healthy_annuitant(raw: Path) -> Built:
     metadata = {
         "table_type": "life",
         "description": (
-            f"RP-2014 healthy annuitant mortality (total dataset), a period table published from age "
+            f"RP-2014 healthy annuitant mortality (total dataset): a period table published from age "
             f"{first} to {omega}; rates are 0 below age {first} (start_age), where the table says nothing."
         ),
         "sexes": ["m", "f"],
@@ -207,6 +210,48 @@ CATALOGUE: tuple[Entry, ...] = (
 )
 
 
+DOCS_PAGE = ROOT / "docs" / "catalogue.md"
+_DOCS_HEAD = """# The bundled tables
+
+Every table below ships with the package and is found by name, for example
+`LifeTable("IAM2012", "f", cohort=1960)`; `veltrane tables` lists them and
+`veltrane show NAME` prints one. Except for the two textbook tables built from Makeham's law
+(`tools/make_bundled_tables.py`), they are generated from the publishers' files by
+`tools/make_catalogue.py`, which names the file and column each rate comes from. The names are
+stable: a table is never renamed or changed in place; a corrected edition gets a new name.
+
+| name | type | sexes | structure | ages | what it is | source |
+|---|---|---|---|---|---|---|
+"""
+
+
+def render_docs(directory: Path = BUNDLED_TABLES_DIR) -> str:
+    """The catalogue page, one row per bundled table, from the tables' own metadata."""
+    rows = []
+    for toml in sorted(directory.glob("*.toml")):
+        source = TableSource.from_frame(toml.stem, _metadata(toml), pl.read_csv(toml.with_suffix(".csv")))
+        lines = dict(line.split(": ", 1) for line in source._taxonomy_lines())
+        cited = source.metadata.get("source", {})
+        origin = ", ".join(str(cited[k]) for k in ("authority", "year") if k in cited)
+        what = source.description.split(":")[0].split(". ")[0]
+        cells = [
+            f"`{source.table_name}`",
+            source.table_type,
+            ", ".join(source.valid_sexes),
+            lines["Structure"],
+            f"{source.start_age}-{source.w}",
+            what,
+            origin,
+        ]
+        rows.append("| " + " | ".join(cell.replace("|", "/") for cell in cells) + " |\n")
+    return _DOCS_HEAD + "".join(rows)
+
+
+def _metadata(toml: Path) -> dict[str, Any]:
+    with toml.open("rb") as handle:
+        return tomllib.load(handle)
+
+
 def write_all(raw: Path, directory: Path) -> list[Path]:
     written = []
     for entry in CATALOGUE:
@@ -226,6 +271,8 @@ def main(argv: list[str] | None = None) -> int:
     if not args.check:
         for path in write_all(args.raw, BUNDLED_TABLES_DIR):
             print(f"wrote {path}")
+        DOCS_PAGE.write_text(render_docs(), encoding="utf-8")
+        print(f"wrote {DOCS_PAGE}")
         return 0
     with tempfile.TemporaryDirectory() as scratch:
         stale = [
