@@ -85,11 +85,12 @@ def _strings(frame: pl.DataFrame, column: str) -> pl.Series:
 
 
 def _integers(frame: pl.DataFrame, column: str, *, nullable: bool) -> pl.Series:
-    """The column as Int64; floats are accepted when whole."""
+    """The column as Int64; floats are accepted when whole (NaN counts as missing)."""
     series = frame[column]
     if series.dtype == pl.Null:
         return series.cast(pl.Int64)
     if series.dtype.is_float():
+        series = series.fill_nan(None)  # pandas marks missing numbers with NaN
         finite = series.is_finite().fill_null(True)
         whole = (series.fill_nan(0.5).round(0) == series.fill_nan(0.5)).fill_null(True)
         bad = ~(finite & whole)
