@@ -7,7 +7,9 @@ Run with ``make bench`` or ``python bench/run.py``. Every figure is a median ove
 - whole-vector work (1,000,000 ages, a 3,000 x 1,000 grid, the whole table) next to the
   shortest NumPy expression computing the same values from the same vectors (target: at most
   1.5 times the NumPy time); the script checks that the values are the same;
-- the peak memory of the grid, against the result plus one piece of 2,000,000 cells.
+- the peak memory of the grid, against the result plus one piece of 2,000,000 cells;
+- then table construction (construction.py) and a portfolio projection of 1,000,000 policies
+  over 30 years (portfolio.py).
 
 A benchmark, not a test: it reports, it never fails a build.
 """
@@ -140,8 +142,10 @@ def main() -> None:
 
     sys.path.insert(0, str(Path(__file__).resolve().parent))
     import construction
+    import portfolio
 
     construction.main()
+    portfolio.main()
 
 
 if __name__ == "__main__":

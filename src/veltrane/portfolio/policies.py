@@ -132,11 +132,7 @@ def read_policies(policies: Any) -> PolicyBatch:
     for column in REQUIRED:
         _no_nulls(frame, column)
     names = _strings(frame, "table_name")
-    sexes = _strings(frame, "sex").str.to_lowercase()
-    bad_sex = ~sexes.is_in(SEXES)
-    if bad_sex.any():
-        row = _first(bad_sex)
-        raise _bad("sex", row, f"{frame['sex'][row]!r} is not one of 'm', 'f', 'u'")
+    sexes = _strings(frame, "sex")
     age = _integers(frame, "issue_age", nullable=False)
     if (age < 0).any():
         row = _first(age < 0)
@@ -144,97 +140,88 @@ def read_policies(policies: Any) -> PolicyBatch:
     if (age > 10_000).any():
         row = _first(age > 10_000)
         raise _bad("issue_age", row, f"{age[row]} is not an age")
-
     cohort = _cohorts(frame, age)
-    duration = _integers(frame, "duration", nullable=True) if "duration" in frame.columns else None
-    blend = _blends(frame, sexes)
+    blend = _blends(frame)
 
-    # The structure of each table, read once per name.
-    first_rows = (
-        pl.DataFrame({"name": names})
-        .with_row_index("row")
-        .group_by("name", maintain_order=True)
-        .agg(pl.first("row"))
+    # Text is handled once per distinct key, not once per policy: the policies are grouped by
+    # their keys as given, each key is checked, and keys that name the same table are merged.
+    columns: dict[str, pl.Series] = {"table_name": names, "sex": sexes}
+    if cohort is not None:
+        columns["cohort"] = cohort
+    if blend is not None:
+        columns["unisex_blend"] = blend
+    keys = pl.DataFrame(columns).with_row_index("row")
+    grouped = keys.group_by(list(columns), maintain_order=True).agg(pl.col("row")).with_row_index("g")
+    placed = grouped.select("g", "row").explode("row")
+    raw_group = np.empty(frame.height, dtype=np.int64)
+    raw_group[placed["row"].to_numpy()] = placed["g"].to_numpy()
+    described = grouped.select(
+        "table_name",
+        "sex",
+        pl.col("cohort") if cohort is not None else pl.lit(None, dtype=pl.Int64).alias("cohort"),
+        pl.col("unisex_blend") if blend is not None else pl.lit(None, dtype=pl.Float64).alias("unisex_blend"),
+        pl.col("row").list.first().alias("first"),
     )
-    sources = {str(n): _source(str(n), int(r)) for n, r in first_rows.iter_rows()}
-    is_generational = names.replace_strict(
-        {n: s.generational for n, s in sources.items()}, return_dtype=pl.Boolean
-    )
-    is_select = names.replace_strict({n: s.select for n, s in sources.items()}, return_dtype=pl.Boolean)
-    start = names.replace_strict(
-        {n: int(s.start_duration or 1) for n, s in sources.items()}, return_dtype=pl.Int64
-    )
-
-    _require_where(
-        cohort, is_generational, "cohort", "a generational table needs a year of birth (cohort or issue_year)"
-    )
-    cohort_key = pl.when(is_generational).then(cohort).otherwise(None) if cohort is not None else None
-    if duration is None:
-        if is_select.any():
-            raise _bad(
-                "duration", _first(is_select), "a select table needs a select duration (column 'duration')"
-            )
-        offset = np.zeros(frame.height, dtype=np.int32)
-    else:
-        _require_where(duration, is_select, "duration", "a select table needs a select duration")
-        low = is_select & (duration < start)
-        if low.fill_null(False).any():
-            row = _first(low.fill_null(False))
-            raise _bad(
-                "duration", row, f"{duration[row]} is below the table's first select duration {start[row]}"
-            )
-        off = (duration - start).clip(upper_bound=1_000_000)
-        offset = pl.select(pl.when(is_select).then(off).otherwise(0)).to_series().to_numpy().astype(np.int32)
-
-    keys = pl.DataFrame(
-        {
-            "table_name": names,
-            "sex": sexes,
-            "cohort": _column_or_nulls(cohort_key, frame.height, pl.Int64),
-            "unisex_blend": _column_or_nulls(blend, frame.height, pl.Float64),
-        }
-    ).with_row_index("row")
-    grouped = keys.group_by(["table_name", "sex", "cohort", "unisex_blend"], maintain_order=True).agg(
-        pl.col("row")
-    )
-    group = np.empty(frame.height, dtype=np.int32)
+    sources: dict[str, TableSource] = {}
+    merged: dict[tuple[str, str, int | None, float | None], int] = {}
     groups: list[TableGroup] = []
-    for g, (name, sex, coh, weight, rows) in enumerate(grouped.iter_rows()):
-        rows_array = np.asarray(rows, dtype=np.int64)
-        group[rows_array] = g
-        source = sources[name]
-        groups.append(
-            TableGroup(
-                table_name=name,
-                sex=sex,
-                cohort=None if coh is None else int(coh),
-                unisex_blend=None if weight is None else float(weight),
-                table_type=source.table_type,
-                select=bool(source.select),
-                start_duration=int(source.start_duration or 1),
-                select_period=int(source.select_period or 0) if source.select else 0,
-                first_row=int(rows_array[0]),
+    remap = np.empty(grouped.height, dtype=np.int32)
+    for raw, (name, sex_given, coh, weight, first) in enumerate(described.iter_rows()):
+        sex = sex_given.lower()
+        if sex not in SEXES:
+            raise _bad("sex", first, f"{sex_given!r} is not one of 'm', 'f', 'u'")
+        if weight is not None and sex != "u":
+            raise _bad("unisex_blend", first, f"a blend is only valid for sex 'u', not {sex!r}")
+        source = sources.get(name) or sources.setdefault(name, _source(name, first))
+        if source.generational and coh is None:
+            raise _bad("cohort", first, "a generational table needs a year of birth (cohort or issue_year)")
+        key = (name, sex, int(coh) if source.generational else None, weight)
+        g = merged.get(key)
+        if g is None:
+            g = merged[key] = len(groups)
+            groups.append(
+                TableGroup(
+                    table_name=name,
+                    sex=sex,
+                    cohort=key[2],
+                    unisex_blend=None if weight is None else float(weight),
+                    table_type=source.table_type,
+                    select=bool(source.select),
+                    start_duration=int(source.start_duration or 1),
+                    select_period=int(source.select_period or 0) if source.select else 0,
+                    first_row=int(first),
+                )
             )
-        )
+        remap[raw] = g
+    group = remap[raw_group]
+    offset = _duration_offsets(frame, group, groups)
     return PolicyBatch(tuple(groups), group, age.to_numpy().astype(np.int32), offset)
 
 
-def _column_or_nulls(series: Any, height: int, dtype: Any) -> pl.Series:
-    if series is None:
-        return pl.Series([None] * height, dtype=dtype)
-    if isinstance(series, pl.Expr):
-        return pl.select(series).to_series().cast(dtype)
-    return series.cast(dtype)
-
-
-def _require_where(values: pl.Series | None, needed: pl.Series, column: str, problem: str) -> None:
-    if values is None:
-        if needed.any():
-            raise _bad(column, _first(needed), problem)
-        return
-    lacking = needed & values.is_null()
+def _duration_offsets(frame: pl.DataFrame, group: np.ndarray, groups: list[TableGroup]) -> np.ndarray:
+    """Each policy's select duration at the start less its table's first one (0 off select tables)."""
+    select = np.array([g.select for g in groups], dtype=bool)[group]
+    if not select.any():
+        return np.zeros(frame.height, dtype=np.int32)
+    if "duration" not in frame.columns:
+        raise _bad(
+            "duration", int(np.argmax(select)), "a select table needs a select duration (column 'duration')"
+        )
+    series = _integers(frame, "duration", nullable=True)
+    lacking = select & series.is_null().to_numpy()
     if lacking.any():
-        raise _bad(column, _first(lacking), problem)
+        raise _bad("duration", int(np.argmax(lacking)), "a select table needs a select duration")
+    duration = series.fill_null(0).to_numpy()
+    start = np.array([g.start_duration for g in groups], dtype=np.int64)[group]
+    low = select & (duration < start)
+    if low.any():
+        row = int(np.argmax(low))
+        raise _bad(
+            "duration", row, f"{duration[row]} is below the table's first select duration {start[row]}"
+        )
+    # Past the select period every duration reads the ultimate column: keep the offset small.
+    offset = np.where(select, np.minimum(duration - start, 1_000_000), 0)
+    return offset.astype(np.int32)
 
 
 def _cohorts(frame: pl.DataFrame, age: pl.Series) -> pl.Series | None:
@@ -256,19 +243,14 @@ def _cohorts(frame: pl.DataFrame, age: pl.Series) -> pl.Series | None:
     return None
 
 
-def _blends(frame: pl.DataFrame, sexes: pl.Series) -> pl.Series | None:
+def _blends(frame: pl.DataFrame) -> pl.Series | None:
     if "unisex_blend" not in frame.columns:
         return None
     blend = frame["unisex_blend"]
     if not (blend.dtype.is_numeric() or blend.dtype == pl.Null):
         raise ValueError(f"policies: column 'unisex_blend' must hold numbers, got {blend.dtype}")
-    blend = blend.cast(pl.Float64)
-    given = blend.is_not_null()
-    wrong_sex = given & (sexes != "u")
-    if wrong_sex.any():
-        row = _first(wrong_sex)
-        raise _bad("unisex_blend", row, f"a blend is only valid for sex 'u', not {sexes[row]!r}")
-    out_of_range = given & ~((blend >= 0.0) & (blend <= 1.0)).fill_null(False)
+    blend = blend.cast(pl.Float64).fill_nan(None)
+    out_of_range = ((blend < 0.0) | (blend > 1.0)).fill_null(False)
     if out_of_range.any():
         row = _first(out_of_range)
         raise _bad("unisex_blend", row, f"{blend[row]!r} is not in [0.0, 1.0]")

@@ -85,16 +85,20 @@ def project_block(
     n = group.shape[0]
     if out is None:
         out = {name: np.empty((n, years), dtype=np.float64) for name in what}
-    steps = np.arange(years, dtype=np.int64)
-    # Flat index into the bank: row (select column by duration) x width + age, built in place.
-    index = np.add.outer(offset.astype(np.int64), steps)
-    np.minimum(index, plan.period[group][:, None], out=index)
-    index += plan.first_row[group][:, None]
-    index *= plan.width
-    index += age[:, None]
-    index += steps
+    width = plan.width
+    period = plan.period[group].astype(np.int64)
+    # Flat index into the bank (row x width + age). Every policy reads its table's ultimate row
+    # (the last of its rows) once its select years are over; only the first columns, while
+    # select durations remain, point to earlier rows.
+    ultimate = (plan.first_row[group] + period) * width + age
+    index = np.add.outer(ultimate, np.arange(years, dtype=np.int64))
+    for k in range(min(years, int(plan.period.max(initial=0)))):
+        back = period - offset - k
+        np.maximum(back, 0, out=back)
+        back *= width
+        index[:, k] -= back
     q = out["qx"] if "qx" in out else np.empty((n, years), dtype=np.float64)
-    np.take(plan.bank.reshape(-1), index, out=q)
+    np.take(plan.bank.reshape(-1), index, out=q, mode="clip")  # in range by construction
     del index
     if "px" in out:
         np.subtract(1.0, q, out=out["px"])
