@@ -97,14 +97,18 @@ def test_bundled_tables_round_trip(name, keys, rate):
         ("PER", {"sex": "m", "pending": False}),
         ("GEN", {"sex": "m", "pending": True}),
         ("SEL", {"cohort": None, "pending": True}),
+        ("GEN", {"unisex_blend": 0.4, "pending": True}),
     ],
 )
 def test_every_structure_round_trips(standard, name, keys):
     table = LifeTable(name, **keys)
     back = roundtrip(table)
     assert_same(table, back)
+    assert back.unisex_blend == table.unisex_blend
     if table.metadata_pending:  # the shell completes like the original
         rest = {"sex": "m", "duration": 1} if name == "SEL" else {"cohort": 1960}
+        if table.unisex_blend is not None:
+            rest["sex"] = "u"
         table.configure(**rest)
         back.configure(**rest)
         assert_same(table, back)
@@ -166,6 +170,12 @@ def test_combined_table_travels_as_it_was_when_merged(kinds):
     nested = ExitTable("LAPSE2", "m")
     nested.modify_qx({"table_combination": lapse})  # an exit table combined with a combined one
     assert_same(nested, roundtrip(nested))
+
+
+def test_copies_pickle_like_their_originals(kinds):
+    table = LifeTable("LIFE", "m")
+    table.modify_qx({"table_combination": ExitTable("LAPSE", "m"), "decrement_multiplier": 1.1})
+    assert_same(table, roundtrip(table.copy()))
 
 
 def test_subclass_slots_and_dict_round_trip(kinds):

@@ -145,7 +145,7 @@ def recipe(table: DecrementTable) -> TableRecipe:
     if duration is None and table.is_select and table._select_duration_set:
         duration = "ult"
     sex = table._sex
-    blend = table._unisex_blend if sex == "u" else None
+    blend = table._unisex_blend if sex in ("u", None) else None  # a pending shell may hold one
     pending = bool(table._metadata_pending)
     digests = None if pending else (_digest(table._decrement_base), _digest(table._decrement))
     return TableRecipe(
@@ -275,7 +275,7 @@ def _combination_record(value: Any) -> Any:
     def one(other: DecrementTable) -> TableRecipe | _Unpicklable:
         try:
             return recipe(other)
-        except ValueError as exc:
+        except Exception as exc:  # the merge itself succeeded; only pickling is lost
             return _Unpicklable(f"the table merged by table_combination cannot be pickled: {exc}")
 
     if isinstance(value, DecrementTable):
