@@ -45,9 +45,8 @@ class RatePlan:
         self, groups: tuple[TableGroup, ...], width: int, registry: TableRegistry | None = None
     ) -> None:
         self.groups = groups
-        self.registry = (
-            registry if registry is not None else TableRegistry(maxsize=max(256, 4 * len(groups) + 8))
-        )
+        needed = sum(group.select_period + 1 for group in groups)  # a select table: every column
+        self.registry = registry if registry is not None else TableRegistry(maxsize=max(256, needed))
         rows: list[DecrementTable] = []
         first_row = np.empty(len(groups), dtype=np.int64)
         period = np.empty(len(groups), dtype=np.int32)
