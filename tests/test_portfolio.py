@@ -9,6 +9,7 @@ import pytest
 
 from veltrane import TableRegistry
 from veltrane.portfolio import QUANTITIES, project
+from veltrane.tables import decrement
 from veltrane.tables.exit import ExitTable
 from veltrane.tables.life import LifeTable
 from veltrane.tables.source import TableSource
@@ -106,19 +107,25 @@ def test_blocks_do_not_change_the_result(book, block_size):
     assert all(whole[k].tobytes() == part[k].tobytes() for k in ("qx", "dx"))
 
 
+def built_since(mark: int) -> int:
+    """Tables constructed since ``mark`` (one id is drawn per table; this call draws one too)."""
+    return next(decrement._table_instance_counter) - mark - 1
+
+
 def test_each_distinct_table_is_built_once(book):
-    registry = TableRegistry(maxsize=1000)
-    project(book, 3, registry=registry)
-    keys = list(registry._cache)
-    assert len(keys) == len(set(keys))
-    select_tables = {("SSSM", 3), ("SEL", 3), ("GSEL", 3)}  # two select columns and the ultimate
-    per_name = {name: columns for name, columns in select_tables}
+    # A select table needs one table per select column and one for the ultimate column.
+    columns = {"SSSM": 3, "SEL": 3, "GSEL": 3}
     distinct = book.with_columns(
-        pl.when(pl.col("table_name").is_in(["GEN", "GSEL"])).then(pl.col("cohort")).alias("cohort")
+        cohort=pl.when(pl.col("table_name").is_in(["GEN", "GSEL"])).then(pl.col("cohort"))
     ).unique(["table_name", "sex", "cohort", "unisex_blend"])
-    assert len(keys) == sum(per_name.get(name, 1) for name in distinct["table_name"])
-    again = project(book, 3, registry=registry)  # a second batch reuses every table
-    assert len(registry._cache) == len(keys) and again["qx"].shape == (len(book), 3)
+    expected = sum(columns.get(name, 1) for name in distinct["table_name"])
+    registry = TableRegistry(maxsize=1000)
+    mark = next(decrement._table_instance_counter)
+    project(book, 3, registry=registry)
+    assert built_since(mark) == expected == len(registry)
+    mark = next(decrement._table_instance_counter)
+    project(book, 3, registry=registry)  # a second batch on the same registry builds nothing
+    assert built_since(mark) == 0
 
 
 def test_pandas_frames_and_issue_years(standard):
