@@ -3,7 +3,7 @@ PYTHON ?= python3
 VENV   ?= .venv
 BIN    := $(VENV)/bin
 PIP    := $(BIN)/python -m pip
-DEPS   := numpy polars scikit-build-core cmake ninja pytest hypothesis pandas matplotlib ruff==0.17.6
+DEPS   := numpy polars scikit-build-core cmake ninja pytest hypothesis pandas matplotlib 'dask[distributed]' ruff==0.17.6
 SOURCES := pyproject.toml CMakeLists.txt $(shell find native src -type f \( -name '*.cpp' -o -name '*.hpp' -o -name '*.py' -o -name '*.toml' -o -name '*.csv' \) 2>/dev/null)
 
 ASAN_VENV := .venv-asan

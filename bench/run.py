@@ -8,7 +8,8 @@ Run with ``make bench`` or ``python bench/run.py``. Every figure is a median ove
   shortest NumPy expression computing the same values from the same vectors (target: at most
   1.5 times the NumPy time); the script checks that the values are the same;
 - the peak memory of the grid, against the result plus one piece of 2,000,000 cells;
-- then table construction (construction.py) and the life contingencies (contingencies.py).
+- then table construction (construction.py), the life contingencies (contingencies.py) and a
+  portfolio projection of 1,000,000 policies over 30 years (portfolio.py).
 
 A benchmark, not a test: it reports, it never fails a build.
 """
@@ -142,9 +143,11 @@ def main() -> None:
     sys.path.insert(0, str(Path(__file__).resolve().parent))
     import construction
     import contingencies
+    import portfolio
 
     construction.main()
     contingencies.main()
+    portfolio.main()
 
 
 if __name__ == "__main__":

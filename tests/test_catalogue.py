@@ -24,8 +24,12 @@ needs_raw = pytest.mark.skipif(
 def generator():
     spec = importlib.util.spec_from_file_location("make_catalogue", TOOLS / "make_catalogue.py")
     module = importlib.util.module_from_spec(spec)
-    sys.modules.setdefault("make_catalogue", module)  # dataclasses look their module up
-    spec.loader.exec_module(module)
+    saved = list(sys.path)  # the script puts the checkout's sources first; worker processes must not see them
+    sys.modules["make_catalogue"] = module  # dataclasses look their module up
+    try:
+        spec.loader.exec_module(module)
+    finally:
+        sys.path[:] = saved
     return module
 
 

@@ -28,7 +28,10 @@ sys.path.insert(0, str(ROOT / "src"))
 
 import polars as pl  # noqa: E402
 
-from veltrane.tables.source import BUNDLED_TABLES_DIR, TableSource, write_table  # noqa: E402
+from veltrane.tables.source import TableSource, write_table  # noqa: E402
+
+# The checkout's own data folder, whichever installed copy of the package the import found.
+BUNDLED_TABLES_DIR = ROOT / "src" / "veltrane" / "tables" / "data"
 
 DEFAULT_RAW = ROOT.parent / "shared" / "tables" / "raw"
 Columns = dict[str, list[Any]]

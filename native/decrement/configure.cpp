@@ -183,6 +183,12 @@ py::ref capture_snapshot(TableObject* t) {
                           PyTuple_GET_ITEM(split, 0) == t->decrement.get();
     py::ref parts = in_force ? py::check(PyTuple_GetSlice(split, 1, 4)) : py::ref::borrow(Py_None);
     put("cause_split", parts.get());
+    // Likewise the record of the modification in force.
+    PyObject* record = t->modification_record.get();
+    const bool recorded = record != nullptr && PyTuple_Check(record) && PyTuple_GET_SIZE(record) == 3 &&
+                          PyTuple_GET_ITEM(record, 0) == t->decrement.get();
+    py::ref record_parts = recorded ? py::check(PyTuple_GetSlice(record, 1, 3)) : py::ref::borrow(Py_None);
+    put("modification_record", record_parts.get());
     return snap;
 }
 
@@ -246,6 +252,16 @@ void restore_snapshot(TableObject* t, PyObject* snap) {
         split = py::check(PyTuple_Pack(4, decrement.get(), PyTuple_GET_ITEM(p, 0), PyTuple_GET_ITEM(p, 1),
                                        PyTuple_GET_ITEM(p, 2)));
     }
+    py::ref record_parts = py::ref::steal(PyMapping_GetItemString(snap, "modification_record"));
+    if (!record_parts) {
+        if (!PyErr_ExceptionMatches(PyExc_KeyError)) py::throw_error_set();
+        PyErr_Clear();
+    }
+    py::ref record;
+    if (record_parts && PyTuple_Check(record_parts.get()) && PyTuple_GET_SIZE(record_parts.get()) == 2 && decrement) {
+        PyObject* p = record_parts.get();
+        record = py::check(PyTuple_Pack(3, decrement.get(), PyTuple_GET_ITEM(p, 0), PyTuple_GET_ITEM(p, 1)));
+    }
     auto none_as_null = [](py::ref r) { return r.is_none() ? py::ref() : std::move(r); };
     t->sex = none_as_null(std::move(sex));
     t->cohort = none_as_null(std::move(cohort));
@@ -261,6 +277,7 @@ void restore_snapshot(TableObject* t, PyObject* snap) {
     t->decrement_base = std::move(base);
     if (has_source) restore_source(t, source);
     t->cause_split = std::move(split);
+    t->modification_record = std::move(record);
     invalidate_caches(t);
 }
 

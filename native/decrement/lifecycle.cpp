@@ -479,6 +479,7 @@ PyObject* Table_reset_modifications(PyObject* self, PyObject*) {
         t->w_mod = std::move(w);
         t->modifications_applied = std::move(empty);
         t->cause_split.reset();
+        t->modification_record.reset();
         invalidate_caches(t);
         Py_RETURN_NONE;
     });

@@ -51,6 +51,7 @@ struct Pass {
     long long w = 0;
     std::size_t offset = 0;  // the sum of the age shifts so far: index 0 holds this age
     py::ref descriptors;     // a new list, committed at the end
+    py::ref record;          // (key, value) pairs as applied, to rebuild the call elsewhere
     // The pass's own cuts at certainty (a combination reports its own): the omega before the
     // first and the last cut, reported together in one warning when the pass ends.
     std::optional<long long> cut_from;
@@ -61,6 +62,12 @@ struct Pass {
         py::require(PyList_Append(descriptors.get(), item.get()));
     }
     long long last_index() const { return static_cast<long long>(q.size()) - 1; }
+    // Values are kept as applied: vectors as private float64 copies, pairs as tuples, so a
+    // caller's later change of what it passed cannot alter the record.
+    void keep(const char* key, py::ref value) {
+        py::ref pair = py::check(Py_BuildValue("(sO)", key, value.get()));
+        py::require(PyList_Append(record.get(), pair.get()));
+    }
 };
 
 // Clips the rates to [0, 1] and cuts the table after the first certain rate that live rates
@@ -100,10 +107,12 @@ void apply_age_shift(Pass& p, PyObject* value) {
     p.w = p.last_index();
     p.offset += static_cast<std::size_t>(*n);
     p.describe("age_shift=" + std::to_string(*n));
+    p.keep("age_shift", py::check(PyLong_FromLongLong(*n)));
 }
 
 void apply_multiplier(Pass& p, PyObject* value) {
     std::string descriptor;
+    py::ref kept;
     if (is_vector_argument(value)) {
         py::ref m = numeric::as_f64(value, "decrement_multiplier");
         const std::span<const double> factors = py::f64_cspan(m.get());
@@ -115,11 +124,13 @@ void apply_multiplier(Pass& p, PyObject* value) {
         if (!kernels::all_positive(factors)) refuse("All decrement_multiplier values must be positive");
         kernels::scale(p.q, factors);
         descriptor = "decrement_multiplier=<array[" + std::to_string(factors.size()) + "]>";
+        kept = py::f64_from(factors);
     } else {
         const std::optional<double> m = real_value(value);
         if (!m || !std::isfinite(*m) || !(*m > 0.0)) refuse("decrement_multiplier must be a positive number or array");
         kernels::scale(p.q, *m);
         descriptor = "decrement_multiplier=" + format_of(value);
+        kept = py::ref::borrow(value);
     }
     if (!kernels::all_finite(p.q)) refuse("decrement_multiplier produced non-finite values (NaN/Inf)");
     const double largest = kernels::max_value(p.q);
@@ -127,6 +138,7 @@ void apply_multiplier(Pass& p, PyObject* value) {
         refuse("decrement_multiplier produced unrealistically large rates (max=" + float_text(largest, 'e', 3) + ")");
     }
     p.describe(descriptor);
+    p.keep("decrement_multiplier", std::move(kept));
 }
 
 void apply_geometric_increase(Pass& p, PyObject* value) {
@@ -168,6 +180,7 @@ void apply_geometric_increase(Pass& p, PyObject* value) {
     }
     kernels::geometric_increase(p.q, base, static_cast<std::size_t>(*start));
     p.describe("decrement_geometric_increase=(" + format_of(c_obj.get()) + ", " + format_of(start_obj.get()) + ")");
+    p.keep("decrement_geometric_increase", py::check(PyTuple_Pack(2, c_obj.get(), start_obj.get())));
 }
 
 void apply_aggravated_risk(Pass& p, PyObject* value) {
@@ -176,6 +189,7 @@ void apply_aggravated_risk(Pass& p, PyObject* value) {
     if (*f > kLargestAggravation) refuse("aggravated_risk factor is unrealistically large");
     kernels::aggravate(p.q, *f);
     p.describe("aggravated_risk=" + format_of(value));
+    p.keep("aggravated_risk", py::ref::borrow(value));
 }
 
 // A private dict of the modifications: iteration then cannot be disturbed by Python code
@@ -203,6 +217,7 @@ void modify_decrement(PyObject* self, PyObject* modifications) {
     p.q.assign(base.begin(), base.end());
     p.w = source_w(t);
     p.descriptors = py::check(PyList_New(0));
+    p.record = py::check(PyList_New(0));
 
     py::ref mods = modification_dict(modifications);
     const CombinationMode mode = parse_combination_mode(mods.get());
@@ -213,7 +228,10 @@ void modify_decrement(PyObject* self, PyObject* modifications) {
         PyObject* item = PyList_GET_ITEM(items.get(), k);
         PyObject* key = PyTuple_GET_ITEM(item, 0);
         PyObject* value = PyTuple_GET_ITEM(item, 1);
-        if (str_equals(key, "combination_mode")) continue;
+        if (str_equals(key, "combination_mode")) {
+            p.keep("combination_mode", py::ref::borrow(value));
+            continue;
+        }
         causes.reset();
         if (str_equals(key, "age_shift")) {
             apply_age_shift(p, value);
@@ -228,6 +246,8 @@ void modify_decrement(PyObject* self, PyObject* modifications) {
             clip_if_above_certainty(p);
             causes.emplace();
             combine_tables(self, value, p.q, p.w, p.offset, mode, p.descriptors.get(), &*causes);
+            // The other tables as they are now: a later change of them does not reach these rates.
+            p.keep("table_combination", call_pickling("_combination_record", value));
             continue;
         } else {
             refuse("Unknown modification key: '" + str_of(key) + "'");
@@ -252,9 +272,12 @@ void modify_decrement(PyObject* self, PyObject* modifications) {
     kernels::round_in_place(py::f64_span(rounded.get()), decimals);
     py::ref w_obj = py::check(PyLong_FromLongLong(p.w));
     py::ref split = causes ? cause_split_of(rounded.get(), *causes) : py::ref();
+    py::ref applied = py::check(PyList_AsTuple(p.record.get()));
+    py::ref record = py::check(Py_BuildValue("(OOi)", rounded.get(), applied.get(), decimals));
 
     t->modifications_applied = std::move(p.descriptors);
     t->cause_split = std::move(split);
+    t->modification_record = std::move(record);
     t->decrement = std::move(rounded);
     t->modified = true;
     invalidate_caches(t);

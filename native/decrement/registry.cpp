@@ -365,6 +365,10 @@ PyGetSetDef registry_getsets[] = {
 
 #define FASTCALL_KW(f) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(f))
 
+PyObject* Registry_reduce(PyObject* self, PyObject*) {
+    return py::guard([&] { return call_pickling("_reduce_registry", self).release(); });
+}
+
 PyMethodDef registry_methods[] = {
     {"get_or_create", FASTCALL_KW(Registry_get_or_create), METH_FASTCALL | METH_KEYWORDS,
      "get_or_create($self, /, table_class, table_name, sex, cohort=None, duration=None, unisex_blend=None, "
@@ -376,6 +380,8 @@ PyMethodDef registry_methods[] = {
      "registry's default class. The key is (table_class, table_name, sex, cohort, duration,\n"
      "unisex_blend) exactly as passed; interest_rate and extra arguments are not part of it."},
     {"clear", Registry_clear_method, METH_NOARGS, "clear($self, /)\n--\n\nForget every cached table."},
+    {"__reduce__", Registry_reduce, METH_NOARGS,
+     "__reduce__($self, /)\n--\n\nPickle the registry with its tables, in order of use."},
     {nullptr, nullptr, 0, nullptr},
 };
 

@@ -79,6 +79,10 @@ struct TableObject {
     // (the _decrement they produced, cause labels, UDD flag, causes x ages rates). Valid only
     // while that very vector is the one in force.
     py::ref cause_split;
+    // What the last modification was made of, to rebuild it elsewhere (pickling), or null: a
+    // tuple (the _decrement it produced, ((key, value), ...), decimals of the rounding). Valid
+    // only while that very vector is the one in force.
+    py::ref modification_record;
     bool table_is_private_copy;
     bool metadata_pending;
     bool suspend_rebuild;

@@ -39,6 +39,7 @@ PyObject* table_alloc(PyTypeObject* type, ModuleState* st) {
     new (&t->decimals_config) py::ref();
     new (&t->decimals_decrement_cache) py::ref();
     new (&t->cause_split) py::ref();
+    new (&t->modification_record) py::ref();
     t->table_is_private_copy = false;
     t->metadata_pending = false;
     t->suspend_rebuild = false;
@@ -78,6 +79,7 @@ void for_each_ref(TableObject* t, F&& f) {
     f(t->decimals_config);
     f(t->decimals_decrement_cache);
     f(t->cause_split);
+    f(t->modification_record);
 }
 
 int Table_traverse(PyObject* self, visitproc visit, void* arg) {
@@ -146,6 +148,7 @@ constexpr RefField ref_fields[] = {
     {"_decimals_config", &TableObject::decimals_config, false},
     {"_decimals_decrement_cache", &TableObject::decimals_decrement_cache, false},
     {"_cause_split", &TableObject::cause_split, false},
+    {"_modification_record", &TableObject::modification_record, false},
 };
 
 constexpr BoolField bool_fields[] = {
@@ -365,14 +368,6 @@ PyObject* Table_copy_method(PyObject* self, PyObject* const*, Py_ssize_t nargs, 
     });
 }
 
-PyObject* Table_reduce(PyObject* self, PyObject*) {
-    py::ref name = type_name_of(self);
-    PyErr_Format(PyExc_TypeError,
-                 "cannot pickle '%U' object: rebuild the table from its name and keys in the worker",
-                 name.get());
-    return nullptr;
-}
-
 #define FASTCALL_KW(f) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(f))
 
 // getset table: the raw fields first, then the properties from lifecycle.cpp.
@@ -413,10 +408,10 @@ PyMethodDef* build_methods() {
                  "copy($self, /)\n--\n\nReturn a deep copy of the table (``copy.deepcopy(self)``)."};
     defs[n++] = {"__copy__", FASTCALL_KW(Table_copy_method), METH_FASTCALL | METH_KEYWORDS,
                  "__copy__($self, /)\n--\n\nA table shares nothing mutable with its copy: the same as copy()."};
-    defs[n++] = {"__reduce__", Table_reduce, METH_NOARGS, nullptr};
     for (const PyMethodDef* groups :
          {lifecycle_methods, configure_methods, rates_methods, unisex_methods, function_methods,
-          presentation_methods, summary_methods, modification_methods, timestep_methods, period_methods, cause_methods,
+          presentation_methods, summary_methods, modification_methods, pickling_methods, timestep_methods, period_methods,
+          cause_methods,
           expectation_methods}) {
         for (const PyMethodDef* p = groups; p->ml_name != nullptr; ++p) {
             if (n + 1 >= std::size(defs)) throw std::length_error("too many table methods for the method table");

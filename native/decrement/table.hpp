@@ -100,6 +100,11 @@ extern PyMethodDef period_methods[];
 // causes.cpp: the dependent rates of each merged cause.
 extern PyMethodDef cause_methods[];
 
+// pickling.cpp: __reduce__ of tables and registries, through veltrane.tables._pickling.
+extern PyMethodDef pickling_methods[];
+// Calls a function of veltrane.tables._pickling with one argument.
+py::ref call_pickling(const char* function, PyObject* arg);
+
 // registry.cpp: _validate_table_class and TableRegistry.
 void bind_registry(PyObject* module);
 

@@ -1,0 +1,257 @@
+"""Reading a frame of policies: column checks, table lookup and the grouping by table.
+
+Each policy names its table and the keys that table needs; the checks here say which column and
+which row (0-based position in the frame) is wrong, before any table is built.
+"""
+
+from __future__ import annotations
+
+from collections.abc import Mapping
+from dataclasses import dataclass
+from typing import Any
+
+import numpy as np
+import polars as pl
+
+from veltrane.tables.source import TableSource
+
+__all__ = ["PolicyBatch", "TableGroup", "read_policies"]
+
+REQUIRED = ("table_name", "sex", "issue_age")
+SEXES = ("m", "f", "u")
+
+
+@dataclass(frozen=True)
+class TableGroup:
+    """The policies that share one table: its name and keys, and what its file says."""
+
+    table_name: str
+    sex: str
+    cohort: int | None
+    unisex_blend: float | None
+    table_type: str
+    select: bool
+    start_duration: int  # first select duration (1 when the table has none)
+    select_period: int  # number of select columns (0 for a table without them)
+    first_row: int  # the first policy of the group, for messages
+
+
+@dataclass(frozen=True)
+class PolicyBatch:
+    """The policies as arrays: each one's table group, its age and its select duration offset."""
+
+    groups: tuple[TableGroup, ...]
+    group: np.ndarray  # int32 index into groups, one per policy
+    age: np.ndarray  # int32 age at the start of the projection
+    duration_offset: np.ndarray  # int32 select duration at the start less the table's first one
+
+    def __len__(self) -> int:
+        return int(self.group.shape[0])
+
+
+def _bad(column: str, row: int, problem: str) -> ValueError:
+    return ValueError(f"policies: column {column!r}, row {row}: {problem}")
+
+
+def _as_frame(policies: Any) -> pl.DataFrame:
+    if isinstance(policies, pl.DataFrame):
+        return policies
+    if isinstance(policies, Mapping):
+        return pl.DataFrame(dict(policies))
+    module = type(policies).__module__
+    if module.startswith("pandas") and hasattr(policies, "columns"):
+        # Column by column through NumPy: no pyarrow needed.
+        return pl.DataFrame({str(c): policies[c].to_numpy() for c in policies.columns})
+    raise TypeError(f"policies must be a polars or pandas DataFrame (or a mapping of columns), got {module}")
+
+
+def _first(mask: pl.Series) -> int:
+    return int(mask.arg_true()[0])
+
+
+def _no_nulls(frame: pl.DataFrame, column: str) -> None:
+    nulls = frame[column].is_null()
+    if nulls.any():
+        raise _bad(column, _first(nulls), "missing value")
+
+
+def _strings(frame: pl.DataFrame, column: str) -> pl.Series:
+    series = frame[column]
+    if series.dtype == pl.Categorical or series.dtype == pl.Enum:
+        series = series.cast(pl.String)
+    if series.dtype != pl.String:
+        raise ValueError(f"policies: column {column!r} must hold text, got {series.dtype}")
+    return series
+
+
+def _integers(frame: pl.DataFrame, column: str, *, nullable: bool) -> pl.Series:
+    """The column as Int64; floats are accepted when whole (NaN counts as missing)."""
+    series = frame[column]
+    if series.dtype == pl.Null:
+        return series.cast(pl.Int64)
+    if series.dtype.is_float():
+        series = series.fill_nan(None)  # pandas marks missing numbers with NaN
+        finite = series.is_finite().fill_null(True)
+        whole = (series.fill_nan(0.5).round(0) == series.fill_nan(0.5)).fill_null(True)
+        bad = ~(finite & whole)
+        if bad.any():
+            row = _first(bad)
+            raise _bad(column, row, f"{series[row]!r} is not a whole number")
+        series = series.cast(pl.Int64)
+    elif not series.dtype.is_integer():
+        raise ValueError(f"policies: column {column!r} must hold whole numbers, got {series.dtype}")
+    if not nullable and series.is_null().any():
+        raise _bad(column, _first(series.is_null()), "missing value")
+    return series.cast(pl.Int64)
+
+
+def _source(name: str, row: int) -> TableSource:
+    try:
+        return TableSource(name)
+    except FileNotFoundError as exc:
+        raise _bad("table_name", row, f"unknown table {name!r} ({exc})") from exc
+    except (OSError, ValueError) as exc:
+        raise _bad("table_name", row, f"table {name!r} cannot be read: {exc}") from exc
+
+
+def read_policies(policies: Any) -> PolicyBatch:
+    """Check a frame of policies and group them by table.
+
+    Columns: ``table_name`` and ``sex`` (text), ``issue_age`` (whole number, the age at the start
+    of the projection); ``cohort`` (year of birth) or ``issue_year`` (calendar year at that age)
+    for generational tables; ``duration`` (select duration at the start) for select tables;
+    ``unisex_blend`` (male weight) for sex "u" on tables without a unisex column. Columns that a
+    policy's table does not need are ignored for it.
+    """
+    frame = _as_frame(policies)
+    missing = [c for c in REQUIRED if c not in frame.columns]
+    if missing:
+        raise ValueError(f"policies: missing column(s) {missing}; columns are {frame.columns}")
+    if frame.height == 0:
+        raise ValueError("policies: the frame has no rows")
+    for column in REQUIRED:
+        _no_nulls(frame, column)
+    names = _strings(frame, "table_name")
+    sexes = _strings(frame, "sex")
+    age = _integers(frame, "issue_age", nullable=False)
+    if (age < 0).any():
+        row = _first(age < 0)
+        raise _bad("issue_age", row, f"{age[row]} is negative")
+    if (age > 10_000).any():
+        row = _first(age > 10_000)
+        raise _bad("issue_age", row, f"{age[row]} is not an age")
+    cohort = _cohorts(frame, age)
+    blend = _blends(frame)
+
+    # Text is handled once per distinct key, not once per policy: the policies are grouped by
+    # their keys as given, each key is checked, and keys that name the same table are merged.
+    columns: dict[str, pl.Series] = {"table_name": names, "sex": sexes}
+    if cohort is not None:
+        columns["cohort"] = cohort
+    if blend is not None:
+        columns["unisex_blend"] = blend
+    keys = pl.DataFrame(columns).with_row_index("row")
+    grouped = keys.group_by(list(columns), maintain_order=True).agg(pl.col("row")).with_row_index("g")
+    placed = grouped.select("g", "row").explode("row")
+    raw_group = np.empty(frame.height, dtype=np.int64)
+    raw_group[placed["row"].to_numpy()] = placed["g"].to_numpy()
+    described = grouped.select(
+        "table_name",
+        "sex",
+        pl.col("cohort") if cohort is not None else pl.lit(None, dtype=pl.Int64).alias("cohort"),
+        pl.col("unisex_blend") if blend is not None else pl.lit(None, dtype=pl.Float64).alias("unisex_blend"),
+        pl.col("row").list.first().alias("first"),
+    )
+    sources: dict[str, TableSource] = {}
+    merged: dict[tuple[str, str, int | None, float | None], int] = {}
+    groups: list[TableGroup] = []
+    remap = np.empty(grouped.height, dtype=np.int32)
+    for raw, (name, sex_given, coh, weight, first) in enumerate(described.iter_rows()):
+        sex = sex_given.lower()
+        if sex not in SEXES:
+            raise _bad("sex", first, f"{sex_given!r} is not one of 'm', 'f', 'u'")
+        if weight is not None and sex != "u":
+            raise _bad("unisex_blend", first, f"a blend is only valid for sex 'u', not {sex!r}")
+        source = sources.get(name) or sources.setdefault(name, _source(name, first))
+        if source.generational and coh is None:
+            raise _bad("cohort", first, "a generational table needs a year of birth (cohort or issue_year)")
+        key = (name, sex, int(coh) if source.generational else None, weight)
+        g = merged.get(key)
+        if g is None:
+            g = merged[key] = len(groups)
+            groups.append(
+                TableGroup(
+                    table_name=name,
+                    sex=sex,
+                    cohort=key[2],
+                    unisex_blend=None if weight is None else float(weight),
+                    table_type=source.table_type,
+                    select=bool(source.select),
+                    start_duration=int(source.start_duration or 1),
+                    select_period=int(source.select_period or 0) if source.select else 0,
+                    first_row=int(first),
+                )
+            )
+        remap[raw] = g
+    group = remap[raw_group]
+    offset = _duration_offsets(frame, group, groups)
+    return PolicyBatch(tuple(groups), group, age.to_numpy().astype(np.int32), offset)
+
+
+def _duration_offsets(frame: pl.DataFrame, group: np.ndarray, groups: list[TableGroup]) -> np.ndarray:
+    """Each policy's select duration at the start less its table's first one (0 off select tables)."""
+    select = np.array([g.select for g in groups], dtype=bool)[group]
+    if not select.any():
+        return np.zeros(frame.height, dtype=np.int32)
+    if "duration" not in frame.columns:
+        raise _bad(
+            "duration", int(np.argmax(select)), "a select table needs a select duration (column 'duration')"
+        )
+    series = _integers(frame, "duration", nullable=True)
+    lacking = select & series.is_null().to_numpy()
+    if lacking.any():
+        raise _bad("duration", int(np.argmax(lacking)), "a select table needs a select duration")
+    duration = series.fill_null(0).to_numpy()
+    start = np.array([g.start_duration for g in groups], dtype=np.int64)[group]
+    low = select & (duration < start)
+    if low.any():
+        row = int(np.argmax(low))
+        raise _bad(
+            "duration", row, f"{duration[row]} is below the table's first select duration {start[row]}"
+        )
+    # Past the select period every duration reads the ultimate column: keep the offset small.
+    offset = np.where(select, np.minimum(duration - start, 1_000_000), 0)
+    return offset.astype(np.int32)
+
+
+def _cohorts(frame: pl.DataFrame, age: pl.Series) -> pl.Series | None:
+    if "cohort" in frame.columns:
+        cohort = _integers(frame, "cohort", nullable=True)
+        if "issue_year" in frame.columns:
+            year = _integers(frame, "issue_year", nullable=True)
+            derived = year - age
+            clash = (cohort.is_not_null() & derived.is_not_null() & (cohort != derived)).fill_null(False)
+            if clash.any():
+                row = _first(clash)
+                raise _bad(
+                    "cohort", row, f"{cohort[row]} disagrees with issue_year - issue_age = {derived[row]}"
+                )
+            cohort = cohort.fill_null(derived)
+        return cohort
+    if "issue_year" in frame.columns:
+        return _integers(frame, "issue_year", nullable=True) - age
+    return None
+
+
+def _blends(frame: pl.DataFrame) -> pl.Series | None:
+    if "unisex_blend" not in frame.columns:
+        return None
+    blend = frame["unisex_blend"]
+    if not (blend.dtype.is_numeric() or blend.dtype == pl.Null):
+        raise ValueError(f"policies: column 'unisex_blend' must hold numbers, got {blend.dtype}")
+    blend = blend.cast(pl.Float64).fill_nan(None)
+    out_of_range = ((blend < 0.0) | (blend > 1.0)).fill_null(False)
+    if out_of_range.any():
+        row = _first(out_of_range)
+        raise _bad("unisex_blend", row, f"{blend[row]!r} is not in [0.0, 1.0]")
+    return blend

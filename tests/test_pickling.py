@@ -1,0 +1,309 @@
+"""Tables and registries pickle as name, keys and modifications and come back bit for bit."""
+
+from __future__ import annotations
+
+import multiprocessing
+import pickle
+from concurrent.futures import ProcessPoolExecutor
+from contextlib import nullcontext
+
+import numpy as np
+import pytest
+from veltrane.tables.decrement import DecrementTable
+
+from veltrane import Config, TableRegistry
+from veltrane.tables.disability import DisabilityTable
+from veltrane.tables.exit import ExitTable
+from veltrane.tables.life import LifeTable
+from veltrane.tables.source import TableSource, write_table
+
+LONG = 30  # rows of the longer tables written here (ages 0..29)
+
+
+class SlottedLife(LifeTable):
+    """A subclass with slots of its own and a dictionary."""
+
+    __slots__ = ("__dict__", "__private", "note")
+
+
+def roundtrip(obj):
+    return pickle.loads(pickle.dumps(obj, protocol=pickle.HIGHEST_PROTOCOL))
+
+
+def assert_same(a: DecrementTable, b: DecrementTable) -> None:
+    assert type(a) is type(b) and a is not b
+    assert (a.table_name, a.sex, a.cohort, a.duration, a.unisex_blend) == (
+        b.table_name,
+        b.sex,
+        b.cohort,
+        b.duration,
+        b.unisex_blend,
+    )
+    assert (a.metadata_pending, a._modified, a.w) == (b.metadata_pending, b._modified, b.w)
+    assert list(a._modifications_applied) == list(b._modifications_applied)
+    if a.metadata_pending:
+        assert b._decrement is None
+        return
+    for name in ("_decrement_base", "_decrement"):
+        x, y = getattr(a, name), getattr(b, name)
+        assert np.array_equal(x, y) and x.tobytes() == y.tobytes()
+    ages = np.arange(a.start_age, a.w + 1, dtype=np.float64)
+    assert a.lx(ages).tobytes() == b.lx(ages).tobytes()
+    assert a.qx(ages).tobytes() == b.qx(ages).tobytes()
+
+
+@pytest.fixture
+def kinds(tables):
+    """A life, an exit and a disability table of LONG ages, and a second exit table."""
+    for name, kind, prefix in (
+        ("LIFE", "life", "qx"),
+        ("LAPSE", "exit", "ox"),
+        ("LAPSE2", "exit", "ox"),
+        ("DIS", "disability", "ix"),
+    ):
+        cols = {f"{prefix}_{s}": tables.rates(0.001, 0.05, LONG) for s in "mf"}
+        tables.write(name, {"table_type": kind, "sexes": ["m", "f"]}, cols)
+    return tables
+
+
+BUNDLED = [
+    ("SULT", {}),
+    ("SSSM", {"duration": 1}),
+    ("SSSM", {"duration": 2}),
+    ("SSSM", {"duration": 7}),
+    ("SSSM", {"duration": "ult"}),
+]
+
+
+@pytest.mark.parametrize(("name", "keys"), BUNDLED)
+@pytest.mark.parametrize("rate", [None, 0.025])
+def test_bundled_tables_round_trip(name, keys, rate):
+    table = LifeTable(name, "u", interest_rate=rate, **keys)
+    back = roundtrip(table)
+    assert_same(table, back)
+    assert back.interest_rate == rate
+
+
+@pytest.mark.parametrize(
+    ("name", "keys"),
+    [
+        ("PER", {"sex": "f"}),
+        ("GEN", {"sex": "m", "cohort": 1961}),
+        ("GEN", {"sex": "u", "cohort": 1955, "unisex_blend": 0.3}),
+        ("YRS", {"sex": "f", "cohort": 1990}),
+        ("SEL", {"sex": "m", "duration": 2}),
+        ("SEL", {"sex": "u", "duration": "ult", "unisex_blend": 0.75}),
+        ("GSEL", {"sex": "f", "duration": 1, "cohort": 1970}),
+        ("PER", {"sex": "m", "pending": False}),
+        ("GEN", {"sex": "m", "pending": True}),
+        ("SEL", {"cohort": None, "pending": True}),
+        ("GEN", {"unisex_blend": 0.4, "pending": True}),
+    ],
+)
+def test_every_structure_round_trips(standard, name, keys):
+    table = LifeTable(name, **keys)
+    back = roundtrip(table)
+    assert_same(table, back)
+    assert back.unisex_blend == table.unisex_blend
+    if table.metadata_pending:  # the shell completes like the original
+        rest = {"sex": "m", "duration": 1} if name == "SEL" else {"cohort": 1960}
+        if table.unisex_blend is not None:
+            rest["sex"] = "u"
+        table.configure(**rest)
+        back.configure(**rest)
+        assert_same(table, back)
+
+
+MODIFICATIONS = [
+    {"age_shift": 3},
+    {"decrement_multiplier": 1.37},
+    {"decrement_multiplier": np.int64(2)},
+    {"decrement_geometric_increase": (0.05, 10)},
+    {"decrement_geometric_increase": [1, 20]},
+    {"aggravated_risk": 2.5},
+    {"decrement_multiplier": 40.0},  # cut at certainty
+    {"age_shift": 2, "aggravated_risk": 1.5, "decrement_multiplier": 0.8},
+]
+
+
+@pytest.mark.parametrize("mods", MODIFICATIONS)
+@pytest.mark.parametrize("cls", [LifeTable, ExitTable, DisabilityTable])
+def test_modifications_round_trip(kinds, mods, cls):
+    name = {LifeTable: "LIFE", ExitTable: "LAPSE", DisabilityTable: "DIS"}[cls]
+    table = cls(name, "m")
+    with pytest.warns(UserWarning) if mods.get("decrement_multiplier") == 40.0 else nullcontext():
+        table.modify_qx(mods)
+    assert_same(table, roundtrip(table))
+
+
+def test_vector_multiplier_is_kept_as_applied(kinds):
+    table = LifeTable("LIFE", "f")
+    factors = np.linspace(0.5, 1.5, LONG)
+    table.modify_qx({"decrement_multiplier": factors})
+    factors[:] = 9.0  # the caller's array changes afterwards; the table's rates do not
+    assert_same(table, roundtrip(table))
+
+
+@pytest.mark.parametrize(
+    "combination",
+    [
+        lambda: {"table_combination": ExitTable("LAPSE", "m")},
+        lambda: {"table_combination": [ExitTable("LAPSE", "m")], "combination_mode": "udd"},
+        lambda: {"combination_mode": "independent", "table_combination": (ExitTable("LAPSE", "m"),)},
+        lambda: {"table_combination": [DisabilityTable("DIS", "m"), ExitTable("LAPSE", "m")]},
+        lambda: {"age_shift": 4, "table_combination": ExitTable("LAPSE", "m"), "aggravated_risk": 1.2},
+    ],
+)
+def test_combinations_round_trip(kinds, combination):
+    table = LifeTable("LIFE", "m")
+    table.modify_qx(combination())
+    assert_same(table, roundtrip(table))
+
+
+def test_combined_table_travels_as_it_was_when_merged(kinds):
+    lapse = ExitTable("LAPSE", "m")
+    lapse.modify_qx({"decrement_multiplier": 0.5})
+    host = LifeTable("LIFE", "m")
+    host.modify_qx({"table_combination": lapse})
+    lapse.modify_qx({"decrement_multiplier": 3.0})  # later changes do not reach the host's rates
+    assert_same(host, roundtrip(host))
+    nested = ExitTable("LAPSE2", "m")
+    nested.modify_qx({"table_combination": lapse})  # an exit table combined with a combined one
+    assert_same(nested, roundtrip(nested))
+
+
+def test_copies_pickle_like_their_originals(kinds):
+    table = LifeTable("LIFE", "m")
+    table.modify_qx({"table_combination": ExitTable("LAPSE", "m"), "decrement_multiplier": 1.1})
+    assert_same(table, roundtrip(table.copy()))
+
+
+def test_subclass_slots_and_dict_round_trip(kinds):
+    table = SlottedLife("LIFE", "m", interest_rate=0.04)
+    table._SlottedLife__private = [1, 2]
+    table.note = "policy 7"
+    table.extra = {"a": 1}
+    back = roundtrip(table)
+    assert_same(table, back)
+    assert (back.interest_rate, back._SlottedLife__private, back.note, back.extra) == (
+        0.04,
+        [1, 2],
+        "policy 7",
+        {"a": 1},
+    )
+
+
+def test_modification_under_other_decimals_comes_back_exactly(kinds):
+    table = LifeTable("LIFE", "m")
+    with Config().override(decimals={"qx": 5}):
+        table.modify_qx({"decrement_multiplier": 1.234567})
+    assert_same(table, roundtrip(table))
+
+
+def test_advanced_table_round_trips_as_advanced(standard):
+    table = LifeTable("GSEL", "m", duration=1, cohort=1970)
+    table.modify_qx({"aggravated_risk": 2.0})
+    snapshot = table._advance_actuarial_state_for_ts(1.0)
+    assert_same(table, roundtrip(table))
+    table._restore_actuarial_state_from_ts_snapshot(snapshot)
+    assert_same(table, roundtrip(table))
+
+
+def test_registry_round_trips_in_order(kinds):
+    registry = TableRegistry(LifeTable, maxsize=3)
+    for sex in ("m", "f"):
+        registry.get_or_create(None, "LIFE", sex)
+    registry.get_or_create(ExitTable, "LAPSE", "m")
+    registry.get_or_create(None, "LIFE", "m")  # most recently used now
+    back = roundtrip(registry)
+    assert repr(back) == repr(registry) and back._maxsize == 3 and back._table_class is LifeTable
+    assert list(back._cache) == list(registry._cache)
+    for key, table in registry._cache.items():
+        assert_same(table, back._cache[key])
+    assert back.get_or_create(None, "LIFE", "f") is back._cache[(LifeTable, "LIFE", "f", None, None, None)]
+
+
+# -- refusals -------------------------------------------------------------------------------------
+
+
+def test_table_from_memory_is_refused(kinds):
+    table = LifeTable("LIFE", "m")
+    source = table._table
+    table._table = TableSource.from_frame(
+        "LIFE", source.metadata, source.data.with_columns(source.data["qx_m"] / 2)
+    )
+    with pytest.raises(ValueError, match="not built from the table file that the name 'LIFE' finds now"):
+        pickle.dumps(table)
+
+
+def test_table_whose_file_changed_is_refused(kinds):
+    table = LifeTable("LIFE", "m")
+    kinds.write("LIFE", {"table_type": "life", "sexes": ["m"]}, {"qx_m": kinds.rates(n=LONG)})
+    with pytest.raises(ValueError, match="was not built from the table file"):
+        pickle.dumps(table)
+
+
+def test_combination_with_unpicklable_table_is_refused_when_pickled(kinds):
+    lapse = ExitTable("LAPSE", "m")
+    data = lapse._table.data
+    lapse._table = TableSource.from_frame("LAPSE", lapse._table.metadata, data.with_columns(data["ox_m"] / 2))
+    host = LifeTable("LIFE", "m")
+    host.modify_qx({"table_combination": lapse})  # the merge itself works
+    with pytest.raises(ValueError, match="the table merged by table_combination cannot be pickled"):
+        pickle.dumps(host)
+    host.reset_modifications()
+    assert_same(host, roundtrip(host))
+
+
+def test_unpickling_where_the_file_differs_or_is_missing(kinds, tmp_path_factory):
+    data = pickle.dumps(LifeTable("LIFE", "m"))
+    elsewhere = tmp_path_factory.mktemp("elsewhere")
+    with Config().override(tables_path=[elsewhere]):
+        with pytest.raises(FileNotFoundError, match="no table file of that name in this process"):
+            pickle.loads(data)
+        write_table(
+            elsewhere, "LIFE", {"table_type": "life", "sexes": ["m"]}, {"age": [0, 1], "qx_m": [0.1, 1.0]}
+        )
+        with pytest.raises(ValueError, match="differs from the one the table was built from"):
+            pickle.loads(data)
+
+
+def test_refused_inside_batch_update_and_without_record(kinds):
+    table = LifeTable("LIFE", "m")
+    with table.batch_update():
+        table.sex = "f"
+        with pytest.raises(ValueError, match="inside batch_update"):
+            pickle.dumps(table)
+    table.modify_qx({"aggravated_risk": 2.0})
+    table._decrement = table._decrement.copy()  # rates that modify_qx did not make
+    with pytest.raises(ValueError, match="were not made by modify_qx"):
+        pickle.dumps(table)
+
+
+def test_batch_rollback_keeps_the_record_with_its_rates(kinds):
+    table = LifeTable("LIFE", "m")
+    table.modify_qx({"aggravated_risk": 2.0})
+    with pytest.raises(ZeroDivisionError), table.batch_update():
+        table.sex = "f"
+        1 / 0  # noqa: B018
+    assert_same(table, roundtrip(table))
+
+
+# -- worker processes -----------------------------------------------------------------------------
+
+
+def rates_in_worker(table: DecrementTable) -> tuple[bytes, bytes, list[str]]:
+    ages = np.arange(table.start_age, table.w + 1, dtype=np.float64)
+    return table._decrement.tobytes(), table.lx(ages).tobytes(), list(table._modifications_applied)
+
+
+def test_tables_through_a_spawned_process_pool(kinds, monkeypatch):
+    monkeypatch.setenv("VELTRANE_TABLES_PATH", str(kinds.directory))
+    host = LifeTable("LIFE", "f", interest_rate=0.02)
+    host.modify_qx({"age_shift": 1, "table_combination": ExitTable("LAPSE", "f"), "combination_mode": "udd"})
+    select = LifeTable("SSSM", "u", duration=1)
+    select.modify_qx({"decrement_multiplier": np.linspace(0.9, 1.1, 121)})
+    sent = [host, select, LifeTable("SULT", "u")]
+    with ProcessPoolExecutor(2, mp_context=multiprocessing.get_context("spawn")) as pool:
+        got = list(pool.map(rates_in_worker, sent))
+    assert got == [rates_in_worker(t) for t in sent]

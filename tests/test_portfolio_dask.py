@@ -1,0 +1,42 @@
+"""The portfolio batch on a local Dask cluster of two processes equals the single-process one."""
+
+from __future__ import annotations
+
+import numpy as np
+import polars as pl
+import pytest
+
+from veltrane.portfolio import QUANTITIES, project
+
+distributed = pytest.importorskip("dask.distributed")
+
+
+def test_local_cluster_gives_the_single_process_result(tables, monkeypatch):
+    tables.select("SEL", generational="exponential")
+    monkeypatch.setenv("VELTRANE_TABLES_PATH", str(tables.directory))  # the workers' table files
+    from veltrane.portfolio import project_dask
+
+    rng = np.random.default_rng(3)
+    n = 500
+    frame = pl.DataFrame(
+        {
+            "table_name": rng.choice(["SSSM", "SULT", "SEL"], n),
+            "sex": ["u"] * n,
+            "issue_age": rng.integers(0, 110, n),
+            "duration": rng.integers(1, 4, n),
+            "cohort": rng.integers(1950, 1970, n),
+        }
+    ).with_columns(
+        issue_age=pl.when(pl.col("table_name") == "SEL").then(pl.col("issue_age") % 8).otherwise("issue_age"),
+        unisex_blend=pl.when(pl.col("table_name") == "SEL").then(0.4),
+    )
+    alone = project(frame, 7, what=QUANTITIES)
+    with (
+        distributed.LocalCluster(
+            n_workers=2, processes=True, threads_per_worker=1, dashboard_address=None
+        ) as cluster,
+        distributed.Client(cluster) as client,
+    ):
+        spread = project_dask(frame, 7, client=client, what=QUANTITIES, block_size=64)
+    for name in QUANTITIES:
+        assert spread[name].tobytes() == alone[name].tobytes(), name
