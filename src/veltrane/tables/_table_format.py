@@ -61,6 +61,10 @@ _SOURCE_KEYS: Final[dict[str, type]] = {
     "url": str,
     "year": int,
     "notes": str,
+    "table_identity": str,
+    "provider": str,
+    "content_type": str,
+    "age_basis": str,
 }
 _TYPE_NAMES: Final = {
     int: "an integer",
