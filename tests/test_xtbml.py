@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import os
+
 import numpy as np
 import pytest
 
@@ -243,3 +245,14 @@ def test_in_memory_import_needs_no_files(tmp_path):
     path = xtbml(tmp_path / "u.xml", table_1d("Age", {0: 0.25, 1: 1.0}))
     source = read_xtbml(path, "MEMX").to_source()
     assert np.array_equal(source.data["qx_m"].to_numpy(), [0.25, 1.0])
+
+
+def test_a_fifo_or_a_directory_is_refused_without_reading(tmp_path, out):
+    fifo = tmp_path / "pipe.xml"
+    os.mkfifo(fifo)
+    with pytest.raises(XTbMLError, match=r"pipe\.xml: not a regular file"):
+        import_xtbml(fifo, "P", out)
+    with pytest.raises(XTbMLError, match="not a regular file"):
+        import_xtbml(tmp_path, "P", out)
+    with pytest.raises(FileNotFoundError):
+        import_xtbml(tmp_path / "missing.xml", "P", out)

@@ -8,6 +8,7 @@ says "Age", an axis of a single value with increment 0) and nothing about decrem
 from __future__ import annotations
 
 import math
+import stat
 import xml.etree.ElementTree as ET
 from dataclasses import dataclass, field
 from pathlib import Path
@@ -99,10 +100,13 @@ def read_document(path: str | Path) -> Document:
     XTbMLError
         The file is not XML, not XTbML, or an element is missing or holds a bad value.
     OSError
-        The file cannot be read.
+        The file does not exist or cannot be read.
     """
     path = Path(path)
-    data = path.read_bytes()[: MAX_BYTES + 1]
+    if not stat.S_ISREG(path.stat().st_mode):  # a FIFO would block the read for ever
+        raise XTbMLError(f"{path}: not a regular file")
+    with path.open("rb") as handle:
+        data = handle.read(MAX_BYTES + 1)
     if len(data) > MAX_BYTES:
         raise XTbMLError(f"{path}: larger than {MAX_BYTES // 2**20} MB; not an XTbML table")
     if b"<!DOCTYPE" in data or b"<!ENTITY" in data:
