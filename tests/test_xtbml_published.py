@@ -114,3 +114,17 @@ def test_quirky_files(out):
     assert "ultimate rates published from age 16" in imported.metadata["source"]["notes"]
     # RP-2014: one of three tables.
     assert read_xtbml(SOA / "t3123.xml", "RP", part=2).metadata["start_age"] == 50
+
+
+def test_avoe_2005_r_base_and_lambda_project_with_the_damped_trend(out):
+    base = [SOA / "t2959.xml", SOA / "t2960.xml"]
+    trend = [SOA / "t2963.xml", SOA / "t2964.xml"]
+    import_xtbml(base, "AVOE", out, scale=trend, formula="exponential_damped")
+    assert TableSource("AVOE").base_year == 2001  # "2001 Base Year" in the name
+    q = read_document(SOA / "t2959.xml").blocks[0].cells
+    lam = read_document(SOA / "t2963.xml").blocks[0].cells
+    table = LifeTable("AVOE", "m", cohort=1960)
+    for age in (40, 75, 100):
+        t = 1960 + age - 2001
+        expected = q[(age,)] * np.exp(-lam[(age,)] * 100 * np.arctan(t / 100))
+        assert table.qx(age) == pytest.approx(expected, rel=1e-9)
