@@ -11,7 +11,7 @@ import os
 from collections.abc import Sequence
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 import numpy as np
 import polars as pl
@@ -19,6 +19,9 @@ import polars as pl
 from veltrane.tables.xtbml.mapping import Mapped, age_basis, map_document, sex_of, table_type_of
 from veltrane.tables.xtbml.pairing import base_year_of, improvement_columns
 from veltrane.tables.xtbml.reader import Document, XTbMLError, XTbMLUnsupportedError, read_document
+
+if TYPE_CHECKING:
+    from veltrane.tables.source import TableSource
 
 __all__ = ["ImportedTable", "read_xtbml"]
 
@@ -34,7 +37,7 @@ class ImportedTable:
     metadata: dict[str, Any]
     columns: dict[str, np.ndarray]
 
-    def to_source(self) -> Any:
+    def to_source(self) -> TableSource:
         """An in-memory ``TableSource`` (register it to use it by name without files)."""
         from veltrane.tables.source import TableSource
 
