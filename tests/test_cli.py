@@ -182,3 +182,23 @@ def test_console_script_entry(tmp_path):
     result = subprocess.run(argv, capture_output=True, text=True, check=False, cwd=tmp_path)
     assert result.returncode == 2 and "Traceback" not in result.stderr
     assert len(result.stderr.splitlines()) == 1
+
+
+def test_tables_search_ignores_case_and_needs_every_word(capsys, tables):
+    tables.write("ALPHA", {"table_type": "life", "description": "Select Assured Lives"}, {"qx_u": [0.1, 1.0]})
+    tables.write("BETA", {"table_type": "life", "description": "Annuitants"}, {"qx_u": [0.1, 1.0]})
+    code, out, _ = run(capsys, "tables", "--search", "assured", "SELECT")
+    assert code == 0 and [line.split()[0] for line in out.splitlines()[1:]] == ["ALPHA"]
+    code, out, _ = run(capsys, "tables", "--search", "beta")
+    assert [line.split()[0] for line in out.splitlines()[1:]] == ["BETA"]
+    assert run(capsys, "tables", "--search", "nothing-like-it")[1] == "No tables match.\n"
+
+
+@pytest.mark.parametrize(
+    ("command", "given", "hint"), [("show", "sult", "'SULT'"), ("eval", "SULTT", "'SULT'")]
+)
+def test_unknown_table_names_suggest_close_ones(capsys, command, given, hint):
+    argv = [command, given, "--sex", "u"] + (["qx", "50"] if command == "eval" else [])
+    code, _, err = run(capsys, *argv)
+    assert code == 2 and err.rstrip().endswith(f"(did you mean {hint}?)")
+    assert "did you mean" not in run(capsys, "show", "QQQQQQ")[2]

@@ -13,7 +13,7 @@ from veltrane.config import Config
 
 if TYPE_CHECKING:
     from veltrane.tables import DecrementTable, DisabilityTable, ExitTable, LifeTable, TableRegistry
-    from veltrane.tables.source import write_table
+    from veltrane.tables.source import TableSource, register_table, write_table
 
 __all__ = [
     "Config",
@@ -24,6 +24,8 @@ __all__ = [
     "PaymentFrequencyLiteral",
     "TableKey",
     "TableRegistry",
+    "TableSource",
+    "register_table",
     "write_table",
 ]
 __version__ = "0.1.0"
@@ -36,8 +38,8 @@ def __getattr__(name: str) -> Any:
         from veltrane import tables
 
         return getattr(tables, name)
-    if name == "write_table":  # table files need Polars, not the compiled extension
-        from veltrane.tables.source import write_table
+    if name in ("write_table", "register_table", "TableSource"):  # Polars, not the compiled extension
+        from veltrane.tables import source
 
-        return write_table
+        return getattr(source, name)
     raise AttributeError(f"module 'veltrane' has no attribute {name!r}")

@@ -13,6 +13,8 @@ Examples
     veltrane eval SULT --sex u ex 65            # curtate expectation of life (--complete: complete)
     veltrane annuity SULT --sex u --age 65 --rate 0.05 --m 12
     veltrane commutation SULT --sex u --rate 0.03 -o sult.csv
+    veltrane tables --search select            # tables whose name or description has the words
+    veltrane import t3287.xml t3288.xml --name CSO2017 --out ./tables   # published XTbML tables
 
 ``--sex`` may be left out for a table with a single sex. Bad arguments, unknown tables and
 values a table refuses end with a one-line message on standard error and exit status 2;
@@ -23,6 +25,7 @@ warnings are printed there as one line each. Output cut short by a closed pipe
 from __future__ import annotations
 
 import argparse
+import difflib
 import os
 import re
 import sys
@@ -35,6 +38,7 @@ import polars as pl
 
 from veltrane import __version__
 from veltrane.base import PAYMENT_FREQUENCIES
+from veltrane.cli_import import add_import_command, run_import
 from veltrane.config import Config
 
 if TYPE_CHECKING:
@@ -114,6 +118,10 @@ def _build_parser() -> _Parser:
 
     listing = commands.add_parser("tables", help="list the available tables with their type and structure")
     _tables_path_argument(listing, "tables_path")
+    listing.add_argument(
+        "--search", metavar="WORD", nargs="+", help="only tables whose name or description has every word"
+    )
+    add_import_command(commands)
 
     def table_arguments(sub: argparse.ArgumentParser) -> None:
         _tables_path_argument(sub, "tables_path")
@@ -171,22 +179,34 @@ def _table_files() -> list[tuple[str, Path]]:
     return list(found.items())
 
 
-def _list_tables() -> int:
+def _matches(words: list[str] | None, *texts: str) -> bool:
+    """Whether every word occurs in the texts, ignoring case."""
+    haystack = " ".join(texts).casefold()
+    return all(word.casefold() in haystack for word in words or ())
+
+
+def _list_tables(search: list[str] | None = None) -> int:
     from veltrane.tables.source import BUNDLED_TABLES_DIR, TableSource
 
     rows = []
-    for name, directory in _table_files():
-        where = "bundled" if directory == BUNDLED_TABLES_DIR else str(directory)
+    listed = [(name, "registered") for name in TableSource.registered()]
+    listed += [(n, "bundled" if d == BUNDLED_TABLES_DIR else str(d)) for n, d in _table_files()]
+    for name, where in _first_wins(listed):
         try:
             source = TableSource(name)
         except (OSError, ValueError) as exc:
-            rows.append((name, "?", "?", f"unreadable: {exc}", where))
+            if _matches(search, name):
+                rows.append((name, "?", "?", f"unreadable: {exc}", where))
+            continue
+        if not _matches(
+            search, name, source.description, str(source.metadata.get("source", {}).get("name", ""))
+        ):
             continue
         structure = next((ln for ln in source._taxonomy_lines() if ln.startswith("Structure: ")), "")
         sexes = ",".join(source.valid_sexes)
         rows.append((name, source.table_type, sexes, structure.removeprefix("Structure: "), where))
     if not rows:
-        print("No tables found.")
+        print("No tables match." if search else "No tables found.")
         return 0
     header = ("NAME", "TYPE", "SEXES", "STRUCTURE", "WHERE")
     widths = [max(len(str(row[i])) for row in (header, *rows)) for i in range(len(header) - 1)]
@@ -237,6 +257,26 @@ def _default_sex(name: str, sexes: list[str]) -> str:
     raise _RefusedError(f"table {name!r} has sexes {listed}: choose one with --sex")
 
 
+def _first_wins(listed: list[tuple[str, str]]) -> list[tuple[str, str]]:
+    """(name, where) in order, each name once: the first place holding it is the one used."""
+    found: dict[str, str] = {}
+    for name, where in listed:
+        found.setdefault(name, where)
+    return list(found.items())
+
+
+def _did_you_mean(name: str) -> str:
+    """A hint naming the tables whose names are close to ``name`` (case ignored), or ""."""
+    from veltrane.tables.source import TableSource
+
+    names = list(dict.fromkeys([*TableSource.registered(), *(n for n, _ in _table_files())]))
+    same = [n for n in names if n.casefold() == name.casefold()]
+    folded = {n.casefold(): n for n in names}
+    close = [folded[n] for n in difflib.get_close_matches(name.casefold(), list(folded), n=3, cutoff=0.6)]
+    found = list(dict.fromkeys([*same, *close]))
+    return f" (did you mean {' or '.join(repr(n) for n in found)}?)" if found else ""
+
+
 def _open_table(args: argparse.Namespace) -> DecrementTable:
     from veltrane.tables.disability import DisabilityTable
     from veltrane.tables.exit import ExitTable
@@ -251,6 +291,8 @@ def _open_table(args: argparse.Namespace) -> DecrementTable:
             raise _RefusedError(f"table {args.name!r} has an unknown type {source.table_type!r}")
         sex = args.sex if args.sex is not None else _default_sex(args.name, source.valid_sexes)
         return cls(args.name, sex, cohort=args.cohort, unisex_blend=args.blend, duration=args.duration)
+    except FileNotFoundError as exc:
+        raise _RefusedError(str(exc) + _did_you_mean(args.name)) from exc
     except (OSError, ValueError, TypeError) as exc:
         raise _RefusedError(_cli_message(str(exc))) from exc
 
@@ -314,6 +356,8 @@ def _keys_for(args: argparse.Namespace, name: str) -> argparse.Namespace:
     keys = {**vars(args), "name": name}
     try:
         source = TableSource(name)
+    except FileNotFoundError as exc:
+        raise _RefusedError(str(exc) + _did_you_mean(name)) from exc
     except (OSError, ValueError) as exc:
         raise _RefusedError(_cli_message(str(exc))) from exc
     if not source.generational:
@@ -465,7 +509,9 @@ def main(argv: Sequence[str] | None = None) -> int:
 
 def _run(args: argparse.Namespace) -> int:
     if args.command == "tables":
-        return _list_tables()
+        return _list_tables(args.search)
+    if args.command == "import":
+        return run_import(args, _RefusedError)
     if args.command == "show":
         return _show(args)
     if args.command == "plot":

@@ -23,8 +23,8 @@ import polars as pl
 #: Rate-column prefix of each table type.
 RATE_PREFIX: Final[dict[str, str]] = {"life": "qx", "disability": "ix", "exit": "ox"}
 SEXES: Final = ("m", "f", "u")
-#: Sexes that may carry improvement columns.
-MI_SEXES: Final = ("m", "f")
+#: Sexes that may carry improvement columns; a unisex table may have a trend of its own.
+MI_SEXES: Final = ("m", "f", "u")
 MI_STRUCTURES: Final = ("flat", "year_indexed", "select_period")
 FORMAT_VERSION: Final = 1
 #: Calendar years accepted for ``base_year`` and ``grid_years``. Projections span the years
@@ -61,6 +61,10 @@ _SOURCE_KEYS: Final[dict[str, type]] = {
     "url": str,
     "year": int,
     "notes": str,
+    "table_identity": str,
+    "provider": str,
+    "content_type": str,
+    "age_basis": str,
 }
 _TYPE_NAMES: Final = {
     int: "an integer",
@@ -350,7 +354,7 @@ def _check_rate_column(col: Column, meta: TableMeta, prefix: str, bad: Callable[
 
 def _check_improvement_column(col: Column, meta: TableMeta, bad: Callable[[str], Exception]) -> None:
     if col.sex not in MI_SEXES:
-        raise bad("improvement columns exist only for sexes m and f")
+        raise bad(f"unknown sex {col.sex!r} (m, f or u)")
     gen = meta.generational
     if gen is None:
         raise bad("improvement column in a table without a [generational] table")
@@ -420,7 +424,10 @@ def _check_ages(ages: np.ndarray, where: str, row_name: RowName) -> None:
         return
     i = int(bad[0])
     if i == 0:
-        problem = f"ages must start at 0, got {ages[0]}"
+        problem = (
+            f"ages must start at 0, got {ages[0]}; give the ages below the first published one "
+            f"rate 0 and set start_age = {ages[0]}"
+        )
     elif ages[i] == ages[i - 1]:
         problem = f"age {ages[i]} appears twice"
     elif ages[i] < ages[i - 1]:

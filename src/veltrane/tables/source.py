@@ -29,9 +29,10 @@ from typing import Any, Final
 import polars as pl
 
 from veltrane import config as _config
+from veltrane.tables import _memory
 from veltrane.tables import _table_format as fmt
 
-__all__ = ["BUNDLED_TABLES_DIR", "TableSource", "write_table"]
+__all__ = ["BUNDLED_TABLES_DIR", "TableSource", "register_table", "write_table"]
 
 #: Directory of the tables shipped with the package; searched after ``Config().tables_path``.
 BUNDLED_TABLES_DIR: Final = Path(__file__).parent / "data"
@@ -39,6 +40,8 @@ BUNDLED_TABLES_DIR: Final = Path(__file__).parent / "data"
 # (table name, search path) -> source. Keyed by the path tuple itself, so a changed
 # ``tables_path`` misses at once without any file-system call on the hot path.
 _cache: dict[tuple[str, tuple[Path, ...]], TableSource] = {}
+# Tables registered from memory by name; they come before any file of that name.
+_registered: dict[str, TableSource] = {}
 #: Run whenever a table name may come to mean other data: the cache is cleared, a table is
 #: written, or a source is (re)loaded. Caches of data derived from sources register here.
 _invalidation_callbacks: list[Callable[[], None]] = []
@@ -104,6 +107,8 @@ class TableSource:
     _w: int
 
     def __new__(cls, table_name: str) -> TableSource:
+        if _registered and (registered := _registered.get(table_name)) is not None:
+            return registered
         key = (table_name, _config.Config().tables_path)
         try:
             return _cache[key]
@@ -137,7 +142,10 @@ class TableSource:
             and ``source`` sub-mappings).
         data : polars.DataFrame
             Column ``age`` and the rate and improvement columns. Numeric columns are taken as
-            they are; text columns are parsed cell by cell.
+            they are; text columns are parsed cell by cell. Ages may start above 0: rows of
+            rate 0 are added below the first age, which becomes ``start_age`` (a ``start_age``
+            given in the metadata may not lie below it). Survivor columns ``lx_{sex}`` are
+            turned into one-year rates ``{prefix}_{sex}``, 1 at the last age.
         file_path : path-like, optional
             File the pieces came from, used in messages and as ``file_path``.
 
@@ -154,7 +162,103 @@ class TableSource:
             raise TypeError(f"data must be a polars DataFrame, got {type(data).__name__}")
         path = None if file_path is None else Path(file_path)
         where = str(path) if path is not None else f"table {name!r}"
+        if not isinstance(metadata, Mapping):
+            raise TypeError(f"metadata must be a mapping, got {type(metadata).__name__}")
+        data, metadata = _memory.shape_frame(data, metadata, where)
         return cls._build(_check_name(name), metadata, data, path, where, where, lambda i: f"row {i + 1}")
+
+    @classmethod
+    def from_rates(
+        cls,
+        name: str,
+        rates: Any,
+        *,
+        table_type: str = "life",
+        start_age: int = 0,
+        description: str = "",
+        source: Mapping[str, Any] | None = None,
+    ) -> TableSource:
+        """Build a period table from rate vectors (not cached; ``register()`` it to use it by name).
+
+        Parameters
+        ----------
+        name : str
+            Table name.
+        rates : sequence of float, or mapping of sex to sequence of float
+            One-year rates by age from ``start_age``: one vector (a unisex table, sex "u"), or
+            one per sex ``{"m": ..., "f": ...}``, all of one length.
+        table_type : str, default "life"
+            "life", "disability" or "exit".
+        start_age : int, default 0
+            Age of the first rate; the ages below it carry rate 0 and are marked as before the
+            table's start.
+        description : str, optional
+            Free text shown in summaries.
+        source : mapping, optional
+            The ``[source]`` metadata (name, authority, reference, ...).
+
+        Returns
+        -------
+        TableSource
+
+        Examples
+        --------
+        >>> src = TableSource.from_rates("TINY", [0.1, 0.2, 1.0], start_age=60)
+        >>> src.start_age, src.w, src.valid_sexes
+        (60, 62, ['u'])
+        """
+        if isinstance(start_age, bool) or not isinstance(start_age, int) or start_age < 0:
+            raise ValueError(f"start_age must be a whole number >= 0, got {start_age!r}")
+        prefix = fmt.RATE_PREFIX.get(table_type)
+        if prefix is None:
+            raise ValueError(f"table_type must be one of {', '.join(fmt.RATE_PREFIX)}, got {table_type!r}")
+        frame = _memory.frame_from_rates(rates, prefix, start_age)
+        metadata: dict[str, Any] = {"table_type": table_type, "start_age": start_age}
+        if description:
+            metadata["description"] = description
+        if source:
+            metadata["source"] = dict(source)
+        return cls.from_frame(name, metadata, frame)
+
+    def register(self) -> TableSource:
+        """Make this source the table ``table_name`` for every ``TableSource(name)`` and table class.
+
+        A registered table comes before any file of that name, whatever ``Config().tables_path``
+        says, until ``TableSource.unregister(name)``. It lives in this process only: worker
+        processes that rebuild tables by name must register it too. Cached data derived from
+        the name (the unisex cohort cache) is dropped. Returns the source itself.
+
+        Examples
+        --------
+        >>> from veltrane.tables.life import LifeTable
+        >>> _ = TableSource.from_rates("TINY", [0.1, 0.2, 1.0], start_age=60).register()
+        >>> LifeTable("TINY", "u").qx(61)
+        0.2
+        >>> TableSource.unregister("TINY")
+        """
+        _check_name(self._table_name)
+        _registered[self._table_name] = self
+        _forget(self._table_name)
+        return self
+
+    @staticmethod
+    def unregister(name: str) -> None:
+        """Forget the source registered under ``name``; its files, if any, are found again.
+
+        Raises
+        ------
+        KeyError
+            No source is registered under ``name``.
+        """
+        if name not in _registered:
+            raise KeyError(f"no table {name!r} is registered")
+        del _registered[name]
+        _forget(name)
+
+    @staticmethod
+    def registered() -> list[str]:
+        """Names of the tables registered from memory, in order of registration."""
+        return list(_registered)
 
     @classmethod
     def _build(
@@ -397,6 +501,20 @@ _config._reset_callbacks.append(_clear_on_reset)
 
 
 # -- files ------------------------------------------------------------------------------------------
+def register_table(source: TableSource) -> TableSource:
+    """Register an in-memory source under its name (``source.register()``); return it."""
+    if not isinstance(source, TableSource):
+        raise TypeError(f"register_table() takes a TableSource, got {type(source).__name__}")
+    return source.register()
+
+
+def _forget(name: str) -> None:
+    """Drop what is cached under ``name``: it may now mean other data."""
+    for key in [k for k in _cache if k[0] == name]:
+        _cache.pop(key, None)
+    _invalidate()
+
+
 def _check_name(name: object) -> str:
     if not isinstance(name, str):
         raise TypeError(f"table name must be a str, got {type(name).__name__}")
@@ -541,7 +659,5 @@ def write_table(
     folder.mkdir(parents=True, exist_ok=True)
     toml_path.write_text(toml_text, encoding="utf-8")
     csv_path.write_text(csv_text, encoding="utf-8", newline="")
-    for key in [k for k in _cache if k[0] == name]:
-        _cache.pop(key, None)
-    _invalidate()
+    _forget(name)
     return toml_path

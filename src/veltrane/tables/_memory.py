@@ -1,0 +1,101 @@
+"""Tables given as data in memory: shaping a frame or a rate vector into the table format.
+
+A frame whose ages start above 0 is given rows of rate 0 below its first age, which becomes
+``start_age`` (nothing is filled with made-up rates); survivor columns ``lx_{sex}`` become
+one-year rates ``{prefix}_{sex}``, closed at the last age.
+"""
+
+from __future__ import annotations
+
+import re
+from collections.abc import Mapping, Sequence
+from typing import Any
+
+import numpy as np
+import polars as pl
+
+from veltrane.tables import _table_format as fmt
+
+_LX_COLUMN = re.compile(r"lx_([a-z]+)")
+
+
+def rates_from_lx(lx: Sequence[float] | np.ndarray, where: str, column: str) -> np.ndarray:
+    """One-year rates ``1 - l(x+1) / l(x)`` from survivors; 1 at the last age and wherever l(x) is 0."""
+    values = np.asarray(lx, dtype=np.float64)
+    if values.ndim != 1 or values.size == 0:
+        raise fmt.TableFormatError(f"{where}: column {column!r}: survivors must be a non-empty vector")
+    bad = np.flatnonzero(~np.isfinite(values) | (values < 0.0))
+    if bad.size:
+        i = int(bad[0])
+        raise fmt.TableFormatError(
+            f"{where}: column {column!r}, row {i + 1}: survivors {values[i]!r} invalid"
+        )
+    rising = np.flatnonzero(np.diff(values) > 0.0)
+    if rising.size:
+        i = int(rising[0]) + 1
+        raise fmt.TableFormatError(
+            f"{where}: column {column!r}, row {i + 1}: survivors rise from {values[i - 1]!r} to {values[i]!r}"
+        )
+    q = np.ones_like(values)
+    alive = values[:-1] > 0.0
+    q[:-1][alive] = 1.0 - values[1:][alive] / values[:-1][alive]
+    return np.clip(q, 0.0, 1.0)
+
+
+def shape_frame(
+    data: pl.DataFrame, metadata: Mapping[str, Any], where: str
+) -> tuple[pl.DataFrame, dict[str, Any]]:
+    """The frame with lx columns as rates and rows from age 0; the metadata with ``start_age``."""
+    meta = dict(metadata)
+    prefix = fmt.RATE_PREFIX.get(meta.get("table_type", ""), "qx")
+    renamed = {}
+    for name in data.columns:
+        match = _LX_COLUMN.fullmatch(name)
+        if match is None:
+            continue
+        target = f"{prefix}_{match[1]}"
+        if target in data.columns:
+            raise fmt.TableFormatError(f"{where}: columns {name!r} and {target!r} give the same rates twice")
+        try:
+            survivors = data[name].cast(pl.Float64, strict=True).to_numpy()
+        except pl.exceptions.PolarsError:
+            raise fmt.TableFormatError(f"{where}: column {name!r}: survivors must be numbers") from None
+        renamed[name] = (target, rates_from_lx(survivors, where, name))
+    if renamed:
+        data = data.with_columns(pl.Series(target, q) for target, q in renamed.values())
+        data = data.select([renamed[c][0] if c in renamed else c for c in data.columns if c not in renamed])
+    if "age" not in data.columns or data.height == 0 or not data["age"].dtype.is_integer():
+        return data, meta
+    first = data["age"][0]
+    if first is None or first <= 0:
+        return data, meta
+    start = meta.get("start_age")
+    if isinstance(start, int) and not isinstance(start, bool) and start < first:
+        raise fmt.TableFormatError(
+            f"{where}: key 'start_age': {start} lies below the first age given, {first}"
+        )
+    if start is None:
+        meta["start_age"] = first
+    padding = pl.DataFrame(
+        [pl.Series("age", range(first), dtype=data["age"].dtype)]
+        + [pl.Series(c, [0] * first).cast(data[c].dtype) for c in data.columns if c != "age"]
+    )
+    return pl.concat([padding, data], how="vertical"), meta
+
+
+def frame_from_rates(
+    rates: Sequence[float] | np.ndarray | Mapping[str, Sequence[float] | np.ndarray],
+    prefix: str,
+    start_age: int,
+) -> pl.DataFrame:
+    """A frame of rates by age from ``start_age``: one vector (sex "u") or one per sex."""
+    by_sex = dict(rates) if isinstance(rates, Mapping) else {"u": rates}
+    vectors = {sex: np.asarray(v, dtype=np.float64) for sex, v in by_sex.items()}
+    lengths = {v.shape for v in vectors.values()}
+    if len(lengths) != 1 or len(next(iter(lengths))) != 1:
+        raise ValueError(f"rates must be vectors of one length, got shapes {sorted(lengths)}")
+    n = next(iter(vectors.values())).size
+    return pl.DataFrame(
+        [pl.Series("age", range(start_age, start_age + n), dtype=pl.Int64)]
+        + [pl.Series(f"{prefix}_{sex}", v) for sex, v in vectors.items()]
+    )

@@ -1,0 +1,250 @@
+"""The XML layer of the XTbML importer: one file in, plain blocks of numbers out.
+
+Knows the element names and the files' quirks (a byte-order mark, a year axis whose scale type
+says "Age", an axis of a single value with increment 0) and nothing about decrement tables;
+``mapping`` gives the blocks their actuarial meaning. Every error names the file and the element.
+"""
+
+from __future__ import annotations
+
+import math
+import stat
+import xml.etree.ElementTree as ET
+from dataclasses import dataclass, field
+from pathlib import Path
+
+__all__ = ["Axis", "Block", "Document", "XTbMLError", "XTbMLUnsupportedError", "read_document"]
+
+#: Files larger than this are not read: the largest published tables are well under it.
+MAX_BYTES = 64 * 1024 * 1024
+
+
+class XTbMLError(ValueError):
+    """An XTbML file is malformed: the message names the file and the element."""
+
+
+class XTbMLUnsupportedError(XTbMLError):
+    """A well-formed XTbML file whose structure has no decrement-table form here."""
+
+
+@dataclass(frozen=True, slots=True)
+class Axis:
+    """One ``AxisDef``: its kind ("age", "duration", "year" or another name, lower-cased)."""
+
+    kind: str
+    label: str
+    scale_type: str
+    values: tuple[int, ...]
+
+    @property
+    def step(self) -> int:
+        return self.values[1] - self.values[0] if len(self.values) > 1 else 1
+
+    def span(self) -> str:
+        lo, hi = self.values[0], self.values[-1]
+        step = f" step {self.step}" if self.step != 1 else ""
+        return f"{self.label}[{lo}-{hi}{step}]"
+
+
+@dataclass(frozen=True, slots=True)
+class Block:
+    """One ``<Table>``: its axes (outer first) and the published cells (empty ones left out)."""
+
+    number: int
+    axes: tuple[Axis, ...]
+    cells: dict[tuple[int, ...], float] = field(repr=False)
+
+    def shape(self) -> str:
+        return "x".join(axis.span() for axis in self.axes)
+
+
+@dataclass(frozen=True, slots=True)
+class Document:
+    """The classification of a file and its blocks."""
+
+    path: Path
+    identity: str
+    name: str
+    provider: str
+    reference: str
+    content_type: str
+    description: str
+    blocks: tuple[Block, ...]
+
+    def shape(self) -> str:
+        return " + ".join(block.shape() for block in self.blocks)
+
+
+def _local(tag: str) -> str:
+    return tag.rsplit("}", 1)[-1]  # namespaced files write {uri}Tag
+
+
+def _child(elem: ET.Element, name: str) -> ET.Element | None:
+    return next((c for c in elem if _local(c.tag) == name), None)
+
+
+def _children(elem: ET.Element, name: str) -> list[ET.Element]:
+    return [c for c in elem if _local(c.tag) == name]
+
+
+def _text(elem: ET.Element | None, name: str) -> str:
+    child = None if elem is None else _child(elem, name)
+    return "" if child is None or child.text is None else " ".join(child.text.split())
+
+
+def read_document(path: str | Path) -> Document:
+    """Parse one XTbML file.
+
+    Raises
+    ------
+    XTbMLError
+        The file is not XML, not XTbML, or an element is missing or holds a bad value.
+    OSError
+        The file does not exist or cannot be read.
+    """
+    path = Path(path)
+    if not stat.S_ISREG(path.stat().st_mode):  # a FIFO would block the read for ever
+        raise XTbMLError(f"{path}: not a regular file")
+    with path.open("rb") as handle:
+        data = handle.read(MAX_BYTES + 1)
+    if len(data) > MAX_BYTES:
+        raise XTbMLError(f"{path}: larger than {MAX_BYTES // 2**20} MB; not an XTbML table")
+    if b"<!DOCTYPE" in data or b"<!ENTITY" in data:
+        # XTbML has no document type; refusing it keeps entity expansion out of reach.
+        raise XTbMLError(f"{path}: <!DOCTYPE>/<!ENTITY> declarations are not accepted in XTbML files")
+    try:
+        root = ET.fromstring(data)  # bytes: the parser reads the declared encoding and skips a BOM
+    except ET.ParseError as exc:
+        raise XTbMLError(f"{path}: not well-formed XML: {exc}") from None
+    if _local(root.tag) != "XTbML":
+        raise XTbMLError(f"{path}: not an XTbML file (root element <{_local(root.tag)}>, expected <XTbML>)")
+    info = _child(root, "ContentClassification")
+    if info is None:
+        raise XTbMLError(f"{path}: <ContentClassification> missing")
+    tables = _children(root, "Table")
+    if not tables:
+        raise XTbMLError(f"{path}: no <Table> element")
+    blocks = tuple(_block(path, i, table) for i, table in enumerate(tables, start=1))
+    return Document(
+        path=path,
+        identity=_text(info, "TableIdentity"),
+        name=_text(info, "TableName") or path.stem,
+        provider=", ".join(p for p in (_text(info, "ProviderName"), _text(info, "ProviderDomain")) if p),
+        reference=_text(info, "TableReference"),
+        content_type=_text(info, "ContentType"),
+        description=_text(info, "TableDescription"),
+        blocks=blocks,
+    )
+
+
+def _whole(path: Path, where: str, name: str, text: str | None) -> int:
+    value = (text or "").strip()
+    try:
+        number = int(value)
+    except ValueError:
+        raise XTbMLError(f"{path}: {where}: <{name}> {value!r} is not a whole number") from None
+    if abs(number) > 10**6:  # ages, durations and years; anything larger is a broken file
+        raise XTbMLError(f"{path}: {where}: <{name}> {number} is out of range")
+    return number
+
+
+def _axis(path: Path, where: str, elem: ET.Element) -> Axis:
+    label = _text(elem, "AxisName") or elem.get("id", "")
+    where = f"{where}, <AxisDef id={label!r}>"
+    if not label:
+        raise XTbMLError(f"{path}: {where}: <AxisName> missing")
+    bounds = []
+    for name in ("MinScaleValue", "MaxScaleValue", "Increment"):
+        child = _child(elem, name)
+        if child is None:
+            raise XTbMLError(f"{path}: {where}: <{name}> missing")
+        bounds.append(_whole(path, where, name, child.text))
+    lo, hi, step = bounds
+    if hi < lo:
+        raise XTbMLError(f"{path}: {where}: <MaxScaleValue> {hi} below <MinScaleValue> {lo}")
+    if step <= 0 and hi != lo:  # a single-value axis is written with increment 0 (t2360)
+        raise XTbMLError(f"{path}: {where}: <Increment> {step} must be positive")
+    # The axis's name says what it is: some files tag a year axis with scale type "Age".
+    return Axis(label.lower(), label, _text(elem, "ScaleType"), tuple(range(lo, hi + 1, max(step, 1))))
+
+
+def _block(path: Path, number: int, table: ET.Element) -> Block:
+    where = f"<Table> {number}"
+    meta = _child(table, "MetaData")
+    if meta is None:
+        raise XTbMLError(f"{path}: {where}: <MetaData> missing")
+    scaling = _text(meta, "ScalingFactor")
+    if scaling and scaling != "0":
+        raise XTbMLUnsupportedError(
+            f"{path}: {where}: <ScalingFactor> {scaling}: only unscaled values (0) are read"
+        )
+    axes = tuple(_axis(path, where, elem) for elem in _children(meta, "AxisDef"))
+    if not axes:
+        raise XTbMLError(f"{path}: {where}: <MetaData> has no <AxisDef>")
+    values = _child(table, "Values")
+    if values is None:
+        raise XTbMLError(f"{path}: {where}: <Values> missing")
+    cells: dict[tuple[int, ...], float] = {}
+    outer = _child(values, "Axis")
+    many = tuple(i for i, axis in enumerate(axes) if len(axis.values) > 1)
+    if len(axes) > 1 and len(many) == 1 and outer is not None and outer.get("t") is None:
+        # A one-value axis left out of <Values> (t2360's ultimate Duration[3-3]): read the other
+        # axis alone and put the single value back into each key.
+        flat: dict[tuple[int, ...], float] = {}
+        _collect(path, where, values, (axes[many[0]],), (), flat)
+        for (t,), value in flat.items():
+            cells[tuple(t if i == many[0] else axis.values[0] for i, axis in enumerate(axes))] = value
+    else:
+        _collect(path, where, values, axes, (), cells)
+    if not cells:
+        raise XTbMLError(f"{path}: {where}: <Values> holds no numbers")
+    return Block(number, axes, cells)
+
+
+def _collect(
+    path: Path,
+    where: str,
+    elem: ET.Element,
+    axes: tuple[Axis, ...],
+    key: tuple[int, ...],
+    cells: dict[tuple[int, ...], float],
+) -> None:
+    """Walk ``<Axis t=..>`` levels down to the ``<Y t=..>`` cells of the innermost axis."""
+    axis = axes[len(key)]
+    if len(key) == len(axes) - 1:
+        for inner in _children(elem, "Axis"):
+            for y in _children(inner, "Y"):
+                _cell(path, where, y, axis, key, cells)
+        return
+    for inner in _children(elem, "Axis"):
+        label = f"{where}, <Axis t={inner.get('t')!r}>"
+        t = _whole(path, label, "Axis t", inner.get("t"))
+        if t not in axis.values:
+            raise XTbMLError(f"{path}: {label}: {axis.label} {t} outside the axis {axis.span()}")
+        _collect(path, label, inner, axes, (*key, t), cells)
+
+
+def _cell(
+    path: Path,
+    where: str,
+    y: ET.Element,
+    axis: Axis,
+    key: tuple[int, ...],
+    cells: dict[tuple[int, ...], float],
+) -> None:
+    label = f"{where}, <Y t={y.get('t')!r}>"
+    t = _whole(path, label, "Y t", y.get("t"))
+    if t not in axis.values:
+        raise XTbMLError(f"{path}: {label}: {axis.label} {t} outside the axis {axis.span()}")
+    text = (y.text or "").strip()
+    if not text:
+        return  # an empty cell is an unpublished one
+    try:
+        value = float(text)
+    except ValueError:
+        raise XTbMLError(f"{path}: {label}: value {text!r} is not a number") from None
+    if not math.isfinite(value):
+        raise XTbMLError(f"{path}: {label}: value {text!r} is not finite")
+    if (*key, t) in cells:
+        raise XTbMLError(f"{path}: {label}: the cell appears twice")
+    cells[(*key, t)] = value

@@ -1,0 +1,66 @@
+"""``veltrane import``: XTbML files to a table pair, with a scale, and one-line refusals."""
+
+from __future__ import annotations
+
+import pytest
+
+from veltrane.cli import main
+from veltrane.config import Config
+from veltrane.tables.life import LifeTable
+from veltrane.tables.source import TableSource
+from xtbml_files import select_cells, table_1d, table_2d, xtbml
+
+
+def run(capsys, *argv):
+    try:
+        code = main([str(a) for a in argv])
+    except SystemExit as exc:
+        code = exc.code
+    out, err = capsys.readouterr()
+    return code, out, err
+
+
+@pytest.fixture(autouse=True)
+def clean():
+    yield
+    TableSource.clear_cache()
+
+
+def test_import_select_table_per_sex(capsys, tmp_path):
+    cells = select_cells(range(30, 33), (1, 2))
+    ult = table_1d("Age", {x: 0.01 for x in range(31, 36)} | {36: 1.0})
+    m = xtbml(tmp_path / "m.xml", table_2d("Age", "Duration", cells), ult, name="S - Male")
+    f = xtbml(tmp_path / "f.xml", table_2d("Age", "Duration", cells), ult, name="S - Female")
+    code, out, err = run(capsys, "import", m, f, "--name", "SX", "--out", tmp_path / "out")
+    assert (code, err) == (0, "")
+    assert out.splitlines() == [
+        str(tmp_path / "out" / "SX.toml"),
+        "SX: select-and-ultimate, select period 2 (durations 1-2), sexes m,f, ages 30-36",
+    ]
+    with Config().override(tables_path=[tmp_path / "out"]):
+        assert LifeTable("SX", "f", duration=2).qx(33) == cells[(32, 2)]
+
+
+def test_import_with_scale_and_formula(capsys, tmp_path):
+    base = xtbml(tmp_path / "b.xml", table_1d("Age", {0: 0.1, 1: 1.0}), name="2012 Base - Male")
+    scale = xtbml(tmp_path / "s.xml", table_1d("Age", {0: 0.01, 1: 0.0}), content="Projection Scale")
+    argv = ["import", base, "--scale", scale, "--formula", "exponential", "--name", "G", "--out", tmp_path]
+    code, out, _ = run(capsys, *argv)
+    assert code == 0 and "generational, exponential formula" in out
+    with Config().override(tables_path=[tmp_path]):
+        assert TableSource("G").base_year == 2012
+
+
+@pytest.mark.parametrize(
+    ("extra", "message"),
+    [
+        (["--formula", "compound"], "apply only with a scale"),
+        (["--part", "3"], "part 3 does not exist"),
+    ],
+)
+def test_import_refusals_are_one_line_and_write_nothing(capsys, tmp_path, extra, message):
+    path = xtbml(tmp_path / "u.xml", table_1d("Age", {0: 0.1, 1: 1.0}))
+    code, out, err = run(capsys, "import", path, "--name", "U", "--out", tmp_path / "out", *extra)
+    assert code == 2 and out == "" and err.count("\n") == 1
+    assert err.startswith("veltrane import: error: ") and message in err
+    assert not (tmp_path / "out").exists()

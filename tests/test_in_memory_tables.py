@@ -1,0 +1,113 @@
+"""Tables from data in memory: registered sources, rate vectors, ages from above 0, survivors,
+and unisex generational tables with their own trend."""
+
+from __future__ import annotations
+
+import numpy as np
+import polars as pl
+import pytest
+
+import veltrane
+from conftest import improved
+from veltrane.config import Config
+from veltrane.tables import decrement
+from veltrane.tables.exit import ExitTable
+from veltrane.tables.life import LifeTable
+from veltrane.tables.source import TableSource
+
+
+@pytest.fixture(autouse=True)
+def clean():
+    yield
+    for name in TableSource.registered():
+        TableSource.unregister(name)
+    TableSource.clear_cache()
+    decrement._clear_cohort_unisex_cache()
+
+
+def test_registered_vector_is_used_by_name_and_marks_ages_below_its_start():
+    source = veltrane.register_table(TableSource.from_rates("MEM", [0.1, 0.2, 1.0], start_age=60))
+    assert TableSource("MEM") is source
+    assert (source.start_age, source.w) == (60, 62)
+    table = LifeTable("MEM", "u")
+    assert table.qx(60) == 0.1 and table.qx(59) == 0.0
+    assert table.lx(60) == table.lx(0)  # nobody leaves before the first age
+
+
+def test_registration_shadows_files_and_unregister_brings_them_back(tables):
+    tables.period("PER", sexes=("u",))
+    on_file = LifeTable("PER", "u").qx(0)
+    TableSource.from_rates("PER", [0.5] * 8).register()
+    assert LifeTable("PER", "u").qx(0) == 0.5
+    with Config().override(tables_path=[]):  # whatever the search path
+        assert LifeTable("PER", "u").qx(0) == 0.5
+    TableSource.unregister("PER")
+    assert LifeTable("PER", "u").qx(0) == on_file
+    with pytest.raises(KeyError, match="no table 'PER' is registered"):
+        TableSource.unregister("PER")
+
+
+def test_registering_again_drops_the_unisex_cohort_cache():
+    def register(scale):
+        q = np.array([0.1, 0.2, 0.3, 1.0]) * scale
+        frame = pl.DataFrame(
+            {"age": range(4), "qx_m": q, "qx_f": q / 2, "mi_m": [0.01] * 4, "mi_f": [0.01] * 4}
+        )
+        meta = {"table_type": "life", "generational": {"formula_type": "compound", "base_year": 2000}}
+        TableSource.from_frame("GENMEM", meta, frame).register()
+
+    register(1.0)
+    first = LifeTable("GENMEM", "u", cohort=1990, unisex_blend=1.0).qx(1)
+    register(0.5)
+    assert LifeTable("GENMEM", "u", cohort=1990, unisex_blend=1.0).qx(1) == pytest.approx(first / 2, rel=1e-9)
+
+
+def test_rates_by_sex_and_exit_tables():
+    TableSource.from_rates("EX", {"m": [0.1, 1.0], "f": [0.2, 1.0]}, table_type="exit").register()
+    assert ExitTable("EX", "f").qx(0) == 0.2
+
+
+@pytest.mark.parametrize(
+    ("rates", "kwargs", "message"),
+    [
+        ([0.1, 1.5], {}, "rate 1.5 outside"),
+        ({"m": [0.1], "f": [0.1, 0.2]}, {}, "vectors of one length"),
+        ([0.1], {"start_age": -1}, "start_age must be a whole number"),
+        ([0.1], {"table_type": "death"}, "table_type must be one of"),
+    ],
+)
+def test_bad_rate_vectors_are_refused(rates, kwargs, message):
+    with pytest.raises(ValueError, match=message):
+        TableSource.from_rates("BAD", rates, **kwargs)
+    assert "BAD" not in TableSource.registered()
+
+
+def test_frame_starting_above_zero_and_survivors_become_rates():
+    frame = pl.DataFrame({"age": [20, 21, 22], "lx_m": [1000.0, 900.0, 450.0]})
+    source = TableSource.from_frame("LX", {"table_type": "life"}, frame)
+    assert source.start_age == 20
+    np.testing.assert_allclose(source.data["qx_m"], [0.0] * 20 + [0.1, 0.5, 1.0], rtol=1e-15)
+    with pytest.raises(ValueError, match="'start_age': 10 lies below the first age given, 20"):
+        TableSource.from_frame("LX", {"table_type": "life", "start_age": 10}, frame)
+    with pytest.raises(ValueError, match="survivors rise"):
+        TableSource.from_frame(
+            "LX", {"table_type": "life"}, frame.with_columns(lx_m=pl.Series([1.0, 2.0, 0.0]))
+        )
+
+
+def test_file_starting_above_zero_says_how_to_write_it(tables):
+    (tables.directory / "LATE.toml").write_text('table_type = "life"\n')
+    (tables.directory / "LATE.csv").write_text("age,qx_u\n20,0.1\n21,1\n")
+    with pytest.raises(ValueError, match=r"ages must start at 0, got 20; .* set start_age = 20"):
+        TableSource("LATE")
+
+
+def test_unisex_generational_table_uses_its_own_trend(tables):
+    q = tables.rates()
+    cols = {f"qx_{s}": tables.rates() for s in "mf"} | {"qx_u": q, "mi_m": tables.improvement()}
+    cols |= {"mi_f": tables.improvement(), "mi_u": np.full(len(q), 0.02)}
+    meta = {"table_type": "life", "generational": {"formula_type": "exponential", "base_year": 2000}}
+    tables.write("GU", meta, cols)
+    expected = improved("exponential", q, cols["mi_u"], 1980, 2000)  # the unisex sex projected with mi_u
+    got = LifeTable("GU", "u", cohort=1980).qx(np.arange(len(q) - 1))
+    np.testing.assert_allclose(got, expected[:-1], rtol=1e-9)
