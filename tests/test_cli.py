@@ -186,10 +186,10 @@ def test_console_script_entry(tmp_path):
 
 def test_tables_search_ignores_case_and_needs_every_word(capsys, tables):
     tables.write("ALPHA", {"table_type": "life", "description": "Select Assured Lives"}, {"qx_u": [0.1, 1.0]})
-    tables.write("BETA", {"table_type": "life", "description": "Annuitants"}, {"qx_u": [0.1, 1.0]})
+    tables.write("BETA", {"table_type": "life", "description": "Quokka colony"}, {"qx_u": [0.1, 1.0]})
     code, out, _ = run(capsys, "tables", "--search", "assured", "SELECT")
     assert code == 0 and [line.split()[0] for line in out.splitlines()[1:]] == ["ALPHA"]
-    code, out, _ = run(capsys, "tables", "--search", "beta")
+    code, out, _ = run(capsys, "tables", "--search", "QUOKKA")
     assert [line.split()[0] for line in out.splitlines()[1:]] == ["BETA"]
     assert run(capsys, "tables", "--search", "nothing-like-it")[1] == "No tables match.\n"
 

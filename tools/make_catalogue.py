@@ -205,7 +205,51 @@ def rp_2014_healthy_annuitant(raw: Path) -> Built:
     return metadata, columns
 
 
+def from_xtbml(files: tuple[str, ...], description: str, **options: Any) -> Callable[[Path], Built]:
+    """An entry read by the XTbML importer from the SOA table service files, one per sex."""
+
+    def build(raw: Path) -> Built:
+        from veltrane.tables.xtbml import read_xtbml
+
+        table = read_xtbml([raw / "soa-xtbml" / f for f in files], "CATALOGUE", **options)
+        metadata = {**table.metadata, "description": description}
+        metadata["sex_independent"] = False
+        return metadata, {k: v.tolist() for k, v in table.columns.items()}
+
+    return build
+
+
+CSO_2001 = (
+    "2001 CSO select and ultimate, composite (smoker and nonsmoker combined): 25-year select period by "
+    "issue age 0-99, select columns by attained age, ultimate rates from age 25; age nearest birthday."
+)
+CSO_2017 = (
+    "2017 Loaded CSO select and ultimate, composite: 25-year select period by issue age 0-95, select "
+    "columns by attained age; age nearest birthday. The US valuation standard for life insurance."
+)
+VBT_2015 = (
+    "2015 VBT unismoke, male: valuation basic table (unloaded experience), 25-year select period by issue "
+    "age 0-95, select columns by attained age; age nearest birthday."
+)
+MOORHEAD = (
+    "1960 Moorhead Lapse Table R: voluntary termination rates by policy year. The rows are policy years "
+    "1-30, not ages: read it at the policy year (exit rates from year 1), and note that the last row, "
+    "like the last age of any table, is certain exit."
+)
+
+
 CATALOGUE: tuple[Entry, ...] = (
+    Entry(
+        "CSO1980",
+        from_xtbml(
+            ("t42.xml", "t36.xml"),
+            "1980 CSO: Commissioners Standard Ordinary mortality, ultimate, ages 0-99, age nearest birthday.",
+        ),
+    ),
+    Entry("CSO2001", from_xtbml(("t1136.xml", "t1139.xml"), CSO_2001)),
+    Entry("CSO2017", from_xtbml(("t3287.xml", "t3288.xml"), CSO_2017)),
+    Entry("VBT2015UM", from_xtbml(("t3273.xml",), VBT_2015)),
+    Entry("MOORHEAD_R", from_xtbml(("t751.xml",), MOORHEAD)),
     Entry("AVOE2005R", avoe_2005r),
     Entry("DAV2004R", dav_2004r),
     Entry("IAM2012", iam_2012_g2),
@@ -235,7 +279,10 @@ def render_docs(directory: Path = BUNDLED_TABLES_DIR) -> str:
         source = TableSource.from_frame(toml.stem, _metadata(toml), pl.read_csv(toml.with_suffix(".csv")))
         lines = dict(line.split(": ", 1) for line in source._taxonomy_lines())
         cited = source.metadata.get("source", {})
-        origin = ", ".join(str(cited[k]) for k in ("authority", "year") if k in cited)
+        parts = [str(cited[k]) for k in ("authority", "year") if k in cited]
+        if "table_identity" in cited:
+            parts = [f"SOA table service, table {cited['table_identity']}"]
+        origin = ", ".join(parts)
         what = source.description.split(":")[0].split(". ")[0]
         cells = [
             f"`{source.table_name}`",
