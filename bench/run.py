@@ -140,8 +140,11 @@ def main() -> None:
 
     sys.path.insert(0, str(Path(__file__).resolve().parent))
     import construction
+    import generational
 
     construction.main()
+    print()
+    generational.main()
 
 
 if __name__ == "__main__":

@@ -4,7 +4,10 @@
 // back to it, so that its own message is raised.
 #include "decrement/projection.hpp"
 
+#include "decrement/columns.hpp"
 #include "kernels/generational.hpp"
+
+#include <string>
 
 #include <optional>
 
@@ -52,6 +55,54 @@ py::ref projected_by_kernel(TableObject* t, PyObject* q, PyObject* matrix, const
     const std::span<const double> rates = py::f64_cspan(q);
     py::ref out = py::new_f64(static_cast<npy_intp>(rates.size()));
     if (!kernels::project_scale(rates, py::f64_cspan(matrix), grid, *c, *b, py::f64_span(out.get()))) return {};
+    return out;
+}
+
+TrendRecipe trend_recipe(TableObject* t) {
+    ModuleState* st = t->st;
+    const Names& n = st->names;
+    TrendRecipe r;
+    if (!st->fast_paths || t->sex.is_none() || !t->unisex_blend.is_none()) return r;
+    if (source_flag(t, n.select.get()) || !source_flag(t, n.generational.get())) return r;
+    py::ref structure = source_attr(t, n.mi_structure.get());
+    py::ref formula = source_attr(t, n.generational_formula_type.get());
+    if (str_equals(structure.get(), "year_indexed") || !PyUnicode_Check(formula.get())) return r;
+    PyObject* function = PyDict_GetItemWithError(st->formula_map, formula.get());
+    if (function == nullptr) {
+        if (PyErr_Occurred()) py::throw_error_set();
+        return r;
+    }
+    for (int i = 0; i < 3; ++i) {
+        if (function == st->builtin_formulas[i]) {
+            r.trend = i;
+            r.usable = true;
+        }
+    }
+    py::ref base_year = source_attr(t, n.base_year.get());
+    const std::optional<std::int64_t> b = year_of(base_year.get());
+    if (!r.usable || !b) return {};
+    r.base_year = *b;
+    py::ref data = source_attr(t, n.data.get());
+    py::ref columns = source_columns(t, data.get());
+    py::ref q_col = py::check(PyUnicode_FromFormat("%s_%S", std::string(prefix_for(t)).c_str(), t->sex.get()));
+    py::ref mi_col = py::check(PyUnicode_FromFormat("mi_%S", t->sex.get()));
+    if (py::require(PySet_Contains(columns.get(), q_col.get())) != 1 ||
+        py::require(PySet_Contains(columns.get(), mi_col.get())) != 1) {
+        return {};
+    }
+    r.q = cached_column(t, data.get(), q_col.get());
+    r.mi = cached_column(t, data.get(), mi_col.get());
+    if (py::f64_size(r.q.get()) != source_w(t) + 1 || py::f64_size(r.mi.get()) != py::f64_size(r.q.get())) return {};
+    return r;
+}
+
+py::ref project_recipe(const TrendRecipe& recipe, std::int64_t cohort) {
+    const std::span<const double> rates = py::f64_cspan(recipe.q.get());
+    py::ref out = py::new_f64(static_cast<npy_intp>(rates.size()));
+    if (!kernels::project_trend(static_cast<kernels::Trend>(recipe.trend), rates, py::f64_cspan(recipe.mi.get()),
+                                cohort - recipe.base_year, py::f64_span(out.get()))) {
+        return {};
+    }
     return out;
 }
 

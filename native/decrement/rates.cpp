@@ -284,15 +284,23 @@ py::ref compute_decrement(TableObject* t, PyObject* sex) {
     return generational_rates(t, sex, std::move(q), data.get(), w, Structure::plain);
 }
 
-py::ref validate_cohort_year(TableObject* t, PyObject* value) {
+py::ref validate_cohort_year(TableObject* t, PyObject* value) { return validate_cohort_year(t, value, nullptr); }
+
+py::ref validate_cohort_year(TableObject* t, PyObject* value, long long* current) {
     if (PyBool_Check(value)) py::raise(PyExc_TypeError, "cohort must be int, got bool");
     if (!PyLong_Check(value) && !PyArray_IsScalar(value, Integer)) {
         py::raise(PyExc_ValueError, "Cohort year must be an integer.");
     }
     py::ref year = py::check(PyNumber_Index(value));
-    py::ref current = py::check(PyObject_CallNoArgs(t->st->current_year));
+    long long now = 0;
+    if (current != nullptr && *current != 0) {
+        now = *current;
+    } else {
+        py::ref reading = py::check(PyObject_CallNoArgs(t->st->current_year));
+        now = as_long_long(reading.get());
+        if (current != nullptr) *current = now;
+    }
     const long long y = PyLong_AsLongLong(year.get());
-    const long long now = as_long_long(current.get());
     if ((y == -1 && PyErr_Occurred()) || y < 1900 || y > now) {
         PyErr_Clear();
         py::raise(PyExc_ValueError, "Cohort year must be between 1900 and %lld.", now);

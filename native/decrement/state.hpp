@@ -124,6 +124,9 @@ py::ref compute_decrement(TableObject* t);
 // The base rates of one sex under the table's other keys (a blend reads them per sex).
 py::ref compute_decrement(TableObject* t, PyObject* sex);
 py::ref validate_cohort_year(TableObject* t, PyObject* value);
+// The same against a calendar year read once for a whole many-table call: `*current` is
+// read from the clock when 0, and kept for the next cohorts of the call.
+py::ref validate_cohort_year(TableObject* t, PyObject* value, long long* current);
 py::ref get_mi_col(TableObject* t, PyObject* sex, PyObject* dur);
 py::ref compute_lx(TableObject* t);
 // The duration setter's validation: an int >= the start duration, or null for 'ult'.
