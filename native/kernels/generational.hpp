@@ -38,7 +38,7 @@ bool project_trend(Trend trend, std::span<const double> q, std::span<const doubl
 bool project_scale(std::span<const double> q, std::span<const double> mi, std::span<const std::int64_t> grid,
                    std::int64_t cohort, std::int64_t base_year, std::span<double> out);
 
-// NumPy's pairwise summation of a contiguous row (as np.sum along it), exposed for tests.
+// NumPy's pairwise summation of a contiguous row, as np.sum along the row computes it.
 double pairwise_sum(const double* a, std::size_t n) noexcept;
 
 }  // namespace veltrane::kernels
