@@ -8,8 +8,9 @@ Run with ``make bench`` or ``python bench/run.py``. Every figure is a median ove
   shortest NumPy expression computing the same values from the same vectors (target: at most
   1.5 times the NumPy time); the script checks that the values are the same;
 - the peak memory of the grid, against the result plus one piece of 2,000,000 cells;
-- then table construction (construction.py), the life contingencies (contingencies.py) and a
-  portfolio projection of 1,000,000 policies over 30 years (portfolio.py).
+- then table construction (construction.py), generational builds against NumPy
+  (generational.py), the life contingencies (contingencies.py) and a portfolio projection of
+  1,000,000 policies over 30 years (portfolio.py).
 
 A benchmark, not a test: it reports, it never fails a build.
 """
@@ -80,6 +81,11 @@ def numpy_grid(lx: np.ndarray, ages: np.ndarray, durations: np.ndarray) -> np.nd
     return np.round(numpy_l(lx, ages[:, None] + durations[None, :]) / numpy_l(lx, ages)[:, None], 12)
 
 
+def numpy_int_grid(lx: np.ndarray, ages: np.ndarray, durations: np.ndarray) -> np.ndarray:
+    i, j = ages.astype(np.intp), durations.astype(np.intp)
+    return np.round(lx[i[:, None] + j[None, :]] / lx[i][:, None], 12)
+
+
 def main() -> None:
     table = LifeTable("SULT", "u")
     lx, q, lx_raw = table.lx(), table._decrement, table._lx_raw
@@ -87,6 +93,10 @@ def main() -> None:
     # Fractional ages and durations whose sums stay below omega (120), as the floors assume.
     ages = rng.uniform(20.0, 100.0, 1_000_000)
     grid_ages, grid_durations = rng.uniform(20.0, 100.0, 3_000), rng.uniform(0.0, 19.0, 1_000)
+    # Integer ages (as float64, as they usually come) and their indices for the NumPy floors.
+    int_ages = rng.integers(0, table.w, 1_000_000).astype(np.float64)
+    int_grid_ages = rng.integers(20, 100, 3_000).astype(np.float64)
+    int_grid_durations = rng.integers(0, 20, 1_000).astype(np.float64)
 
     print(f"Python {sys.version.split()[0]}, NumPy {np.__version__}; table SULT (ages 0-{table.w}), linear")
     print()
@@ -112,6 +122,24 @@ def main() -> None:
             lambda: numpy_grid(lx, grid_ages, grid_durations),
             1,
         ),
+        (
+            "qx(ages), 1,000,000 integer ages",
+            lambda: table.qx(int_ages),
+            lambda: np.round(q[int_ages.astype(np.intp)], 12),
+            1,
+        ),
+        (
+            "lx(ages), 1,000,000 integer ages",
+            lambda: table.lx(int_ages),
+            lambda: lx[int_ages.astype(np.intp)],
+            1,
+        ),
+        (
+            "tpx(ages, durations), 3,000 x 1,000 integer grid",
+            lambda: table.tpx(int_grid_ages, int_grid_durations),
+            lambda: numpy_int_grid(lx, int_grid_ages, int_grid_durations),
+            1,
+        ),
         ("px(), whole table", table.px, lambda: np.round(1.0 - q, 12), 2000),
         ("lx(), whole table", table.lx, lambda: np.round(lx_raw, 9), 2000),
     ]
@@ -126,7 +154,8 @@ def main() -> None:
             f"{mark(ratio <= VECTOR_TARGET_RATIO)}   same values: {'yes' if same else 'NO'}"
         )
     print("  NumPy floors: l(x) = L[i] + (L[i+1] - L[i]) * (x - i) with np.round as the functions round;")
-    print("  px: np.round(1 - q, 12); lx: np.round(l_raw, 9)")
+    print("  px: np.round(1 - q, 12); lx: np.round(l_raw, 9); integer ages: gathers at the indices,")
+    print("  qx rounded, lx as stored (already rounded), the grid's ratios rounded")
     print()
 
     result_mb = grid_ages.size * grid_durations.size * 8 / 1e6
@@ -143,9 +172,12 @@ def main() -> None:
     sys.path.insert(0, str(Path(__file__).resolve().parent))
     import construction
     import contingencies
+    import generational
     import portfolio
 
     construction.main()
+    print()
+    generational.main()
     contingencies.main()
     portfolio.main()
 

@@ -2,6 +2,8 @@
 // fast paths (float, int, list, tuple, float64 array).
 #include "common/numeric.hpp"
 
+#include "kernels/scan.hpp"
+
 #include <cmath>
 #include <cstdio>
 #include <string>
@@ -225,9 +227,8 @@ Input input_from_array(PyObject* given, const Rules& r) {
     }
     if (r.check_finite) {
         std::span<const double> values = py::f64_cspan(converted.get());
-        for (std::size_t i = 0; i < values.size(); ++i) {
-            if (!std::isfinite(values[i])) raise_not_finite(r.method, r.attr, static_cast<Py_ssize_t>(i), values[i]);
-        }
+        const std::size_t i = kernels::find_first(values, kernels::not_finite);
+        if (i < values.size()) raise_not_finite(r.method, r.attr, static_cast<Py_ssize_t>(i), values[i]);
     }
     result.array = std::move(converted);
     return result;

@@ -5,6 +5,7 @@
 #include "decrement/functions.hpp"
 
 #include "decrement/arguments.hpp"
+#include "kernels/scan.hpp"
 
 #include <cmath>
 #include <string>
@@ -65,10 +66,7 @@ Values converted(PyObject* obj) {
 }
 
 bool any_negative(std::span<const double> values) noexcept {
-    for (double v : values) {
-        if (v < 0.0) return true;
-    }
-    return false;
+    return kernels::find_first(values, [](double v) { return v < 0.0; }) < values.size();
 }
 
 double table_w(TableObject* t) {
@@ -161,6 +159,20 @@ py::ref decrement_interval(TableObject* t, Probability kind, const Values& x, do
     };
     auto vector = [ages](auto&& kernel) { return checked_vector(ages, kernel); };
     if (m == 1.0) {
+        if (!scalar_result) {
+            const py::ref q = decrement_vector(t);
+            const std::span<const double> rates = py::f64_cspan(q.get());
+            const double w = table_w(t);
+            auto fill = [&](std::span<double> lookup) {
+                for (std::size_t k = 0; k < lookup.size(); ++k) {
+                    const double p = kernels::survival_from_rate(rates, w, static_cast<double>(k));
+                    if (!kernels::within_unit_interval(p, numeric::kEpsInt)) return false;
+                    lookup[k] = finish(kernels::clamp_unit(p));
+                }
+                return true;
+            };
+            if (py::ref whole = gathered(t, kernels::lookup_size(rates.size(), w), ages, fill)) return whole;
+        }
         // Integer ages read the table's own rates; any fractional age sends all through l.
         if (kernels::all_integer_ages(ages, numeric::kEpsInt)) {
             const py::ref q = decrement_vector(t);
@@ -286,9 +298,16 @@ PyObject* Table_lx(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyOb
         const LVector l = survivorship(t, cfg, false);
         if (ages.scalar) return new_float(kernels::round_to(kernels::lx_point(l.view, ages.value), cfg.lx));
         const std::span<const double> in = ages.view();
+        const kernels::Rounder round(cfg.lx);
+        auto fill = [&](std::span<double> lookup) {
+            for (std::size_t k = 0; k < lookup.size(); ++k) lookup[k] = round(kernels::lx_point(l.view, static_cast<double>(k)));
+            return true;
+        };
+        if (py::ref whole = gathered(t, kernels::lookup_size(l.view.l.size(), l.view.w), in, fill)) {
+            return whole.release();
+        }
         py::ref out = py::new_f64(static_cast<npy_intp>(in.size()));
         const std::span<double> o = py::f64_span(out.get());
-        const kernels::Rounder round(cfg.lx);
         run_unchecked_in_pieces(in.size(), [&](std::size_t b, std::size_t e) {
             kernels::survivors_rounded(l.view, in.subspan(b, e - b), round, o.subspan(b, e - b));
         });
@@ -333,9 +352,18 @@ PyObject* Table_dx(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyOb
         const LVector l = survivorship(t, cfg, false);
         if (ages.scalar) return new_float(kernels::decrement_point(l.view, ages.value, kernels::Rounder(cfg.dx)));
         const std::span<const double> in = ages.view();
+        const kernels::Rounder round(cfg.dx);
+        auto fill = [&](std::span<double> lookup) {
+            for (std::size_t k = 0; k < lookup.size(); ++k) {
+                lookup[k] = kernels::decrement_point(l.view, static_cast<double>(k), round);
+            }
+            return true;
+        };
+        if (py::ref whole = gathered(t, kernels::lookup_size(l.view.l.size(), l.view.w), in, fill)) {
+            return whole.release();
+        }
         py::ref out = py::new_f64(static_cast<npy_intp>(in.size()));
         const std::span<double> o = py::f64_span(out.get());
-        const kernels::Rounder round(cfg.dx);
         run_unchecked_in_pieces(in.size(), [&](std::size_t b, std::size_t e) {
             kernels::decrements(l.view, in.subspan(b, e - b), round, o.subspan(b, e - b));
         });

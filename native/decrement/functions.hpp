@@ -6,12 +6,14 @@
 #pragma once
 
 #include "decrement/table.hpp"
+#include "kernels/gather.hpp"
 #include "kernels/probability.hpp"
 
 #include <cstddef>
 #include <optional>
 #include <span>
 #include <string_view>
+#include <vector>
 
 namespace veltrane::decrement::actuarial {
 
@@ -57,6 +59,29 @@ void run_unchecked_in_pieces(std::size_t n, F&& body) {
         body(begin, end);
         return std::nullopt;
     });
+}
+
+// Integer ages: below this many, filling a lookup costs more than it saves.
+inline constexpr std::size_t kGatherMinimum = 64;
+
+// The values of a function of the age at the ages `x`, when every one is whole (an integer
+// >= 0; found out while reading, in one pass), as a new vector read from a lookup by integer
+// age that `fill(lookup)` writes with the scalar kernels (one entry per age 0 .. lookup_n - 1,
+// the last standing for all larger ages). Null when the fast path does not apply: switched
+// off, too few ages, an age not whole, or `fill` refused (a value the general path reports).
+template <class Fill>
+py::ref gathered(TableObject* t, std::size_t lookup_n, std::span<const double> x, Fill&& fill) {
+    if (!t->st->fast_paths || x.size() < kGatherMinimum) return {};
+    std::vector<double> lookup(lookup_n);
+    if (!fill(std::span<double>(lookup))) return {};
+    py::ref out = py::new_f64(static_cast<npy_intp>(x.size()));
+    const std::span<double> o = py::f64_span(out.get());
+    bool whole = true;
+    run_unchecked_in_pieces(x.size(), [&](std::size_t b, std::size_t e) {
+        whole = whole && kernels::gather_whole(lookup, x.subspan(b, e - b), o.subspan(b, e - b));
+    });
+    if (!whole) return {};
+    return out;
 }
 
 // Ages or durations after validation or conversion.

@@ -9,6 +9,7 @@
 #include "decrement/arguments.hpp"
 
 #include <algorithm>
+#include <vector>
 
 namespace veltrane::decrement::actuarial {
 namespace {
@@ -22,6 +23,37 @@ Values unit_duration() {
     one.value = 1.0;
     one.scalar = true;
     return one;
+}
+
+// Rows [first, end) of a grid of whole ages and durations: each row from a lookup of its
+// ratios l(a) / l(x) by the age reached a, made with the general kernel's operations; a row
+// whose lookup holds a value outside [0, 1] is left to the general kernel, which reports it
+// if a duration reaches it.
+std::optional<kernels::RangeFault> whole_grid_rows(const kernels::Survivorship& s, std::span<const double> x,
+                                                   std::span<const double> t, const kernels::Finish& finish,
+                                                   std::size_t first, std::size_t end, std::span<double> cells) {
+    std::vector<double> lookup(kernels::lookup_size(s.l.size(), s.w));
+    const std::size_t k = t.size();
+    for (std::size_t i = first; i < end; ++i) {
+        const double b = kernels::lx_point(s, x[i]);
+        bool ok = true;
+        if (b != 0.0) {
+            for (auto a = static_cast<std::size_t>(x[i] < static_cast<double>(lookup.size()) ? x[i] : 0.0);
+                 a < lookup.size() && ok; ++a) {
+                const double r = kernels::lx_point(s, static_cast<double>(a)) / b;
+                ok = kernels::within_unit_interval(r, s.eps);
+                lookup[a] = finish(kernels::clamp_unit(r));
+            }
+        } else {
+            std::fill(lookup.begin(), lookup.end(), finish(0.0));
+        }
+        if (ok) {
+            kernels::gather_shifted(lookup, x[i], t, cells.data() + i * k);
+        } else if (std::optional<kernels::RangeFault> fault = kernels::interval_grid(s, x, t, finish, i, i + 1, cells)) {
+            return fault;
+        }
+    }
+    return std::nullopt;
 }
 
 py::ref life_interval(TableObject* t, Interval kind, const Values& x, const Values& d, bool x_single,
@@ -44,9 +76,18 @@ py::ref life_interval(TableObject* t, Interval kind, const Values& x, const Valu
             }
             return float_result(finish(kernels::clamp_unit(p)));
         }
+        const kernels::Rounder lx_round(cfg.lx);
+        auto fill = [&](std::span<double> lookup) {
+            for (std::size_t a = 0; a < lookup.size(); ++a) {
+                const double p = kernels::interval_survival_rounded(l.view, static_cast<double>(a), duration, lx_round);
+                if (!kernels::within_unit_interval(p, numeric::kEpsInt)) return false;
+                lookup[a] = finish(kernels::clamp_unit(p));
+            }
+            return true;
+        };
+        if (py::ref whole = gathered(t, kernels::lookup_size(l.view.l.size(), l.view.w), ages, fill)) return whole;
         py::ref out = py::new_f64(static_cast<npy_intp>(n));
         const std::span<double> o = py::f64_span(out.get());
-        const kernels::Rounder lx_round(cfg.lx);
         const std::optional<kernels::RangeFault> fault = run_in_pieces(n, [&](std::size_t b, std::size_t e) {
             return kernels::interval_survivals_rounded(l.view, ages.subspan(b, e - b), duration, lx_round, finish,
                                                        o.subspan(b, e - b));
@@ -60,6 +101,10 @@ py::ref life_interval(TableObject* t, Interval kind, const Values& x, const Valu
     if (n == 0 || k == 0) return out;
     const std::span<double> cells(py::f64_data(out.get()), n * k);
     const std::size_t rows_per_piece = std::max<std::size_t>(1, kGridBlockCells / k);
+    // Whole ages and durations read each row from a lookup by the age reached, worth its
+    // making when a row is longer than half the table.
+    const bool whole = t->st->fast_paths && 2 * k >= kernels::lookup_size(l.view.l.size(), l.view.w) &&
+                       kernels::all_whole_ages(ages) && kernels::all_whole_ages(durations);
     for (std::size_t first = 0; first < n; first += rows_per_piece) {
         const std::size_t end = std::min(n, first + rows_per_piece);
         std::optional<kernels::RangeFault> fault;
@@ -71,6 +116,8 @@ py::ref life_interval(TableObject* t, Interval kind, const Values& x, const Valu
                 return kernels::interval_grid(l.view, age, durations.subspan(b, e - b), finish, 0, 1,
                                               row.subspan(b, e - b));
             });
+        } else if (whole) {
+            fault = run_piece((end - first) * k, [&] { return whole_grid_rows(l.view, ages, durations, finish, first, end, cells); });
         } else {
             static_assert(kGridBlockCells <= kInterruptCheckCells, "a block of whole rows is one piece");
             fault = run_piece((end - first) * k, [&] {

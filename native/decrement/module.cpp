@@ -3,6 +3,7 @@
 // Names are bound in a fixed order at import; the unisex cache registers with the
 // configuration's reset hook, and a change hook keeps the settings snapshot current.
 #include "decrement/contingencies.hpp"
+#include "decrement/projection.hpp"
 #include "decrement/table.hpp"
 #include "pyutil/module_slots.hpp"
 
@@ -160,6 +161,7 @@ void init_names(Names& n) {
     n.data_field = intern("_data");
     n.valid_sexes_field = intern("_valid_sexes");
     n.with_columns = intern("with_columns");
+    n.f64_columns = intern("_f64_columns");
 }
 
 // The public class is made as a class statement would make it: by calling the metaclass
@@ -289,6 +291,11 @@ int decrement_exec(PyObject* module) {
         st->config = attr(module, "Config");
         st->formula_map = attr(module, "_GENERATIONAL_FORMULA_TYPE_MAP");
         st->projected = attr(module, "_gen_projected_improvement");
+        {
+            py::ref base = import("veltrane.tables.base");
+            const char* builtins[] = {"_gen_exponential", "_gen_compound", "_gen_exponential_damped"};
+            for (int i = 0; i < 3; ++i) st->builtin_formulas[i] = attr(base.get(), builtins[i]);
+        }
         st->current_year = attr(module, "_current_calendar_year");
         st->decimals_config = attr(module, "_DecimalsConfig");
         py::ref radix = py::check(PyObject_GetAttrString(module, "_LX_RADIX"));
@@ -325,6 +332,7 @@ int decrement_exec(PyObject* module) {
         py::ref tol = py::check(PyFloat_FromDouble(kQCertaintyTol));
         bind(module, "_Q_CERTAINTY_TOL", tol.get());
         bind_combination_helpers(module);
+        bind_fast_path_switch(module);
 
         // Settings changes reach the snapshot through the configuration's change hook.
         py::ref config_module = import("veltrane.config");
@@ -358,6 +366,7 @@ int decrement_traverse(PyObject* module, visitproc visit, void* arg) {
     Py_VISIT(st->config);
     Py_VISIT(st->formula_map);
     Py_VISIT(st->projected);
+    for (PyObject* f : st->builtin_formulas) Py_VISIT(f);
     Py_VISIT(st->current_year);
     Py_VISIT(st->decimals_config);
     Py_VISIT(st->deepcopy);
@@ -380,6 +389,7 @@ int decrement_clear(PyObject* module) {
     Py_CLEAR(st->config);
     Py_CLEAR(st->formula_map);
     Py_CLEAR(st->projected);
+    for (PyObject*& f : st->builtin_formulas) Py_CLEAR(f);
     Py_CLEAR(st->current_year);
     Py_CLEAR(st->decimals_config);
     Py_CLEAR(st->deepcopy);

@@ -3,6 +3,9 @@
 // survivorship vector. Pure with respect to the table: results are returned, not stored.
 #include "decrement/table.hpp"
 
+#include "decrement/columns.hpp"
+#include "decrement/projection.hpp"
+
 #include <algorithm>
 #include <limits>
 #include <vector>
@@ -10,15 +13,8 @@
 namespace veltrane::decrement {
 namespace {
 
-py::ref columns_of(PyObject* data, const Names& n) { return py::check(PyObject_GetAttr(data, n.columns.get())); }
-
-
-// A fresh float64 vector of one column of the data frame.
-py::ref column_vector(PyObject* data, PyObject* name, const Names& n) {
-    py::ref series = py::check(PyObject_CallMethodOneArg(data, n.get_column.get(), name));
-    py::ref values = py::check(PyObject_CallMethodNoArgs(series.get(), n.to_numpy.get()));
-    return py::copy_as_f64(values.get());
-}
+// Column names as a frozenset, cached with the source.
+py::ref columns_of(TableObject* t, PyObject* data) { return source_columns(t, data); }
 
 py::ref ages_vector(long w) {
     py::ref ages = py::new_f64(w + 1);
@@ -64,11 +60,12 @@ py::ref formula_result(PyObject* result, PyObject* formula, long w) {
 enum class Structure { plain, select };
 
 // Cohort rates of a generational table from its base column `q`.
+// `q` may be the source's read-only cached column: the Python functions get copies.
 py::ref generational_rates(TableObject* t, PyObject* sex, py::ref q, PyObject* data, long w, Structure kind) {
     ModuleState* st = t->st;
     const Names& n = st->names;
     py::ref name = table_name(t);
-    py::ref columns = columns_of(data, n);
+    py::ref columns = columns_of(t, data);
     py::ref formula = source_attr(t, n.generational_formula_type.get());
     py::ref base_year = source_attr(t, n.base_year.get());
     auto need_formula = [&] {
@@ -109,11 +106,15 @@ py::ref generational_rates(TableObject* t, PyObject* sex, py::ref q, PyObject* d
                                                    : "Column '%S' not found in table '%S' (projected_improvement select).",
                           col.get(), name.get());
             }
-            py::ref v = column_vector(data, col.get(), n);
+            py::ref v = cached_column(t, data, col.get());
             const double* src = py::f64_data(v.get());
             for (long i = 0; i <= w; ++i) m[i * static_cast<long>(years.size()) + static_cast<long>(j)] = src[i];
         }
-        py::ref call_args = py::check(PyTuple_Pack(2, q.get(), matrix.get()));
+        if (py::ref projected = projected_by_kernel(t, q.get(), matrix.get(), years, base_year.get())) {
+            return projected;
+        }
+        py::ref q_copy = py::f64_from(py::f64_cspan(q.get()));
+        py::ref call_args = py::check(PyTuple_Pack(2, q_copy.get(), matrix.get()));
         py::ref kwargs = py::check(PyDict_New());
         py::require(PyDict_SetItemString(kwargs.get(), "cohort", t->cohort.or_none()));
         py::require(PyDict_SetItemString(kwargs.get(), "base_year", base_year.get()));
@@ -136,7 +137,7 @@ py::ref generational_rates(TableObject* t, PyObject* sex, py::ref q, PyObject* d
             if (!has_column(columns.get(), col.get())) {
                 py::raise(PyExc_ValueError, "Column '%S' not found in table '%S'.", col.get(), name.get());
             }
-            grid_columns.push_back(column_vector(data, col.get(), n));
+            grid_columns.push_back(cached_column(t, data, col.get()));
         }
         if (t->cohort.is_none()) py::raise(PyExc_ValueError, "Cohort must be set for generational tables.");
         const long long cohort = as_long_long(t->cohort.get());
@@ -154,21 +155,28 @@ py::ref generational_rates(TableObject* t, PyObject* sex, py::ref q, PyObject* d
             py::raise(PyExc_ValueError, "Column '%S' not found in table '%S'.", col.get(), name.get());
         }
         if (t->cohort.is_none()) py::raise(PyExc_ValueError, "Cohort must be set for generational tables.");
-        mi = column_vector(data, col.get(), n);
+        mi = cached_column(t, data, col.get());
         if (kind == Structure::plain) {
             unknown_message = "Unknown or unsupported generational_formula_type '%S' in table '%S'";
         }
     }
-    zero_guard(py::f64_cspan(q.get()), py::f64_span(mi.get()));
     // Held: the map is a public dict that the call (or a formula) may change.
     const py::ref function = py::ref::borrow(PyDict_GetItemWithError(st->formula_map, formula.get()));
     if (!function) {
         if (PyErr_Occurred()) py::throw_error_set();
         py::raise(PyExc_ValueError, unknown_message, formula.get(), name.get());
     }
-    py::ref ages = ages_vector(w);
     const py::ref cohort = t->cohort.dup();
-    PyObject* call[5] = {q.get(), mi.get(), ages.get(), cohort.get(), base_year.get()};
+    // The zero guard only touches improvement rates beside zero base rates, whose projected
+    // rates are zero whatever the improvement: the kernels need no guarded copy.
+    if (py::ref projected = trend_by_kernel(t, function.get(), q.get(), mi.get(), cohort.get(), base_year.get())) {
+        return projected;
+    }
+    py::ref q_copy = py::f64_from(py::f64_cspan(q.get()));
+    py::ref mi_copy = py::f64_from(py::f64_cspan(mi.get()));
+    zero_guard(py::f64_cspan(q_copy.get()), py::f64_span(mi_copy.get()));
+    py::ref ages = ages_vector(w);
+    PyObject* call[5] = {q_copy.get(), mi_copy.get(), ages.get(), cohort.get(), base_year.get()};
     py::ref result = py::check(PyObject_Vectorcall(function.get(), call, 5, nullptr));
     return formula_result(result.get(), formula.get(), w);
 }
@@ -229,17 +237,17 @@ namespace {
 py::ref select_decrement(TableObject* t, PyObject* sex, PyObject* data, long w, std::string_view prefix) {
     const Names& n = t->st->names;
     py::ref col = select_column(t, sex, t->duration.get(), prefix);
-    py::ref columns = columns_of(data, n);
+    py::ref columns = columns_of(t, data);
     if (!has_column(columns.get(), col.get())) {
         py::ref name = table_name(t);
         py::ref period = source_attr(t, n.select_period.get());
         py::raise(PyExc_ValueError, "Column '%S' not found in table '%S'. duration=%R, select_period=%R.", col.get(),
                   name.get(), t->duration.or_none(), period.get());
     }
-    py::ref q = column_vector(data, col.get(), n);
-    if (!source_flag(t, n.generational.get())) return q;
+    py::ref q = cached_column(t, data, col.get());
+    if (!source_flag(t, n.generational.get())) return py::f64_from(py::f64_cspan(q.get()));
     // A blended unisex column is already projected for the cohort.
-    if (str_equals(sex, "u") && !t->unisex_blend.is_none()) return q;
+    if (str_equals(sex, "u") && !t->unisex_blend.is_none()) return py::f64_from(py::f64_cspan(q.get()));
     return generational_rates(t, sex, std::move(q), data, w, Structure::select);
 }
 
@@ -265,26 +273,34 @@ py::ref compute_decrement(TableObject* t, PyObject* sex) {
     const std::string_view prefix = prefix_for(t);
     if (source_flag(t, n.select.get())) return select_decrement(t, sex, data.get(), w, prefix);
     py::ref col = py::check(PyUnicode_FromFormat("%s_%S", std::string(prefix).c_str(), sex));
-    py::ref columns = columns_of(data.get(), n);
+    py::ref columns = columns_of(t, data.get());
     if (!has_column(columns.get(), col.get())) {
         py::ref name = table_name(t);
         py::raise(PyExc_ValueError, "Column '%S' not found in table '%S'.", col.get(), name.get());
     }
-    py::ref q = column_vector(data.get(), col.get(), n);
-    if (!source_flag(t, n.generational.get())) return q;
-    if (str_equals(sex, "u") && !t->unisex_blend.is_none()) return q;
+    py::ref q = cached_column(t, data.get(), col.get());
+    if (!source_flag(t, n.generational.get())) return py::f64_from(py::f64_cspan(q.get()));
+    if (str_equals(sex, "u") && !t->unisex_blend.is_none()) return py::f64_from(py::f64_cspan(q.get()));
     return generational_rates(t, sex, std::move(q), data.get(), w, Structure::plain);
 }
 
-py::ref validate_cohort_year(TableObject* t, PyObject* value) {
+py::ref validate_cohort_year(TableObject* t, PyObject* value) { return validate_cohort_year(t, value, nullptr); }
+
+py::ref validate_cohort_year(TableObject* t, PyObject* value, long long* current) {
     if (PyBool_Check(value)) py::raise(PyExc_TypeError, "cohort must be int, got bool");
     if (!PyLong_Check(value) && !PyArray_IsScalar(value, Integer)) {
         py::raise(PyExc_ValueError, "Cohort year must be an integer.");
     }
     py::ref year = py::check(PyNumber_Index(value));
-    py::ref current = py::check(PyObject_CallNoArgs(t->st->current_year));
+    long long now = 0;
+    if (current != nullptr && *current != 0) {
+        now = *current;
+    } else {
+        py::ref reading = py::check(PyObject_CallNoArgs(t->st->current_year));
+        now = as_long_long(reading.get());
+        if (current != nullptr) *current = now;
+    }
     const long long y = PyLong_AsLongLong(year.get());
-    const long long now = as_long_long(current.get());
     if ((y == -1 && PyErr_Occurred()) || y < 1900 || y > now) {
         PyErr_Clear();
         py::raise(PyExc_ValueError, "Cohort year must be between 1900 and %lld.", now);

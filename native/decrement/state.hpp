@@ -24,7 +24,7 @@ struct Names {
     py::ref table_type, data, columns, valid_sexes, w, generational, select, mi_structure, grid_years,
         generational_formula_type, base_year, select_period, start_duration, mi_by_duration, table_name,
         get_column, to_numpy, u, m, f,
-        ult, slots, file_name, data_field, valid_sexes_field, with_columns;
+        ult, slots, file_name, data_field, valid_sexes_field, with_columns, f64_columns;
 };
 
 struct ModuleState {
@@ -36,6 +36,11 @@ struct ModuleState {
     PyObject* config = nullptr;         // Config
     PyObject* formula_map = nullptr;    // _GENERATIONAL_FORMULA_TYPE_MAP
     PyObject* projected = nullptr;      // _gen_projected_improvement
+    // The built-in one-dimensional formulas, by kernels::Trend: while the map still holds one
+    // of these, its kernel runs instead of the Python function.
+    PyObject* builtin_formulas[3] = {nullptr, nullptr, nullptr};
+    // A test switch: false sends integer ages and formulas down the general paths.
+    bool fast_paths = true;
     PyObject* current_year = nullptr;   // _current_calendar_year
     PyObject* decimals_config = nullptr;  // _DecimalsConfig
     PyObject* deepcopy = nullptr;       // copy.deepcopy
@@ -123,6 +128,9 @@ py::ref compute_decrement(TableObject* t);
 // The base rates of one sex under the table's other keys (a blend reads them per sex).
 py::ref compute_decrement(TableObject* t, PyObject* sex);
 py::ref validate_cohort_year(TableObject* t, PyObject* value);
+// The same against a calendar year read once for a whole many-table call: `*current` is
+// read from the clock when 0, and kept for the next cohorts of the call.
+py::ref validate_cohort_year(TableObject* t, PyObject* value, long long* current);
 py::ref get_mi_col(TableObject* t, PyObject* sex, PyObject* dur);
 py::ref compute_lx(TableObject* t);
 // The duration setter's validation: an int >= the start duration, or null for 'ult'.

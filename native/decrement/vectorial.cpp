@@ -3,6 +3,7 @@
 // initialised through its class's own __init__, as an ordinary construction would be.
 // Invariant: an argument error leaves nothing behind; no instance has been allocated yet.
 #include "decrement/arguments.hpp"
+#include "decrement/stamping.hpp"
 #include "decrement/table.hpp"
 
 #include <array>
@@ -388,6 +389,22 @@ std::pair<List, List> forwarded_keywords(PyObject* kwargs) {
     return {std::move(names), std::move(values)};
 }
 
+// The cyclic collector paused while a call makes its instances: they are all alive (held
+// by the result list), so a collection could free nothing, yet thousands of new tracked
+// objects would set off collections that traverse every one of them again.
+class CollectorPaused {
+public:
+    CollectorPaused() noexcept : was_enabled_(PyGC_Disable() == 1) {}
+    ~CollectorPaused() {
+        if (was_enabled_) PyGC_Enable();
+    }
+    CollectorPaused(const CollectorPaused&) = delete;
+    CollectorPaused& operator=(const CollectorPaused&) = delete;
+
+private:
+    bool was_enabled_;
+};
+
 List build_instances(PyTypeObject* type, ModuleState* st, const Plan& p, bool pending, PyObject* kwargs) {
     auto [extra_names, extra_values] = forwarded_keywords(kwargs);
     py::ref kwnames = py::check(PyTuple_New(static_cast<Py_ssize_t>(4 + extra_names.size())));
@@ -403,8 +420,19 @@ List build_instances(PyTypeObject* type, ModuleState* st, const Plan& p, bool pe
 
     List instances;
     instances.reserve(p.count);
+    // Instances that differ from the last one built by __init__ only by their cohort are
+    // stamped from it.
+    std::optional<CohortStamper> stamper;
+    Plan::Combination last{};
+    const CollectorPaused paused;
+    auto same = [](PyObject* a, PyObject* b) { return a == b || py::require(PyObject_RichCompareBool(a, b, Py_EQ)) == 1; };
     for (std::size_t i = 0; i < p.count; ++i) {
         const Plan::Combination c = p.at(i);
+        if (stamper && c.cohort != Py_None && c.blend == Py_None && same(c.name, last.name) && same(c.sex, last.sex) &&
+            same(c.duration, last.duration)) {
+            instances.push_back(stamper->stamp(c.cohort));
+            continue;
+        }
         py::ref instance = py::ref::steal(table_alloc(type, st));
         as_table(instance.get())->initialized = false;
         argv[0] = instance.get();
@@ -417,6 +445,11 @@ List build_instances(PyTypeObject* type, ModuleState* st, const Plan& p, bool pe
         py::ref result = py::check(PyObject_VectorcallMethod(init.get(), argv.data(), 3, kwnames.get()));
         if (result.get() != Py_None) {
             py::raise(PyExc_TypeError, "__init__() should return None, not '%s'", Py_TYPE(result.get())->tp_name);
+        }
+        stamper.reset();
+        if (!pending && c.blend == Py_None && i + 1 < p.count) {
+            stamper = CohortStamper::from(type, instance.get());
+            last = c;
         }
         instances.push_back(std::move(instance));
     }

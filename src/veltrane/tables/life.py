@@ -41,6 +41,9 @@ class LifeTable(TypedTable):
 
     __slots__ = ("_interest_rate",)
     _TABLE_TYPE: ClassVar[str] = "life"
+    # __init__ below only checks its arguments and builds the table from them, so a
+    # many-table call may copy one instance for further cohorts instead of running it again.
+    _INIT_BUILDS_FROM_ARGUMENTS: ClassVar[bool] = True
 
     def __init__(
         self,

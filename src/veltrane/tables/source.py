@@ -95,7 +95,9 @@ class TableSource:
     their data.
     """
 
-    __slots__ = (*_SLOTS, "__weakref__")
+    # ``_f64_columns``: the float64 columns read by the decrement tables, kept with the frame
+    # they came from (filled by the extension; a copy or a new frame starts without it).
+    __slots__ = (*_SLOTS, "_f64_columns", "__weakref__")
 
     _table_name: str
     _file_name: str

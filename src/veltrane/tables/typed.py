@@ -15,6 +15,9 @@ class TypedTable(DecrementTable):
 
     __slots__ = ()
     _TABLE_TYPE: ClassVar[str]
+    # __init__ below only checks its arguments and builds the table from them, so a
+    # many-table call may copy one instance for further cohorts instead of running it again.
+    _INIT_BUILDS_FROM_ARGUMENTS: ClassVar[bool] = True
 
     def __init__(
         self,

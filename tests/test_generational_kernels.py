@@ -1,0 +1,177 @@
+"""The C++ projections of the built-in generational formulas against the Python functions, bit for bit.
+
+``decrement._set_fast_paths(False)`` sends every construction through the Python formula
+functions; the same table built both ways must hold the same bits (signed zeros included).
+"""
+
+from __future__ import annotations
+
+import csv
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
+from functools import partial
+
+import numpy as np
+import pytest
+from hypothesis import HealthCheck, given, settings
+from hypothesis import strategies as st
+
+from conftest import RAW
+from veltrane import LifeTable
+from veltrane.tables import base, decrement
+from veltrane.tables.source import TableSource
+
+FORMULAS = ["exponential", "compound", "exponential_damped"]
+
+
+@contextmanager
+def general_paths() -> Iterator[None]:
+    previous = decrement._set_fast_paths(False)
+    try:
+        yield
+    finally:
+        decrement._set_fast_paths(previous)
+
+
+def bits(values: np.ndarray) -> np.ndarray:
+    return np.ascontiguousarray(values, dtype=np.float64).view(np.int64)
+
+
+def assert_same_both_ways(build: Callable[[], np.ndarray]) -> None:
+    fast = build()
+    with general_paths():
+        general = build()
+    np.testing.assert_array_equal(bits(fast), bits(general))
+
+
+def rates_of(name: str, sex: str, **keys: object) -> np.ndarray:
+    return LifeTable(name, sex, **keys)._decrement_base
+
+
+def write_projected(tables, name="PROJ", grid=(2014, 2016, 2020), base_year=2014):
+    meta = {
+        "table_type": "life",
+        "sexes": ["m", "f"],
+        "generational": {
+            "formula_type": "projected_improvement",
+            "base_year": base_year,
+            "mi_structure": "year_indexed",
+            "grid_years": list(grid),
+        },
+    }
+    cols = {f"qx_{s}": tables.rates() for s in "mf"}
+    cols |= {f"mi_{s}_{y}": tables.improvement() for s in "mf" for y in grid}
+    return tables.write(name, meta, cols)
+
+
+@pytest.mark.parametrize("formula", FORMULAS)
+@pytest.mark.parametrize("cohort", [1900, 1955, 2000, 2025])
+def test_every_structure_matches_the_python_formula(tables, formula, cohort):
+    tables.flat("GEN", formula=formula)
+    tables.year_indexed("YRS", formula=formula)
+    tables.select("GSEL", generational=formula)
+    write_projected(tables)
+    keys = [(name, sex, {}) for name in ("GEN", "YRS", "PROJ") for sex in "mf"]
+    keys += [("GSEL", sex, {"duration": d}) for sex in "mf" for d in (1, 2, "ult")]
+    keys += [("GEN", "u", {"unisex_blend": 0.3})]
+    for name, sex, extra in keys:
+        assert_same_both_ways(partial(rates_of, name, sex, cohort=cohort, **extra))
+
+
+def test_published_scale_matches_the_python_formula(tables):
+    path = RAW / "r-mortality-tables" / "USA_Annuities_2012IAM.csv"
+    if not path.exists():
+        pytest.skip("shared tables absent")
+    with path.open(encoding="utf-8") as fh:
+        rows = np.array([[float(v) for v in r] for r in csv.reader(fh) if r and r[0].isdigit()])
+    meta = {
+        "table_type": "life",
+        "sexes": ["m", "f"],
+        "generational": {"formula_type": "compound", "base_year": 2012},
+    }
+    tables.write(
+        "IAM", meta, {"qx_m": rows[:, 3], "qx_f": rows[:, 4], "mi_m": rows[:, 5], "mi_f": rows[:, 6]}
+    )
+    for cohort in range(1900, 2026, 7):
+        assert_same_both_ways(partial(rates_of, "IAM", "f", cohort=cohort))
+
+
+rate = st.one_of(st.just(0.0), st.just(1.0), st.floats(0.0, 1.0, allow_subnormal=True))
+improvement = st.one_of(st.just(0.0), st.floats(-0.5, 0.99), st.floats(-40.0, 40.0))
+
+
+@settings(max_examples=60, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
+@given(
+    formula=st.sampled_from([*FORMULAS, "projected_improvement"]),
+    q=st.lists(rate, min_size=2, max_size=12),
+    lam=st.lists(improvement, min_size=36, max_size=36),
+    cohort=st.integers(1900, 2025),
+    base_year=st.integers(1700, 2300),
+)
+def test_random_parameters_match_the_python_formula(tables, formula, q, lam, cohort, base_year):
+    n = len(q)
+    meta = {
+        "table_type": "life",
+        "sexes": ["m"],
+        "generational": {"formula_type": formula, "base_year": base_year},
+    }
+    cols = {"qx_m": q, "mi_m": lam[:n]}
+    if formula == "projected_improvement":
+        grid = [base_year - 3, base_year + 1, base_year + 40]
+        meta["generational"] |= {"mi_structure": "year_indexed", "grid_years": grid}
+        cols = {"qx_m": q} | {f"mi_m_{y}": lam[k * n : (k + 1) * n] for k, y in enumerate(grid)}
+    tables.write("RND", meta, cols)
+
+    def build():
+        try:
+            return LifeTable("RND", "m", cohort=cohort)._decrement_base
+        except ValueError as error:  # a refusal must be the same refusal both ways
+            return np.frombuffer(str(error).encode(), dtype=np.uint8).astype(np.float64)
+
+    assert_same_both_ways(build)
+
+
+def test_a_replaced_built_in_entry_is_called(tables, monkeypatch):
+    tables.flat("GEN")
+    calls = []
+
+    def traced(*args):
+        calls.append(args[3])
+        return base._gen_exponential(*args)
+
+    monkeypatch.setitem(base._GENERATIONAL_FORMULA_TYPE_MAP, "exponential", traced)
+    LifeTable("GEN", "m", cohort=1980)
+    assert calls == [1980]
+
+
+def test_a_refused_improvement_raises_the_python_message(tables):
+    tables.flat("GEN", formula="compound")
+    meta = {
+        "table_type": "life",
+        "sexes": ["m"],
+        "generational": {"formula_type": "compound", "base_year": 2000},
+    }
+    tables.write("BAD", meta, {"qx_m": [0.1, 0.2, 1.0], "mi_m": [0.01, 1.5, 0.0]})
+    with pytest.raises(ValueError, match=r"^compound improvement rate must be below 1, got 1.5 at age 1"):
+        LifeTable("BAD", "m", cohort=1990)
+
+
+def test_columns_are_read_again_after_a_reload(tables):
+    first = tables.flat("GEN")
+    old = LifeTable("GEN", "m", cohort=1970)
+    second = tables.flat("GEN")  # rewritten: the cached source and its columns are dropped
+    new = LifeTable("GEN", "m", cohort=1970)
+    want = base._gen_exponential(second["qx_m"], second["mi_m"], np.arange(8.0), 1970, 2000)
+    np.testing.assert_array_equal(new._decrement_base, want)
+    assert not np.array_equal(old._decrement_base, new._decrement_base)
+    assert not np.array_equal(first["qx_m"], second["qx_m"])
+
+
+def test_tables_never_share_the_cached_columns(tables):
+    tables.period("PER")
+    a, b = LifeTable("PER", "m"), LifeTable("PER", "m")
+    a._decrement_base[0] = 0.5  # a table's vectors are its own
+    assert b._decrement_base[0] != 0.5
+    assert LifeTable("PER", "m")._decrement_base[0] != 0.5
+    cached = TableSource("PER")._f64_columns[1]["qx_m"]
+    assert not cached.flags.writeable
