@@ -175,3 +175,12 @@ def test_tables_never_share_the_cached_columns(tables):
     assert LifeTable("PER", "m")._decrement_base[0] != 0.5
     cached = TableSource("PER")._f64_columns[1]["qx_m"]
     assert not cached.flags.writeable
+
+
+@pytest.mark.parametrize(
+    ("name", "sex"),
+    [(n, s) for n in ("DAV2004R", "IAM2012") for s in "mf"] + [("AVOE2005R", s) for s in "mfu"],
+)
+def test_bundled_generational_tables_both_ways(name, sex):
+    for cohort in (1900, 1946, 1987, 2020):
+        assert_same_both_ways(lambda cohort=cohort: rates_of(name, sex, cohort=cohort))

@@ -70,23 +70,27 @@ def avoe_2005r(raw: Path) -> Built:
     """AVÖ 2005-R, individual annuitants, first order: base year 2001 with the damped trend."""
     rows = csv_rows(raw / "r-mortality-tables" / "Austria_Annuities_AVOe2005R.csv", 3)
     ages = ages_of(rows)
-    # Columns: age, qx2001, qx2001G, trendM, qy2001, qy2001G, trendF (first order, individual = no "G").
+    # Columns: age, qx2001, qx2001G, trendM, qy2001, qy2001G, trendF (first order, individual = no
+    # "G"), then the second order (7-13), then the unisex table: 15 qu2001, 16 qu2001G, 17 trendU.
     columns: Columns = {
         "age": ages,
         "qx_m": column(rows, 1),
         "qx_f": column(rows, 4),
+        "qx_u": column(rows, 15),
         "mi_m": column(rows, 3),
         "mi_f": column(rows, 6),
+        "mi_u": column(rows, 17),
     }
     metadata = {
         "table_type": "life",
         "description": (
-            "AVÖ 2005-R annuitant mortality, individual contracts, first order (valuation basis): "
+            "AVÖ 2005-R annuitant mortality, individual contracts, first order (valuation basis), male, "
+            "female and the association's own unisex table with its own trend: "
             "base year 2001 rates with the age-dependent trend lambda(x), damped by an arctangent, "
             "q(x, Y) = q(x, 2001) exp(-lambda(x) 100 atan((Y - 2001) / 100)) for Y = cohort + x. "
             "Ages 0-121, closed by q(121) = 1."
         ),
-        "sexes": ["m", "f"],
+        "sexes": ["m", "f", "u"],
         "sex_independent": False,
         "omega": ages[-1],
         "generational": {"formula_type": "exponential_damped", "base_year": 2001},
