@@ -2,11 +2,15 @@
 
 from __future__ import annotations
 
+import copy
+import pickle
+
 import numpy as np
 import pytest
 
 from veltrane import LifeTable
 from veltrane.contingencies import annuity
+from veltrane.tables.source import TableSource
 
 
 def diagonal(table_of, x: int, start: int, period: int, w: int) -> np.ndarray:
@@ -104,3 +108,27 @@ def _modified() -> LifeTable:
     table = LifeTable("SSSM", "u", duration=1)
     table.modify_qx({"decrement_multiplier": 1.2})
     return table
+
+
+def test_paths_pickle_through_their_select_table():
+    select = LifeTable("SSSM", "u", duration=2, interest_rate=0.04)
+    path = select.select_path(60, years=30)
+    path.modify_qx({"decrement_multiplier": 1.1})
+    for sent in (path, copy.copy(path), select.select_path(25)):
+        back = pickle.loads(pickle.dumps(sent))
+        assert back.table_name == sent.table_name and back.w == sent.w and back.interest_rate == 0.04
+        assert back._decrement.tobytes() == sent._decrement.tobytes()
+        assert back._decrement_base.tobytes() == sent._decrement_base.tobytes()
+    # The select table may change afterwards: the path keeps what it was followed from.
+    select.duration = 1
+    assert pickle.loads(pickle.dumps(path))._decrement.tobytes() == path._decrement.tobytes()
+
+
+def test_path_of_an_unpicklable_table_is_refused(tables):
+    tables.select("SEL", period=2, start=1)
+    select = LifeTable("SEL", "m", duration=1)
+    path = select.select_path(2)
+    TableSource.clear_cache()
+    tables.select("SEL", period=2, start=1)  # new random rates under the same name
+    with pytest.raises(ValueError, match="cannot pickle LifeTable 'SEL'"):
+        pickle.dumps(path)

@@ -9,7 +9,8 @@ finds under the same name, applies the modification again, and checks the rebuil
 against digests of the sent ones, so a table either arrives bit for bit or fails loudly.
 
 Tables built from data that no table file holds (``TableSource.from_frame``, or a file that
-changed since) are refused when pickled.
+changed since) are refused when pickled. A select path travels as the recipe of its select
+table, rebuilt and followed again on arrival.
 """
 
 from __future__ import annotations
@@ -26,6 +27,7 @@ import numpy as np
 
 from veltrane.config import Config
 from veltrane.tables.decrement import DecrementTable, TableRegistry
+from veltrane.tables.select_path import select_path_origin
 from veltrane.tables.source import TableSource
 
 __all__: list[str] = []
@@ -49,6 +51,9 @@ class TableRecipe(NamedTuple):
     decimals: tuple[int, int | None]  # (the table's rate decimals, those of the modification)
     digests: tuple[str, str] | None  # (base rates, rates in force)
     descriptors: tuple[str, ...]  # as reported; an advanced table keeps them unmodified
+    # A select path: the recipe of its select table, the issue age and the years (then the name,
+    # fingerprint and keys above are unused: the path is rebuilt from the select table).
+    path: tuple[TableRecipe, int, int | None] | None = None
 
 
 class _Unpicklable:
@@ -123,7 +128,12 @@ def recipe(table: DecrementTable) -> TableRecipe:
             f"cannot pickle {_label(table)} inside batch_update(): its new keys are not built yet; "
             "pickle it after the block"
         )
-    name, print_ = _source_name_and_fingerprint(table)
+    origin = select_path_origin(table._table)
+    if origin is not None:
+        select_table, issue_age, years = origin
+        name, print_, path = "", "", (recipe(select_table), issue_age, years)
+    else:
+        (name, print_), path = _source_name_and_fingerprint(table), None
     modifications = None
     modification_decimals = None
     if table._modified:
@@ -162,6 +172,7 @@ def recipe(table: DecrementTable) -> TableRecipe:
         decimals=(_decrement_decimals(table), modification_decimals),
         digests=digests,
         descriptors=tuple(table._modifications_applied or ()),
+        path=path,
     )
 
 
@@ -227,19 +238,11 @@ def _decimals_override(table_type: str, decimals: int | None) -> Any:
 
 def rebuild(r: TableRecipe) -> DecrementTable:
     """Build the table that a recipe describes, checking its rates against the sent digests."""
-    _find_source(r.table_name, r.fingerprint, r.cls)
-    table = DecrementTable.__new__(r.cls, r.table_name, "m")
-    with _decimals_override(table.table_type, r.decimals[0]):
-        DecrementTable.__init__(
-            table,
-            r.table_name,
-            r.sex,
-            r.cohort,
-            expected_table_type=getattr(r.cls, "_TABLE_TYPE", None),
-            unisex_blend=r.unisex_blend,
-            duration=r.duration,
-            pending=r.pending,
-        )
+    if r.path is not None:
+        select_table, issue_age, years = r.path
+        table = rebuild(select_table).select_path(issue_age, years)
+    else:
+        table = _construct(r)
     for name, value in r.slots:
         if name.startswith("__dict__."):
             table.__dict__[name[len("__dict__.") :]] = value
@@ -260,6 +263,23 @@ def rebuild(r: TableRecipe) -> DecrementTable:
         raise ValueError(
             f"cannot unpickle {_label(table)}: its rates rebuilt here differ from the pickled ones "
             "(are the settings, Config().decimals, the same in both processes?)"
+        )
+    return table
+
+
+def _construct(r: TableRecipe) -> DecrementTable:
+    _find_source(r.table_name, r.fingerprint, r.cls)
+    table = DecrementTable.__new__(r.cls, r.table_name, "m")
+    with _decimals_override(table.table_type, r.decimals[0]):
+        DecrementTable.__init__(
+            table,
+            r.table_name,
+            r.sex,
+            r.cohort,
+            expected_table_type=getattr(r.cls, "_TABLE_TYPE", None),
+            unisex_blend=r.unisex_blend,
+            duration=r.duration,
+            pending=r.pending,
         )
     return table
 

@@ -18,7 +18,16 @@ import polars as pl
 
 from veltrane.tables.source import TableSource
 
-__all__ = ["select_path"]
+__all__ = ["select_path", "select_path_origin"]
+
+
+def select_path_origin(source: TableSource) -> tuple[Any, int, int | None] | None:
+    """(select table, issue age, years) of a select path's source, or None for any other source.
+
+    The select table is an unmodified copy taken when the path was made, so that the path can be
+    rebuilt (in another process, for instance) whatever becomes of the original.
+    """
+    return getattr(source, "_path_origin", None)
 
 
 def select_path(self: Any, issue_age: int, years: int | None = None) -> Any:
@@ -67,7 +76,9 @@ def select_path(self: Any, issue_age: int, years: int | None = None) -> Any:
     path = np.zeros(last + 1)
     for duration, ages in _durations(self._table, x, end):
         path[ages] = _rates_at(self, duration)[ages]
-    return _period_table(self, x, path[: end + 1])
+    result = _period_table(self, x, path[: end + 1])
+    result._table._path_origin = (copy.copy(self), x, None if years is None else end - x)
+    return result
 
 
 def _whole_number(name: str, value: object, low: int, high: int | None) -> int:

@@ -97,7 +97,9 @@ class TableSource:
 
     # ``_f64_columns``: the float64 columns read by the decrement tables, kept with the frame
     # they came from (filled by the extension; a copy or a new frame starts without it).
-    __slots__ = (*_SLOTS, "_f64_columns", "__weakref__")
+    # ``_path_origin``: for the source of a select path, what the path was followed from (kept by
+    # copies, so that a copied path still pickles); unset otherwise.
+    __slots__ = (*_SLOTS, "_f64_columns", "_path_origin", "__weakref__")
 
     _table_name: str
     _file_name: str
@@ -474,6 +476,8 @@ class TableSource:
         for slot in _SLOTS:
             object.__setattr__(new, slot, getattr(self, slot))
         new._valid_sexes = list(self._valid_sexes)  # cheap, and spares the shared source in-place edits
+        if (origin := getattr(self, "_path_origin", None)) is not None:
+            new._path_origin = origin
         return new
 
     def __deepcopy__(self, memo: dict[int, Any]) -> TableSource:
