@@ -111,7 +111,31 @@ def main() -> None:
     ours_peak, floor_peak = peak_mb(ours), peak_mb(floor)
     print(f"  peak memory         veltrane {ours_peak:7.1f} MB   NumPy {floor_peak:7.1f} MB")
     print(f"                      (the two results alone: {results_mb:.0f} MB)")
+    elsewhere(frame, result)
     print()
+
+
+def elsewhere(frame: pl.DataFrame, result: object) -> None:
+    """The same batch in 2 worker processes and on a 2-worker Dask cluster: identical bits?"""
+    what = ("qx", "tpx")
+    _report("2 worker processes", lambda: project(frame, YEARS, what=what, workers=2), result)
+    try:
+        from dask.distributed import Client, LocalCluster
+
+        from veltrane.portfolio import project_dask
+    except ImportError:
+        print("  Dask: not installed, skipped")
+        return
+    cluster = LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=None)
+    with cluster, Client(cluster) as client:
+        _report("Dask, 2 workers", lambda: project_dask(frame, YEARS, client=client, what=what), result)
+
+
+def _report(label: str, run: Callable[[], object], result: object) -> None:
+    seconds = median_seconds(run, repeat=1)
+    other = run()
+    same = all(other[k].tobytes() == result[k].tobytes() for k in ("qx", "tpx"))  # type: ignore[index]
+    print(f"  {label:<19} {seconds * 1e3:8.1f} ms   identical to one process: {'yes' if same else 'NO'}")
 
 
 if __name__ == "__main__":
