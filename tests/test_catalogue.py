@@ -13,6 +13,7 @@ import pytest
 
 from conftest import RAW
 from veltrane import LifeTable
+from veltrane.contingencies import annuity
 from veltrane.tables.source import TableSource
 
 TOOLS = Path(__file__).resolve().parents[1] / "tools"
@@ -102,3 +103,15 @@ def test_rp2014_healthy_annuitant_starts_at_50(sex, file):
 def test_docs_page_lists_every_bundled_table():
     page = (Path(__file__).resolve().parents[1] / "docs" / "catalogue.md").read_text(encoding="utf-8")
     assert page == generator().render_docs()
+
+
+@needs_raw
+def test_dav1994r_cohort_1935_rates_and_annuities_are_the_published_ones():
+    # The association's illustration: rates of the 1935 cohort and whole-life annuities-due at 4 %.
+    path = RAW / "r-mortality-tables" / "Germany_Annuities_DAV1994R.csv"
+    printed = np.genfromtxt(path, delimiter=",", skip_header=3, usecols=(8, 9, 11, 12))
+    ages = np.arange(printed.shape[0], dtype=float)
+    for column, sex in enumerate("mf"):
+        table = LifeTable("DAV1994R", sex, cohort=1935)
+        np.testing.assert_allclose(table.qx(ages), printed[:, column], rtol=0, atol=5e-13)
+        np.testing.assert_allclose(annuity(table, ages, i=0.04), printed[:, 2 + column], rtol=1e-13, atol=0)

@@ -179,7 +179,7 @@ def test_tables_never_share_the_cached_columns(tables):
 
 @pytest.mark.parametrize(
     ("name", "sex"),
-    [(n, s) for n in ("DAV2004R", "IAM2012") for s in "mf"] + [("AVOE2005R", s) for s in "mfu"],
+    [(n, s) for n in ("DAV1994R", "DAV2004R", "IAM2012") for s in "mf"] + [("AVOE2005R", s) for s in "mfu"],
 )
 def test_bundled_generational_tables_both_ways(name, sex):
     for cohort in (1900, 1946, 1987, 2020):

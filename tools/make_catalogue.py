@@ -143,6 +143,39 @@ def dav_2004r(raw: Path) -> Built:
     return metadata, columns
 
 
+def dav_1994r(raw: Path) -> Built:
+    """DAV 1994 R: base year 2000 rates with the trend Fbar(x), log-linear."""
+    rows = csv_rows(raw / "r-mortality-tables" / "Germany_Annuities_DAV1994R.csv", 3)
+    ages = ages_of(rows)
+    # Columns: x, base (2000) m, f, trend m, f, then the age-shift base table and a YOB 1935 illustration.
+    columns: Columns = {
+        "age": ages,
+        "qx_m": column(rows, 1),
+        "qx_f": column(rows, 2),
+        "mi_m": column(rows, 3),
+        "mi_f": column(rows, 4),
+    }
+    metadata = {
+        "table_type": "life",
+        "description": (
+            "DAV 1994 R annuitant mortality: base year 2000 rates with the trend Fbar(x), "
+            "q(x, Y) = q(x, 2000) exp(-Fbar(x) (Y - 2000)) for Y = cohort + x. Ages 0-111, closed by "
+            "q(111) = 1."
+        ),
+        "sexes": ["m", "f"],
+        "sex_independent": False,
+        "omega": ages[-1],
+        "generational": {"formula_type": "exponential", "base_year": 2000},
+        "source": {
+            "name": "DAV-Sterbetafel 1994 R",
+            "authority": "Deutsche Aktuarvereinigung (DAV)",
+            "reference": "DAV 1994 R: base table 2000 and trend Fbar(x)",
+            "year": 1994,
+        },
+    }
+    return metadata, columns
+
+
 def iam_2012_g2(raw: Path) -> Built:
     """2012 IAM Period table (loaded) with Projection Scale G2: the generational 2012 IAM."""
     rows = csv_rows(raw / "r-mortality-tables" / "USA_Annuities_2012IAM.csv", 4)
@@ -255,6 +288,7 @@ CATALOGUE: tuple[Entry, ...] = (
     Entry("VBT2015UM", from_xtbml(("t3273.xml",), VBT_2015)),
     Entry("MOORHEAD_R", from_xtbml(("t751.xml",), MOORHEAD)),
     Entry("AVOE2005R", avoe_2005r),
+    Entry("DAV1994R", dav_1994r),
     Entry("DAV2004R", dav_2004r),
     Entry("IAM2012", iam_2012_g2),
     Entry("RP2014HA", rp_2014_healthy_annuitant),
