@@ -8,7 +8,7 @@ import pickle
 import numpy as np
 import pytest
 
-from veltrane import LifeTable
+from veltrane import LifeTable, cli
 from veltrane.contingencies import annuity
 from veltrane.tables.source import TableSource
 
@@ -132,3 +132,23 @@ def test_path_of_an_unpicklable_table_is_refused(tables):
     tables.select("SEL", period=2, start=1)  # new random rates under the same name
     with pytest.raises(ValueError, match="cannot pickle LifeTable 'SEL'"):
         pickle.dumps(path)
+
+
+@pytest.mark.parametrize(
+    ("argv", "expected"),
+    [
+        (["annuity", "SSSM", "--selected-at", "65", "--age", "65", "--rate", "0.05"], None),
+        (["eval", "SSSM", "--duration", "2", "--selected-at", "65", "tpx", "65", "3"], None),
+        (["eval", "SULT", "--selected-at", "65", "ex", "65"], "needs a select-and-ultimate table"),
+        (["eval", "SSSM", "--selected-at", "19", "ex", "65"], "issue_age must be from 20 to 120"),
+    ],
+)
+def test_command_line_follows_the_path(capsys, argv, expected):
+    status = cli.main(argv)
+    out, err = capsys.readouterr()
+    if expected is not None:
+        assert status == 2 and expected in err
+        return
+    path = LifeTable("SSSM", "u", duration=1, interest_rate=0.05).select_path(65)
+    value = annuity(path, 65) if argv[0] == "annuity" else path.tpx(65, 3)
+    assert status == 0 and float(out) == value

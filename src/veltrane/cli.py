@@ -11,6 +11,7 @@ Examples
     veltrane eval SULT --sex u lx 50,60,70      # several ages, comma-separated
     veltrane --tables-path ./tables show MINE   # a tables directory searched first
     veltrane eval SULT --sex u ex 65            # curtate expectation of life (--complete: complete)
+    veltrane eval CSO2017 --sex m --selected-at 45 tpx 45 20  # along the select diagonal
     veltrane annuity SULT --sex u --age 65 --rate 0.05 --m 12
     veltrane commutation SULT --sex u --rate 0.03 -o sult.csv
     veltrane tables --search select            # tables whose name or description has the words
@@ -130,6 +131,12 @@ def _build_parser() -> _Parser:
         sub.add_argument("--cohort", type=int, help="year of birth (generational tables)")
         sub.add_argument("--duration", type=_duration, help="policy duration or 'ult' (select tables)")
         sub.add_argument("--blend", type=float, help="male weight of a blended unisex table")
+        sub.add_argument(
+            "--selected-at",
+            type=int,
+            metavar="AGE",
+            help="select tables: the rates of a life selected at AGE (the select diagonal, then ultimate)",
+        )
 
     show = commands.add_parser("show", help="print a table's summary and its first rates")
     table_arguments(show)
@@ -290,7 +297,13 @@ def _open_table(args: argparse.Namespace) -> DecrementTable:
         if cls is None:
             raise _RefusedError(f"table {args.name!r} has an unknown type {source.table_type!r}")
         sex = args.sex if args.sex is not None else _default_sex(args.name, source.valid_sexes)
-        return cls(args.name, sex, cohort=args.cohort, unisex_blend=args.blend, duration=args.duration)
+        selected_at = getattr(args, "selected_at", None)
+        # A select path reads every duration in turn, so any column will do to start from.
+        duration = args.duration
+        if selected_at is not None and duration is None and source.select:
+            duration = "ult"
+        table = cls(args.name, sex, cohort=args.cohort, unisex_blend=args.blend, duration=duration)
+        return table if selected_at is None else table.select_path(selected_at)
     except FileNotFoundError as exc:
         raise _RefusedError(str(exc) + _did_you_mean(args.name)) from exc
     except (OSError, ValueError, TypeError) as exc:
