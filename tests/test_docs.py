@@ -52,8 +52,11 @@ def session(tmp_path: Path, monkeypatch: pytest.MonkeyPatch):
     """Temporary directories of the examples under tmp_path; settings and caches put back."""
     monkeypatch.setattr(tempfile, "tempdir", str(tmp_path))
     decrement._clear_cohort_unisex_cache()
+    registered = set(TableSource.registered())
     with Config():
         yield
+    for name in set(TableSource.registered()) - registered:  # tables a page registered in memory
+        TableSource.unregister(name)
     TableSource.clear_cache()
     decrement._clear_cohort_unisex_cache()
 

@@ -10,6 +10,7 @@ import pytest
 
 from veltrane import cli
 from veltrane.config import Config
+from veltrane.tables.source import TableSource
 
 README = Path(__file__).resolve().parents[1] / "README.md"
 BLOCK = re.compile(r"^```(\w+)\n(.*?)^```", re.S | re.M)
@@ -21,8 +22,13 @@ def blocks(language: str) -> list[str]:
 
 def test_python_tour_runs():
     (tour,) = blocks("python")
-    with Config():
-        exec(compile(tour, str(README), "exec"), {"__name__": "__readme__"})
+    before = set(TableSource.registered())
+    try:
+        with Config():
+            exec(compile(tour, str(README), "exec"), {"__name__": "__readme__"})
+    finally:
+        for name in set(TableSource.registered()) - before:  # the tour registers a table in memory
+            TableSource.unregister(name)
 
 
 def commands() -> list[list[str]]:
