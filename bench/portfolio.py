@@ -40,7 +40,7 @@ def policies(n: int = POLICIES, seed: int = 2026) -> pl.DataFrame:
         {
             "table_name": np.where(select, "SSSM", "SULT"),
             "sex": np.full(n, "u"),
-            "issue_age": rng.integers(20, 91, n),
+            "age": rng.integers(20, 91, n),
             "duration": np.where(select, rng.integers(1, 6, n), 0),
         }
     ).with_columns(duration=pl.when(pl.col("table_name") == "SSSM").then("duration"))
@@ -54,7 +54,7 @@ def numpy_floor(frame: pl.DataFrame) -> Callable[[], tuple[np.ndarray, np.ndarra
     """
     vectors = [LifeTable("SSSM", "u", duration=d)._decrement for d in (1, 2, "ult")]
     vectors.append(LifeTable("SULT", "u")._decrement)
-    age = frame["issue_age"].to_numpy()
+    age = frame["age"].to_numpy()
     width = int(age.max()) + YEARS + 1
     bank = np.ones((4, width))
     for r, v in enumerate(vectors):

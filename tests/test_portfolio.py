@@ -33,7 +33,7 @@ def reference_rates(row: dict, years: int) -> np.ndarray:
             d = row["duration"] + k
             keys["duration"] = d if d < start + source.select_period else "ult"
         table = cls(row["table_name"], row["sex"], **keys)
-        age = row["issue_age"] + k
+        age = row["age"] + k
         out.append(table._decrement[age] if age < len(table._decrement) else 1.0)
     return np.array(out)
 
@@ -61,7 +61,7 @@ def book(standard, tables):
         rows.append(
             {
                 **spec,
-                "issue_age": int(rng.integers(20, 115) if bundled else rng.integers(0, 8)),
+                "age": int(rng.integers(20, 115) if bundled else rng.integers(0, 8)),
                 "duration": int(rng.integers(1, 5)),
                 "cohort": int(rng.integers(1940, 1990)),
             }
@@ -93,7 +93,7 @@ def test_rates_follow_the_select_diagonal(book):
 
 def test_survival_matches_the_table_off_the_select_period():
     ages = np.array([20, 45, 64, 99, 110])
-    frame = pl.DataFrame({"table_name": "SULT", "sex": "u", "issue_age": ages})
+    frame = pl.DataFrame({"table_name": "SULT", "sex": "u", "age": ages})
     tpx = project(frame, 12, what="tpx")["tpx"]
     table = LifeTable("SULT", "u")
     for i, x in enumerate(ages):
@@ -151,18 +151,21 @@ def test_worker_processes_give_the_same_result(book, tables, monkeypatch):
     assert all(alone[k].tobytes() == pooled[k].tobytes() for k in ("qx", "tpx"))
 
 
-BASE = {"table_name": ["SULT", "SSSM"], "sex": ["u", "u"], "issue_age": [40, 50], "duration": [None, 1]}
+BASE = {"table_name": ["SULT", "SSSM"], "sex": ["u", "u"], "age": [40, 50], "duration": [None, 1]}
 
 
 @pytest.mark.parametrize(
     ("change", "message"),
     [
-        ({"sex": None}, r"missing column\(s\) \['sex'\]"),
+        ({"sex": None}, r"columns needed: 'sex';"),
+        ({"age": None}, "columns needed: one of 'age' \\(at the start\\) and 'issue_age'"),
+        ({"issue_age": [40, 50]}, "one of 'age' .* and 'issue_age' .*, not both"),
+        ({"issue_year": [2000, 2000]}, "'issue_year' is the calendar year of issue and needs 'issue_age'"),
         ({"table_name": ["SULT", "NOPE"]}, "column 'table_name', row 1: unknown table 'NOPE'"),
         ({"sex": ["u", "x"]}, "column 'sex', row 1: 'x' is not one of"),
-        ({"issue_age": [40, -1]}, "column 'issue_age', row 1: -1 is negative"),
-        ({"issue_age": [40.5, 50.0]}, "column 'issue_age', row 0: 40.5 is not a whole number"),
-        ({"issue_age": [None, 50]}, "column 'issue_age', row 0: missing value"),
+        ({"age": [40, -1]}, "column 'age', row 1: -1 is negative"),
+        ({"age": [40.5, 50.0]}, "column 'age', row 0: 40.5 is not a whole number"),
+        ({"age": [None, 50]}, "column 'age', row 0: missing value"),
         ({"duration": [None, None]}, "column 'duration', row 1: a select table needs a select duration"),
         ({"duration": [None, 0]}, "column 'duration', row 1: 0 is below the table's first select duration 1"),
         ({"sex": ["m", "u"]}, "row 0: table 'SULT' cannot be built for sex 'm'"),
@@ -213,3 +216,30 @@ def test_bad_arguments(kwargs, message):
 def test_not_a_frame_is_refused():
     with pytest.raises(TypeError, match="policies must be a polars or pandas DataFrame"):
         project([1, 2, 3], 3)
+
+
+def test_issue_age_adds_the_years_since_issue(standard):
+    # The same four policies described by the age at issue and by the attained age at the start.
+    at_issue = pl.DataFrame(
+        {
+            "table_name": ["SSSM", "SSSM", "SULT", "SULT", "GEN"],
+            "sex": ["u", "u", "u", "u", "m"],
+            "issue_age": [40, 40, 40, 40, 2],
+            "duration": [1, 3, 5, None, 4],
+            "issue_year": [None, None, None, None, 1990],
+        }
+    )
+    at_start = pl.DataFrame(
+        {
+            "table_name": ["SSSM", "SSSM", "SULT", "SULT", "GEN"],
+            "sex": ["u", "u", "u", "u", "m"],
+            "age": [40, 42, 44, 40, 5],
+            "duration": [1, 3, None, None, None],
+            "cohort": [None, None, None, None, 1988],
+        }
+    )
+    by_issue, by_start = project(at_issue, 6, what=QUANTITIES), project(at_start, 6, what=QUANTITIES)
+    assert all(by_issue[k].tobytes() == by_start[k].tobytes() for k in QUANTITIES)
+    early = at_issue.with_columns(duration=pl.Series([1, 3, 0, None, 4]))
+    with pytest.raises(ValueError, match="column 'duration', row 2: 0 is not a policy year"):
+        project(early, 3)

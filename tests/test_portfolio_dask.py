@@ -22,12 +22,12 @@ def test_local_cluster_gives_the_single_process_result(tables, monkeypatch):
         {
             "table_name": rng.choice(["SSSM", "SULT", "SEL"], n),
             "sex": ["u"] * n,
-            "issue_age": rng.integers(0, 110, n),
+            "age": rng.integers(0, 110, n),
             "duration": rng.integers(1, 4, n),
             "cohort": rng.integers(1950, 1970, n),
         }
     ).with_columns(
-        issue_age=pl.when(pl.col("table_name") == "SEL").then(pl.col("issue_age") % 8).otherwise("issue_age"),
+        age=pl.when(pl.col("table_name") == "SEL").then(pl.col("age") % 8).otherwise("age"),
         unisex_blend=pl.when(pl.col("table_name") == "SEL").then(0.4),
     )
     alone = project(frame, 7, what=QUANTITIES)

@@ -17,8 +17,12 @@ from veltrane.tables.source import TableSource
 
 __all__ = ["PolicyBatch", "TableGroup", "read_policies"]
 
-REQUIRED = ("table_name", "sex", "issue_age")
+REQUIRED = ("table_name", "sex")
+#: The age columns, of which a frame gives exactly one: the attained age at the start of the
+#: projection, or the age at issue (the attained age is then derived from the duration).
+AGE_COLUMNS = ("age", "issue_age")
 SEXES = ("m", "f", "u")
+_MAX_AGE = 10_000
 
 
 @dataclass(frozen=True)
@@ -117,29 +121,37 @@ def _source(name: str, row: int) -> TableSource:
 def read_policies(policies: Any) -> PolicyBatch:
     """Check a frame of policies and group them by table.
 
-    Columns: ``table_name`` and ``sex`` (text), ``issue_age`` (whole number, the age at the start
-    of the projection); ``cohort`` (year of birth) or ``issue_year`` (calendar year at that age)
-    for generational tables; ``duration`` (select duration at the start) for select tables;
+    Columns: ``table_name`` and ``sex`` (text); the age as exactly one of ``age`` (whole number,
+    the attained age at the start of the projection) or ``issue_age`` (the age at issue: the
+    attained age is ``issue_age`` plus the years since issue, ``duration`` less the first
+    duration); ``cohort`` (year of birth) or, with ``issue_age``, ``issue_year`` (calendar year
+    of issue) for generational tables; ``duration`` (select duration at the start; on other
+    tables the policy year from 1, read only with ``issue_age``) for select tables;
     ``unisex_blend`` (male weight) for sex "u" on tables without a unisex column. Columns that a
     policy's table does not need are ignored for it.
     """
     frame = _as_frame(policies)
     missing = [c for c in REQUIRED if c not in frame.columns]
-    if missing:
-        raise ValueError(f"policies: missing column(s) {missing}; columns are {frame.columns}")
+    given = [c for c in AGE_COLUMNS if c in frame.columns]
+    if missing or len(given) != 1:
+        ages = "one of 'age' (at the start) and 'issue_age' (at issue)"
+        wanted = ", ".join(repr(c) for c in missing) + (" and " if missing and len(given) != 1 else "")
+        wanted += "" if len(given) == 1 else (f"{ages}, not both" if given else ages)
+        raise ValueError(f"policies: columns needed: {wanted}; the columns are {frame.columns}")
+    age_column = given[0]
     if frame.height == 0:
         raise ValueError("policies: the frame has no rows")
-    for column in REQUIRED:
+    for column in (*REQUIRED, age_column):
         _no_nulls(frame, column)
     names = _strings(frame, "table_name")
     sexes = _strings(frame, "sex")
-    age = _integers(frame, "issue_age", nullable=False)
-    if (age < 0).any():
-        row = _first(age < 0)
-        raise _bad("issue_age", row, f"{age[row]} is negative")
-    if (age > 10_000).any():
-        row = _first(age > 10_000)
-        raise _bad("issue_age", row, f"{age[row]} is not an age")
+    age = _integers(frame, age_column, nullable=False)
+    _check_ages(age, age_column)
+    if age_column == "age" and "issue_year" in frame.columns:
+        raise ValueError(
+            "policies: column 'issue_year' is the calendar year of issue and needs 'issue_age'; "
+            "with 'age' give the year of birth as 'cohort'"
+        )
     cohort = _cohorts(frame, age)
     blend = _blends(frame)
 
@@ -195,7 +207,37 @@ def read_policies(policies: Any) -> PolicyBatch:
         remap[raw] = g
     group = remap[raw_group]
     offset = _duration_offsets(frame, group, groups)
-    return PolicyBatch(tuple(groups), group, age.to_numpy().astype(np.int32), offset)
+    attained = age.to_numpy()
+    if age_column == "issue_age":
+        attained = attained + _years_since_issue(frame, group, groups, offset)
+        _check_ages(pl.Series(attained), "duration", "issue_age + years since issue = ")
+    return PolicyBatch(tuple(groups), group, attained.astype(np.int32), offset)
+
+
+def _check_ages(age: pl.Series, column: str, what: str = "") -> None:
+    if (age < 0).any():
+        row = _first(age < 0)
+        raise _bad(column, row, f"{what}{age[row]} is negative")
+    if (age > _MAX_AGE).any():
+        row = _first(age > _MAX_AGE)
+        raise _bad(column, row, f"{what}{age[row]} is not an age")
+
+
+def _years_since_issue(
+    frame: pl.DataFrame, group: np.ndarray, groups: list[TableGroup], offset: np.ndarray
+) -> np.ndarray:
+    """Whole years from issue to the start: the select offset on select tables, and on others the
+    policy year less 1 (0 where no duration is given)."""
+    select = np.array([g.select for g in groups], dtype=bool)[group]
+    years = offset.astype(np.int64)
+    if select.all() or "duration" not in frame.columns:
+        return years
+    policy_year = _integers(frame, "duration", nullable=True)
+    early = (~select) & (policy_year < 1).fill_null(False).to_numpy()
+    if early.any():
+        row = int(np.argmax(early))
+        raise _bad("duration", row, f"{policy_year[row]} is not a policy year (they count from 1)")
+    return np.where(select, years, policy_year.fill_null(1).to_numpy() - 1)
 
 
 def _duration_offsets(frame: pl.DataFrame, group: np.ndarray, groups: list[TableGroup]) -> np.ndarray:

@@ -169,9 +169,10 @@ def project(
     Parameters
     ----------
     policies : polars.DataFrame, pandas.DataFrame or mapping of columns
-        One row per policy: ``table_name``, ``sex``, ``issue_age`` (age at the start), and as the
-        policy's table needs them ``cohort`` or ``issue_year``, ``duration`` (select duration
-        at the start) and ``unisex_blend``. See ``docs/portfolio.md``.
+        One row per policy: ``table_name``, ``sex``, ``age`` (attained age at the start) or
+        ``issue_age`` (age at issue, the years since issue then added), and as the policy's
+        table needs them ``cohort`` or ``issue_year``, ``duration`` (select duration at the
+        start) and ``unisex_blend``. See ``docs/portfolio.md``.
     years : int
         Number of projection years (columns of the results).
     what : iterable of str
