@@ -66,35 +66,52 @@ def ages_of(rows: list[list[str]]) -> list[int]:
 
 
 # -- the entries -------------------------------------------------------------------------------
+def generational(
+    rates: list[list[str]],
+    trends: list[list[str]],
+    columns_by_sex: dict[str, tuple[int, int]],
+    generation: dict[str, Any],
+    description: str,
+    source: dict[str, Any],
+) -> Built:
+    """A generational life table whose base rates and trends are columns of the rows given.
+
+    ``columns_by_sex`` maps each sex to (rate column, trend column).
+    """
+    ages = ages_of(rates)
+    if ages_of(trends) != ages:
+        raise ValueError(f"{source['name']}: the rate and trend rows cover different ages")
+    columns: Columns = {"age": ages}
+    columns |= {f"qx_{sex}": column(rates, q) for sex, (q, _) in columns_by_sex.items()}
+    columns |= {f"mi_{sex}": column(trends, mi) for sex, (_, mi) in columns_by_sex.items()}
+    metadata = {
+        "table_type": "life",
+        "description": description,
+        "sexes": list(columns_by_sex),
+        "sex_independent": False,
+        "omega": ages[-1],
+        "generational": generation,
+        "source": source,
+    }
+    return metadata, columns
+
+
 def avoe_2005r(raw: Path) -> Built:
     """AVÖ 2005-R, individual annuitants, first order: base year 2001 with the damped trend."""
     rows = csv_rows(raw / "r-mortality-tables" / "Austria_Annuities_AVOe2005R.csv", 3)
-    ages = ages_of(rows)
     # Columns: age, qx2001, qx2001G, trendM, qy2001, qy2001G, trendF (first order, individual = no
     # "G"), then the second order (7-13), then the unisex table: 15 qu2001, 16 qu2001G, 17 trendU.
-    columns: Columns = {
-        "age": ages,
-        "qx_m": column(rows, 1),
-        "qx_f": column(rows, 4),
-        "qx_u": column(rows, 15),
-        "mi_m": column(rows, 3),
-        "mi_f": column(rows, 6),
-        "mi_u": column(rows, 17),
-    }
-    metadata = {
-        "table_type": "life",
-        "description": (
-            "AVÖ 2005-R annuitant mortality, individual contracts, first order (valuation basis), male, "
-            "female and the association's own unisex table with its own trend: "
-            "base year 2001 rates with the age-dependent trend lambda(x), damped by an arctangent, "
-            "q(x, Y) = q(x, 2001) exp(-lambda(x) 100 atan((Y - 2001) / 100)) for Y = cohort + x. "
-            "Ages 0-121, closed by q(121) = 1."
-        ),
-        "sexes": ["m", "f", "u"],
-        "sex_independent": False,
-        "omega": ages[-1],
-        "generational": {"formula_type": "exponential_damped", "base_year": 2001},
-        "source": {
+    return generational(
+        rows,
+        rows,
+        {"m": (1, 3), "f": (4, 6), "u": (15, 17)},
+        {"formula_type": "exponential_damped", "base_year": 2001},
+        "AVÖ 2005-R annuitant mortality, individual contracts, first order (valuation basis), male, "
+        "female and the association's own unisex table with its own trend: "
+        "base year 2001 rates with the age-dependent trend lambda(x), damped by an arctangent, "
+        "q(x, Y) = q(x, 2001) exp(-lambda(x) 100 atan((Y - 2001) / 100)) for Y = cohort + x. "
+        "Ages 0-121, closed by q(121) = 1.",
+        {
             "name": "AVÖ 2005-R Rententafel (Einzelrenten, 1. Ordnung)",
             "authority": "Aktuarvereinigung Österreichs (AVÖ)",
             "reference": "AVÖ 2005-R annuity valuation table, base year 2001 with trend lambda(x)",
@@ -102,112 +119,71 @@ def avoe_2005r(raw: Path) -> Built:
             "notes": "Full-precision columns of the published table; equal after rounding to the "
             "SOA table service's tables 2959, 2960 (base) and 2963, 2964 (trend).",
         },
-    }
-    return metadata, columns
+    )
 
 
 def dav_2004r(raw: Path) -> Built:
     """DAV 2004 R aggregate table, first order, with its single first-order trend."""
     folder = raw / "r-mortality-tables"
-    rates = csv_rows(folder / "Germany_Annuities_DAV2004R.csv", 4)
-    trends = csv_rows(folder / "Germany_Annuities_DAV2004R_Trends.csv", 4)
-    ages = ages_of(rates)
-    if ages_of(trends) != ages:
-        raise ValueError("DAV 2004 R: the rate and trend files cover different ages")
     # Rates: columns 11, 12 = aggregate table, first order, men, women. Trends: 9, 10 = first order F(x).
-    columns: Columns = {
-        "age": ages,
-        "qx_m": column(rates, 11),
-        "qx_f": column(rates, 12),
-        "mi_m": column(trends, 9),
-        "mi_f": column(trends, 10),
-    }
-    metadata = {
-        "table_type": "life",
-        "description": (
-            "DAV 2004 R annuitant mortality, aggregate table, first order (valuation basis): base "
-            "year 1999 rates with the first-order trend F(x), q(x, Y) = q(x, 1999) exp(-F(x) (Y - 1999)) "
-            "for Y = cohort + x. Ages 0-121, closed by q(121) = 1."
-        ),
-        "sexes": ["m", "f"],
-        "sex_independent": False,
-        "omega": ages[-1],
-        "generational": {"formula_type": "exponential", "base_year": 1999},
-        "source": {
+    return generational(
+        csv_rows(folder / "Germany_Annuities_DAV2004R.csv", 4),
+        csv_rows(folder / "Germany_Annuities_DAV2004R_Trends.csv", 4),
+        {"m": (11, 9), "f": (12, 10)},
+        {"formula_type": "exponential", "base_year": 1999},
+        "DAV 2004 R annuitant mortality, aggregate table, first order (valuation basis): base "
+        "year 1999 rates with the first-order trend F(x), q(x, Y) = q(x, 1999) exp(-F(x) (Y - 1999)) "
+        "for Y = cohort + x. Ages 0-121, closed by q(121) = 1.",
+        {
             "name": "DAV-Sterbetafel 2004 R (Aggregattafel, 1. Ordnung)",
             "authority": "Deutsche Aktuarvereinigung (DAV)",
             "reference": "DAV 2004 R: base table 1999 and trend function F(x), first order",
             "year": 2004,
         },
-    }
-    return metadata, columns
+    )
 
 
 def dav_1994r(raw: Path) -> Built:
     """DAV 1994 R: base year 2000 rates with the trend Fbar(x), log-linear."""
     rows = csv_rows(raw / "r-mortality-tables" / "Germany_Annuities_DAV1994R.csv", 3)
-    ages = ages_of(rows)
     # Columns: x, base (2000) m, f, trend m, f, then the age-shift base table and a YOB 1935 illustration.
-    columns: Columns = {
-        "age": ages,
-        "qx_m": column(rows, 1),
-        "qx_f": column(rows, 2),
-        "mi_m": column(rows, 3),
-        "mi_f": column(rows, 4),
-    }
-    metadata = {
-        "table_type": "life",
-        "description": (
-            "DAV 1994 R annuitant mortality: base year 2000 rates with the trend Fbar(x), "
-            "q(x, Y) = q(x, 2000) exp(-Fbar(x) (Y - 2000)) for Y = cohort + x. Ages 0-111, closed by "
-            "q(111) = 1."
-        ),
-        "sexes": ["m", "f"],
-        "sex_independent": False,
-        "omega": ages[-1],
-        "generational": {"formula_type": "exponential", "base_year": 2000},
-        "source": {
+    return generational(
+        rows,
+        rows,
+        {"m": (1, 3), "f": (2, 4)},
+        {"formula_type": "exponential", "base_year": 2000},
+        "DAV 1994 R annuitant mortality: base year 2000 rates with the trend Fbar(x), "
+        "q(x, Y) = q(x, 2000) exp(-Fbar(x) (Y - 2000)) for Y = cohort + x. Ages 0-111, closed by "
+        "q(111) = 1.",
+        {
             "name": "DAV-Sterbetafel 1994 R",
             "authority": "Deutsche Aktuarvereinigung (DAV)",
             "reference": "DAV 1994 R: base table 2000 and trend Fbar(x)",
             "year": 1994,
         },
-    }
-    return metadata, columns
+    )
 
 
 def iam_2012_g2(raw: Path) -> Built:
     """2012 IAM Period table (loaded) with Projection Scale G2: the generational 2012 IAM."""
     rows = csv_rows(raw / "r-mortality-tables" / "USA_Annuities_2012IAM.csv", 4)
-    ages = ages_of(rows)
     # Columns: age, basic q (m, f), period q (m, f), G2 (m, f), then a YOB 2025 illustration.
-    columns: Columns = {
-        "age": ages,
-        "qx_m": column(rows, 3),
-        "qx_f": column(rows, 4),
-        "mi_m": column(rows, 5),
-        "mi_f": column(rows, 6),
-    }
-    metadata = {
-        "table_type": "life",
-        "description": (
-            "2012 Individual Annuity Mortality: the 2012 IAM Period table (loaded basic table) projected "
-            "generationally with Projection Scale G2, q(x, Y) = q(x, 2012) (1 - G2(x))^(Y - 2012) for "
-            "Y = cohort + x; age nearest birthday, ages 0-120, closed by q(120) = 1."
-        ),
-        "sexes": ["m", "f"],
-        "sex_independent": False,
-        "omega": ages[-1],
-        "generational": {"formula_type": "compound", "base_year": 2012},
-        "source": {
+    return generational(
+        rows,
+        rows,
+        {"m": (3, 5), "f": (4, 6)},
+        {"formula_type": "compound", "base_year": 2012},
+        "2012 Individual Annuity Mortality: the 2012 IAM Period table (loaded basic table) projected "
+        "generationally with Projection Scale G2, q(x, Y) = q(x, 2012) (1 - G2(x))^(Y - 2012) for "
+        "Y = cohort + x; age nearest birthday, ages 0-120, closed by q(120) = 1.",
+        {
             "name": "2012 IAM Period Table with Projection Scale G2, ANB",
             "authority": "Society of Actuaries / American Academy of Actuaries; adopted by the NAIC",
             "reference": "2012 Individual Annuity Reserving Table report (SOA table service tables 2585, "
             "2586 for the period rates and 2583, 2584 for Scale G2)",
             "year": 2012,
         },
-    }
-    return metadata, columns
+    )
 
 
 def rp_2014_healthy_annuitant(raw: Path) -> Built:
