@@ -278,6 +278,21 @@ PyObject* Table_prob_decrement_interval(PyObject* self, PyObject* const* args, P
 
 // ---- lx and dx -----------------------------------------------------------------------------
 
+// Values at the ages `in`: through one lookup of `point` at every integer age when all ages are
+// whole, otherwise `kernel` over the ages in interruptible pieces.
+template <class Point, class Kernel>
+py::ref at_ages(TableObject* t, const LVector& l, std::span<const double> in, Point&& point, Kernel&& kernel) {
+    auto fill = [&](std::span<double> lookup) {
+        for (std::size_t k = 0; k < lookup.size(); ++k) lookup[k] = point(static_cast<double>(k));
+        return true;
+    };
+    if (py::ref whole = gathered(t, kernels::lookup_size(l.view.l.size(), l.view.w), in, fill)) return whole;
+    py::ref out = py::new_f64(static_cast<npy_intp>(in.size()));
+    const std::span<double> o = py::f64_span(out.get());
+    run_unchecked_in_pieces(in.size(), [&](std::size_t b, std::size_t e) { kernel(in.subspan(b, e - b), o.subspan(b, e - b)); });
+    return out;
+}
+
 PyObject* Table_lx(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
     return py::guard([&]() -> PyObject* {
         const Arguments<1> a = parse_arguments("lx", kX, 0, args, nargs, kwnames);
@@ -297,21 +312,11 @@ PyObject* Table_lx(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyOb
         if (any_negative(ages.view())) raise_negative_ages(t, "[lx] ");
         const LVector l = survivorship(t, cfg, false);
         if (ages.scalar) return new_float(kernels::round_to(kernels::lx_point(l.view, ages.value), cfg.lx));
-        const std::span<const double> in = ages.view();
         const kernels::Rounder round(cfg.lx);
-        auto fill = [&](std::span<double> lookup) {
-            for (std::size_t k = 0; k < lookup.size(); ++k) lookup[k] = round(kernels::lx_point(l.view, static_cast<double>(k)));
-            return true;
-        };
-        if (py::ref whole = gathered(t, kernels::lookup_size(l.view.l.size(), l.view.w), in, fill)) {
-            return whole.release();
-        }
-        py::ref out = py::new_f64(static_cast<npy_intp>(in.size()));
-        const std::span<double> o = py::f64_span(out.get());
-        run_unchecked_in_pieces(in.size(), [&](std::size_t b, std::size_t e) {
-            kernels::survivors_rounded(l.view, in.subspan(b, e - b), round, o.subspan(b, e - b));
-        });
-        return out.release();
+        return at_ages(
+                   t, l, ages.view(), [&](double k) { return round(kernels::lx_point(l.view, k)); },
+                   [&](std::span<const double> part, std::span<double> o) { kernels::survivors_rounded(l.view, part, round, o); })
+            .release();
     });
 }
 
@@ -351,23 +356,11 @@ PyObject* Table_dx(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyOb
         if (any_negative(ages.view())) raise_negative_ages(t, "");
         const LVector l = survivorship(t, cfg, false);
         if (ages.scalar) return new_float(kernels::decrement_point(l.view, ages.value, kernels::Rounder(cfg.dx)));
-        const std::span<const double> in = ages.view();
         const kernels::Rounder round(cfg.dx);
-        auto fill = [&](std::span<double> lookup) {
-            for (std::size_t k = 0; k < lookup.size(); ++k) {
-                lookup[k] = kernels::decrement_point(l.view, static_cast<double>(k), round);
-            }
-            return true;
-        };
-        if (py::ref whole = gathered(t, kernels::lookup_size(l.view.l.size(), l.view.w), in, fill)) {
-            return whole.release();
-        }
-        py::ref out = py::new_f64(static_cast<npy_intp>(in.size()));
-        const std::span<double> o = py::f64_span(out.get());
-        run_unchecked_in_pieces(in.size(), [&](std::size_t b, std::size_t e) {
-            kernels::decrements(l.view, in.subspan(b, e - b), round, o.subspan(b, e - b));
-        });
-        return out.release();
+        return at_ages(
+                   t, l, ages.view(), [&](double k) { return kernels::decrement_point(l.view, k, round); },
+                   [&](std::span<const double> part, std::span<double> o) { kernels::decrements(l.view, part, round, o); })
+            .release();
     });
 }
 
