@@ -14,7 +14,6 @@ A benchmark, not a test: it reports, it never fails a build.
 from __future__ import annotations
 
 import sys
-import tracemalloc
 from collections.abc import Callable
 from pathlib import Path
 
@@ -25,7 +24,7 @@ from veltrane import LifeTable
 from veltrane.portfolio import DEFAULT_BLOCK_SIZE, project
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
-from timing import median_seconds
+from timing import median_seconds, peak_mb
 
 POLICIES = 1_000_000
 YEARS = 30
@@ -70,16 +69,6 @@ def numpy_floor(frame: pl.DataFrame) -> Callable[[], tuple[np.ndarray, np.ndarra
         return q, np.cumprod(1.0 - q, axis=1)
 
     return run
-
-
-def peak_mb(fn: Callable[[], object]) -> float:
-    tracemalloc.start()
-    tracemalloc.reset_peak()
-    result = fn()
-    _, peak = tracemalloc.get_traced_memory()
-    tracemalloc.stop()
-    del result
-    return peak / 1e6
 
 
 def main() -> None:

@@ -20,7 +20,6 @@ from __future__ import annotations
 import statistics
 import sys
 import timeit
-import tracemalloc
 from collections.abc import Callable
 from pathlib import Path
 
@@ -29,7 +28,7 @@ import numpy as np
 from veltrane import LifeTable
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
-from timing import median_seconds
+from timing import median_seconds, peak_mb
 
 SCALAR_TARGET_NS = 1000.0
 VECTOR_TARGET_RATIO = 1.5
@@ -46,17 +45,6 @@ def scalar_ns(stmt: str, namespace: dict[str, object], number: int = 200_000) ->
 def median_ms(fn: Callable[[], object], repeat: int = REPEAT, number: int = 1) -> float:
     """Median over ``repeat`` runs of the mean time of ``number`` calls, in milliseconds."""
     return median_seconds(fn, number=number, repeat=repeat) * 1e3
-
-
-def peak_mb(fn: Callable[[], object]) -> float:
-    """Peak of traced allocations (NumPy buffers included) while ``fn`` runs, in megabytes."""
-    tracemalloc.start()
-    tracemalloc.reset_peak()
-    result = fn()
-    _, peak = tracemalloc.get_traced_memory()
-    tracemalloc.stop()
-    del result
-    return peak / 1e6
 
 
 def duration(ms: float) -> str:

@@ -1,9 +1,10 @@
-"""Timing helper shared by the benchmark scripts."""
+"""Timing and memory helpers shared by the benchmark scripts."""
 
 from __future__ import annotations
 
 import statistics
 import time
+import tracemalloc
 from collections.abc import Callable
 
 
@@ -16,3 +17,14 @@ def median_seconds(fn: Callable[[], object], number: int = 1, repeat: int = 9) -
             fn()
         samples.append((time.perf_counter() - start) / number)
     return statistics.median(samples)
+
+
+def peak_mb(fn: Callable[[], object]) -> float:
+    """Peak of traced allocations (NumPy buffers included) while ``fn`` runs, in megabytes."""
+    tracemalloc.start()
+    tracemalloc.reset_peak()
+    result = fn()
+    _, peak = tracemalloc.get_traced_memory()
+    tracemalloc.stop()
+    del result
+    return peak / 1e6
