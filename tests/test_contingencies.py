@@ -227,15 +227,6 @@ def test_commutation_columns_against_numpy(sult):
         np.testing.assert_allclose(frame[name].to_numpy(), column, rtol=1e-13, err_msg=name)
 
 
-def test_commutation_follows_a_truncated_table(tables):
-    active = LifeTable("SULT", "u")
-    tables.write("RET", {"table_type": "exit", "sexes": ["u"]}, {"ox_u": [0.0] * 65 + [1.0]})
-    with pytest.warns(UserWarning, match="reduced omega"):
-        active.modify_qx({"table_combination": ExitTable("RET", "u")})
-    frame = commutation(active, i=0.03)
-    assert frame.height == 66 and frame["dx"][-1] == frame["lx"][-1]
-
-
 NO_I = "i is required: pass i=... or give the table an interest_rate"
 
 
@@ -269,7 +260,14 @@ def test_zero_interest_and_its_limits(sult):
         assert annuity(sult, 65, i=tiny, m=12, method="udd") == pytest.approx(exact, rel=1e-11)
 
 
-def test_ages_without_survivors_give_zero():
+def test_truncated_and_exhausted_tables(tables):
+    active = LifeTable("SULT", "u")
+    tables.write("RET", {"table_type": "exit", "sexes": ["u"]}, {"ox_u": [0.0] * 65 + [1.0]})
+    with pytest.warns(UserWarning, match="reduced omega"):
+        active.modify_qx({"table_combination": ExitTable("RET", "u")})
+    frame = commutation(active, i=0.03)  # the columns end with the table
+    assert frame.height == 66 and frame["dx"][-1] == frame["lx"][-1]
+    # Ages without survivors are worth nothing.
     doubled = LifeTable("SULT", "u")
     doubled.modify_qx({"decrement_multiplier": 2.0})
     doubled.lx()

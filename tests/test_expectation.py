@@ -162,7 +162,7 @@ def test_truncated_and_exhausted_tables(tables, method):
     assert doubled.ex(gone - 1, complete=True) == 0.5  # all leave within the year, uniformly
 
 
-def test_follows_modifications_and_leaves_the_table_alone(sult):
+def test_follows_modifications_and_leaves_the_table_alone(sult, tables):
     t = LifeTable("SULT", "u")
     t.modify_qx({"age_shift": 3})
     assert t.ex(65, complete=True) == pytest.approx(sult.ex(68, complete=True), rel=1e-12)
@@ -171,9 +171,6 @@ def test_follows_modifications_and_leaves_the_table_alone(sult):
         t.ex(200)
     np.testing.assert_array_equal(t._decrement, sult._decrement)
     assert t.ex(65, complete=True) == sult.ex(65, complete=True)
-
-
-def test_pending_table_is_refused(tables):
     tables.select()
     with pytest.raises(ValueError, match=r"called from ex\)"):
         LifeTable("SEL", "m", pending=True).ex(1)
