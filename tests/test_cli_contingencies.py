@@ -10,11 +10,12 @@ from veltrane.contingencies import annuity, commutation
 from veltrane.tables.life import LifeTable
 
 SULT = LifeTable("SULT", "u")
+EX, ANNUITY = "eval SULT --sex u ex ", "annuity SULT --sex u --age "
 
 
-def run(capsys, *argv: str) -> tuple[int, str, str]:
+def run(capsys, command: str) -> tuple[int, str, str]:
     try:
-        code = main(list(argv))
+        code = main(command.split())
     except SystemExit as exc:  # argparse refusals
         code = exc.code
     out, err = capsys.readouterr()
@@ -22,123 +23,67 @@ def run(capsys, *argv: str) -> tuple[int, str, str]:
 
 
 @pytest.mark.parametrize(
-    ("argv", "expected"),
+    ("command", "expected"),
     [
-        (("eval", "SULT", "--sex", "u", "ex", "65"), f"{SULT.ex(65)!r}\n"),
-        (("eval", "SULT", "--sex", "u", "ex", "65", "--complete"), f"{SULT.ex(65, complete=True)!r}\n"),
+        (EX + "65", f"{SULT.ex(65)!r}\n"),
+        (EX + "65 --complete", f"{SULT.ex(65, complete=True)!r}\n"),
+        (EX + "60,120 --complete", f"60\t{SULT.ex(60, complete=True)!r}\n120\t0.5\n"),
+        (ANNUITY + "65 --rate 0.05", f"{annuity(SULT, 65, i=0.05)!r}\n"),
+        (ANNUITY + "65 --rate 0.05 --term 10 --m 12", f"{annuity(SULT, 65, 10, i=0.05, m=12)!r}\n"),
         (
-            ("eval", "SULT", "--sex", "u", "ex", "60,120", "--complete"),
-            f"60\t{SULT.ex(60, complete=True)!r}\n120\t0.5\n",
-        ),
-        (
-            ("annuity", "SULT", "--sex", "u", "--age", "65", "--rate", "0.05"),
-            f"{annuity(SULT, 65, i=0.05)!r}\n",
-        ),
-        (
-            ("annuity", "SULT", "--sex", "u", "--age", "65", "--rate", "0.05", "--term", "10", "--m", "12"),
-            f"{annuity(SULT, 65, 10, i=0.05, m=12)!r}\n",
-        ),
-        (
-            (
-                "annuity",
-                "SULT",
-                "--sex",
-                "u",
-                "--age",
-                "60,65",
-                "--rate",
-                "0.04",
-                "--immediate",
-                "--method",
-                "udd",
-            ),
+            ANNUITY + "60,65 --rate 0.04 --immediate --method udd",
             "age\tvalue\n"
             + "".join(f"{x}\t{annuity(SULT, x, i=0.04, due=False, method='udd')!r}\n" for x in (60, 65)),
         ),
         (
-            (
-                "annuity",
-                "SULT",
-                "--sex",
-                "u",
-                "--age",
-                "65",
-                "--rate",
-                "0.05",
-                "--term",
-                "5,10",
-                "--defer",
-                "2",
-            ),
+            ANNUITY + "65 --rate 0.05 --term 5,10 --defer 2",
             "age\tterm\tvalue\n"
             + "".join(f"65\t{n}\t{annuity(SULT, 65, n, i=0.05, defer=2)!r}\n" for n in (5, 10)),
         ),
     ],
 )
-def test_values(capsys, argv, expected):
-    code, out, err = run(capsys, *argv)
-    assert (code, out, err) == (0, expected, "")
+def test_values(capsys, command, expected):
+    assert run(capsys, command) == (0, expected, "")
 
 
 def test_commutation_printed_and_written(capsys, tmp_path):
-    code, out, _ = run(capsys, "commutation", "SULT", "--sex", "u", "--rate", "0.03")
+    code, out, _ = run(capsys, "commutation SULT --sex u --rate 0.03")
     lines = out.splitlines()
     frame = commutation(SULT, i=0.03)
     assert code == 0 and lines[0].split("\t") == frame.columns and len(lines) == 122
     assert lines[66].split("\t") == ["65", *(repr(v) for v in frame.row(65)[1:])]
     target = tmp_path / "sult.csv"
-    code, out, _ = run(capsys, "commutation", "SULT", "--sex", "u", "--rate", "0.03", "-o", str(target))
-    assert code == 0 and out == ""
+    assert run(capsys, f"commutation SULT --sex u --rate 0.03 -o {target}")[:2] == (0, "")
     written = pl.read_csv(target)
     assert written.columns == frame.columns and written["Nx"].to_list() == frame["Nx"].to_list()
 
 
+OVER_W = "All ages x must be <= w (120) for table 'SULT', got"
+
+
 @pytest.mark.parametrize(
-    ("argv", "message"),
+    ("command", "message"),
     [
+        (ANNUITY + "130 --rate 0.05", f"veltrane annuity: error: [annuity] {OVER_W} 130.\n"),
+        (ANNUITY + "65 --rate -0.01", "veltrane annuity: error: [annuity] i must be >= 0, got -0.01\n"),
+        (ANNUITY + "65 --rate 0.05 --m 5", "veltrane annuity: error: argument --m: invalid choice: 5"),
+        (ANNUITY + "65", "veltrane annuity: error: the following arguments are required: --rate"),
         (
-            ("annuity", "SULT", "--sex", "u", "--age", "130", "--rate", "0.05"),
-            "veltrane annuity: error: [annuity] All ages x must be <= w (120) for table 'SULT', got 130.\n",
-        ),
-        (
-            ("annuity", "SULT", "--sex", "u", "--age", "65", "--rate", "-0.01"),
-            "veltrane annuity: error: [annuity] i must be >= 0, got -0.01\n",
-        ),
-        (
-            ("commutation", "SULT", "--sex", "u", "--rate", "-0.5"),
+            "commutation SULT --sex u --rate -0.5",
             "veltrane commutation: error: [commutation] i must be >= 0, got -0.5\n",
         ),
+        ("commutation NOPE --sex u --rate 0.03", "veltrane commutation: error: table 'NOPE' not found"),
         (
-            ("commutation", "NOPE", "--sex", "u", "--rate", "0.03"),
-            None,
+            "commutation SULT --sex u --rate 0.03 -o /nonexistent/dir/c.csv",
+            "veltrane commutation: error: cannot write /nonexistent/dir/c.csv",
         ),
         (
-            ("eval", "SULT", "--sex", "u", "qx", "65", "--complete"),
+            "eval SULT --sex u qx 65 --complete",
             "veltrane eval: error: --complete applies to ex only, not qx\n",
         ),
-        (
-            ("eval", "SULT", "--sex", "u", "ex", "121"),
-            "veltrane eval: error: [ex] All ages x must be <= w (120) for table 'SULT', got 121.\n",
-        ),
+        (EX + "121", f"veltrane eval: error: [ex] {OVER_W} 121.\n"),
     ],
 )
-def test_refusals(capsys, argv, message):
-    code, out, err = run(capsys, *argv)
-    assert code == 2 and out == ""
-    if message is None:
-        assert err.startswith("veltrane commutation: error: ") and "NOPE" in err and err.count("\n") == 1
-    else:
-        assert err == message
-
-
-def test_unwritable_output(capsys, tmp_path):
-    target = tmp_path / "missing" / "c.csv"
-    code, _, err = run(capsys, "commutation", "SULT", "--sex", "u", "--rate", "0.03", "-o", str(target))
-    assert code == 2 and err.startswith(f"veltrane commutation: error: cannot write {target}")
-
-
-def test_argument_refusals(capsys):
-    code, _, err = run(capsys, "annuity", "SULT", "--sex", "u", "--age", "65", "--rate", "0.05", "--m", "5")
-    assert code == 2 and "invalid choice" in err and err.count("\n") == 1
-    code, _, err = run(capsys, "annuity", "SULT", "--sex", "u", "--age", "65")
-    assert code == 2 and "--rate" in err
+def test_refusals(capsys, command, message):
+    code, out, err = run(capsys, command)
+    assert (code, out) == (2, "") and err.startswith(message) and err.count("\n") == 1

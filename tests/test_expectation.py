@@ -65,22 +65,13 @@ def sult():
     return t
 
 
-def test_curtate_is_the_sum_of_survival_probabilities(sult, method):
-    lives = sult._lx_raw
-    expected = np.array([lives[x + 1 :].sum() / lives[x] for x in range(lives.size)])
-    np.testing.assert_allclose(sult.ex(), expected, rtol=1e-13)
-    assert sult.ex(65) == pytest.approx(expected[65], rel=1e-13)
-
-
-def test_complete_against_the_year_by_year_forms(sult, method):
-    lives = sult._lx_raw
-    ages = np.arange(0, 121)
-    expected = [complete_reference(lives, x, method) for x in ages]
-    np.testing.assert_allclose(sult.ex(ages, complete=True), expected, rtol=1e-10)
-
-
-def test_complete_is_curtate_plus_a_half_under_udd(sult):
-    np.testing.assert_allclose(sult.ex(complete=True), sult.ex() + 0.5, rtol=1e-13)
+def test_curtate_and_complete_against_the_year_by_year_sums(sult, method):
+    lives, ages = sult._lx_raw, np.arange(0, 121)
+    curtate = [lives[x + 1 :].sum() / lives[x] for x in ages]
+    np.testing.assert_allclose(sult.ex(), curtate, rtol=1e-13)
+    assert sult.ex(65) == pytest.approx(curtate[65], rel=1e-13)
+    complete = [complete_reference(lives, x, method) for x in ages]
+    np.testing.assert_allclose(sult.ex(ages, complete=True), complete, rtol=1e-10)
 
 
 def test_complete_at_fractional_ages_against_numerical_integration(sult, method):
@@ -113,21 +104,17 @@ def test_hand_values_under_udd(hand, x, complete, expected):
     assert hand.ex(x, complete=complete) == pytest.approx(expected, rel=1e-12)
 
 
-@pytest.mark.parametrize("name", ["exponential", "hyperbolic"])
-def test_hand_values_under_the_other_interpolations(hand, name):
+@pytest.mark.parametrize(
+    ("name", "l_half", "rest"),  # l(0.5), and the rest of its year by the interpolation's own formula
+    [
+        ("exponential", 0.9**0.5, (0.9 - 0.9**0.5) / math.log(0.9)),  # the integral of 0.9^t over [0.5, 1]
+        ("hyperbolic", 1 / (0.5 + 0.5 / 0.9), 9 * math.log(1 / 0.95)),  # ... of 0.9 / (0.9 + 0.1 t)
+    ],
+)
+def test_hand_values_under_the_other_interpolations(hand, name, l_half, rest):
     with Config().override(lx_interpolation=name):
-        # Ages 0.5: l(0.5) and the remaining half year by the interpolation's own formulas.
-        if name == "exponential":
-            l_half = 0.9**0.5
-            rest = (0.9 - l_half) / math.log(0.9)  # integral of 0.9^t over [0.5, 1]
-            later = [0.9 * -0.2 / math.log(0.8), 0.72 * -0.5 / math.log(0.5)]
-        else:
-            l_half = 1.0 / (0.5 / 1.0 + 0.5 / 0.9)
-            rest = 0.9 / 0.1 * math.log((0.9 + 0.1) / (0.9 + 0.05))  # integral of 0.9/(0.9 + 0.1 t)
-            later = [0.9 * -0.8 * math.log(0.8) / 0.2, 0.72 * -0.5 * math.log(0.5) / 0.5]
-        expected = (rest + sum(later) + 0.18) / l_half
-        assert hand.ex(0.5, complete=True) == pytest.approx(expected, rel=1e-12)
-        assert hand.ex(3, complete=True) == 0.5  # the year after w is UDD under every interpolation
+        later = 0.9 * year_integral(0.8, name) + 0.72 * year_integral(0.5, name) + 0.18
+        assert hand.ex(0.5, complete=True) == pytest.approx((rest + later) / l_half, rel=1e-12)
         curtate = (hand.lx(1.5) + hand.lx(2.5) + 180_000.0) / hand.lx(0.5)
         assert hand.ex(0.5) == pytest.approx(curtate, rel=1e-9)
 
@@ -135,17 +122,12 @@ def test_hand_values_under_the_other_interpolations(hand, name):
 @pytest.mark.parametrize(
     "ages", [[50, 65.5], (50, 65.5), np.array([50, 65.5]), pd.Series([50, 65.5]), pl.Series([50.0, 65.5])]
 )
-def test_vector_inputs(sult, ages):
+def test_vector_inputs_and_shapes(sult, ages):
     out = sult.ex(ages, complete=True)
     assert isinstance(out, np.ndarray) and out.dtype == np.float64
     assert out.tolist() == [sult.ex(50, complete=True), sult.ex(65.5, complete=True)]
-
-
-def test_shapes_and_types(sult):
-    assert isinstance(sult.ex(65), float) and isinstance(sult.ex(np.float64(65)), float)
-    assert sult.ex([65]).shape == (1,) and sult.ex([]).shape == (0,)
-    assert sult.ex().shape == (121,)
-    assert sult.ex(complete=True)[120] == 0.5
+    assert isinstance(sult.ex(np.float64(65)), float) and sult.ex([65]).shape == (1,)
+    assert sult.ex([]).shape == (0,) and sult.ex().shape == (121,)
 
 
 @pytest.mark.parametrize(
@@ -175,25 +157,20 @@ def test_truncated_and_exhausted_tables(tables, method):
     doubled.modify_qx({"decrement_multiplier": 2.0})  # certain long before 120, w stays 120
     doubled.lx()
     gone = int(np.argmax(doubled._lx_raw == 0.0))  # the first age without survivors
-    assert doubled.w == 120 and 0 < gone < 120
+    assert 0 < gone < 120
     assert doubled.ex([gone, gone + 0.5, 120], complete=True).tolist() == [0.0, 0.0, 0.0]
     assert doubled.ex(gone - 1, complete=True) == 0.5  # all leave within the year, uniformly
 
 
-def test_follows_modifications_and_leaves_the_table_alone(sult):
+def test_follows_modifications_and_leaves_the_table_alone(sult, tables):
     t = LifeTable("SULT", "u")
-    before = t.ex(65, complete=True)
-    rates = t._decrement.copy()
     t.modify_qx({"age_shift": 3})
     assert t.ex(65, complete=True) == pytest.approx(sult.ex(68, complete=True), rel=1e-12)
     t.reset_modifications()
     with pytest.raises(ValueError):
         t.ex(200)
-    np.testing.assert_array_equal(t._decrement, rates)
-    assert t.ex(65, complete=True) == before
-
-
-def test_pending_table_is_refused(tables):
+    np.testing.assert_array_equal(t._decrement, sult._decrement)
+    assert t.ex(65, complete=True) == sult.ex(65, complete=True)
     tables.select()
     with pytest.raises(ValueError, match=r"called from ex\)"):
         LifeTable("SEL", "m", pending=True).ex(1)
