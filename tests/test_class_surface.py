@@ -3,11 +3,10 @@ that carries state and behaviour; instances that __init__ never reached; the bas
 
 from __future__ import annotations
 
-import re
-
 import pytest
 from veltrane.tables.decrement import DecrementTable
 
+from conftest import exactly
 from veltrane.tables.exit import ExitTable
 from veltrane.tables.life import LifeTable
 
@@ -16,10 +15,6 @@ UNINITIALISED = (
     "LifeTable instance is not initialised (no table loaded): construct it as "
     "LifeTable(table_name, sex, ...), not with __new__ alone."
 )
-
-
-def exactly(exc, message):
-    return pytest.raises(exc, match=f"^{re.escape(message)}$")
 
 
 @pytest.mark.parametrize("cls", [LifeTable, ExitTable])
@@ -72,18 +67,14 @@ def test_argument_errors_do_not_name_the_base(call, message):
 def test_samples_by_keyword():
     t, lines = LifeTable("SULT", "u"), []
     t._append_decrement_rate_sample_summary(lines=lines, rate_symbol="qx", decimals=12, rate_at_age=t.qx)
-    assert lines[0] == "Sample qx values (first 5):" and lines[1] == f"  qx(0) = {t.qx(0)}"
+    assert lines[:2] == ["Sample qx values (first 5):", f"  qx(0) = {t.qx(0)}"]
 
 
 # -- an instance that __init__ never reached -------------------------------------------------------
 
 
-def uninitialised() -> LifeTable:
-    return LifeTable.__new__(LifeTable, "SULT", "u")
-
-
 def test_text_forms_of_an_uninitialised_table():
-    u = uninitialised()
+    u = LifeTable.__new__(LifeTable, "SULT", "u")
     assert repr(u) == "<LifeTable (uninitialised)>" and str(u) == "LifeTable(uninitialised)"
     assert u.summary() == "LifeTable: (uninitialised)\nMetadata: none (allocated by __new__ without __init__)"
     assert repr(u.copy()) == "<LifeTable (uninitialised)>"
@@ -104,7 +95,7 @@ def test_text_forms_of_an_uninitialised_table():
     ],
 )
 def test_calculations_on_an_uninitialised_table_are_refused(use):
-    u = uninitialised()
+    u = LifeTable.__new__(LifeTable, "SULT", "u")
     with exactly(ValueError, UNINITIALISED):
         use(u)
     u.__init__("SULT", "u")  # and it can still be initialised

@@ -32,9 +32,9 @@ def run(capsys, *argv: str) -> tuple[int, str, str]:
 def test_tables_lists_bundled_and_user_tables(capsys, tables):
     tables.period(name="MINE")
     tables.period(name="SULT", sexes=("f",))  # shadows the bundled table of that name
-    (tables.directory / "BAD.toml").write_text('table_type = "life"\n', encoding="utf-8")
-    (tables.directory / "BAD.csv").write_text("age,qx_m\n0,2.5\n", encoding="utf-8")
-    (tables.directory / "ODD.toml").write_text('table_type = "life"\n', encoding="utf-8")
+    for name in ("BAD", "ODD"):
+        (tables.directory / f"{name}.toml").write_text('table_type = "life"\n')
+    (tables.directory / "BAD.csv").write_text("age,qx_m\n0,2.5\n")  # a rate above 1
     (tables.directory / "ODD.csv").mkdir()
     code, out, _ = run(capsys, "tables")
     rows = {line.split()[0]: line for line in out.splitlines()[1:]}
@@ -74,35 +74,27 @@ def test_eval(capsys, argv, expected):
     assert (code, err) == (0, "") and out.splitlines() == expected
 
 
-ERRORS = [
+SULT_U = ["SULT", "--sex", "u"]
+ERRORS = [  # the command line, what its one-line message says
     (["eval", "NOPE", "--sex", "u", "lx", "5"], "table 'NOPE' not found"),
     (["show", "SULT", "--sex", "m"], "Invalid sex 'm' for table 'SULT'"),
-    (["eval", "SULT", "--sex", "u", "lx", "-5"], "[lx] All ages x must be >= 0 for table 'SULT'."),
-    (["eval", "SULT", "--sex", "u", "tqx", "50", "-1"], "[tqx]: t must be >= 0"),
-    (["eval", "SULT", "--sex", "u", "px", "50", "--m", "5"], "argument --m: invalid choice: 5"),
-    (["eval", "SULT", "--sex", "u", "px", "fifty"], "argument X: not a number: 'fifty'"),
-    (["eval", "SULT", "--sex", "u", "lx", "50", "10"], "lx takes no duration T"),
-    (["eval", "SULT", "--sex", "u", "tpx", "50", "--m", "12"], "--m applies to px and qx only"),
-    (["eval", "SULT", "--sex", "u", "ax", "50"], "argument FUNCTION: invalid choice: 'ax'"),
-    (["show", "SULT", "--sex", "u", "--rows", "-1"], "--rows must be >= 0"),
+    (["eval", *SULT_U, "lx", "-5"], "[lx] All ages x must be >= 0 for table 'SULT'."),
+    (["eval", *SULT_U, "tqx", "50", "-1"], "[tqx]: t must be >= 0"),
+    (["eval", *SULT_U, "px", "50", "--m", "5"], "argument --m: invalid choice: 5"),
+    (["eval", *SULT_U, "px", "fifty"], "argument X: not a number: 'fifty'"),
+    (["eval", *SULT_U, "lx", "50", "10"], "lx takes no duration T"),
+    (["eval", *SULT_U, "tpx", "50", "--m", "12"], "--m applies to px and qx only"),
+    (["eval", *SULT_U, "ax", "50"], "argument FUNCTION: invalid choice: 'ax'"),
+    (["show", *SULT_U, "--rows", "-1"], "--rows must be >= 0"),
     ([], "the following arguments are required: COMMAND"),
     (
         ["--tables-path", "/no/such/dir", "tables"],
         "argument --tables-path: no such directory: '/no/such/dir'",
     ),
     (["show", "SULT", "--tables-path", __file__], "argument --tables-path: not a directory"),
-]
-
-
-@pytest.mark.parametrize(("argv", "message"), ERRORS)
-def test_errors_are_one_line_with_status_2(capsys, argv, message):
-    code, out, err = run(capsys, *argv)
-    assert code == 2 and out == ""
-    assert len(err.splitlines()) == 1 and message in err and err.startswith("veltrane")
-
-
-# The tables' own messages suggest Python calls; the command line shows its options instead.
-HINTS = [
+    (["show", "sult", "--sex", "u"], "(did you mean 'SULT'?)"),
+    (["eval", "SULTT", "--sex", "u", "qx", "50"], "(did you mean 'SULT'?)"),
+    # The tables' own messages suggest Python calls; the command line shows its options instead.
     (["show", "SSSM"], "--duration is required. Pass --duration N with N >= 1, or --duration ult"),
     (["show", "SSSM", "--duration", "0"], "--duration must be an integer >= 1 or 'ult'"),
     (["show", "SULT", "--duration", "1"], "--duration is only valid for select tables"),
@@ -117,13 +109,18 @@ HINTS = [
 ]
 
 
-@pytest.mark.parametrize(("argv", "message"), HINTS)
-def test_errors_hint_in_command_line_syntax(capsys, tables, argv, message):
+@pytest.mark.parametrize(("argv", "message"), ERRORS)
+def test_errors_are_one_line_in_command_line_syntax_with_status_2(capsys, tables, argv, message):
     tables.period()
     tables.flat(sexes=("m",))
-    code, _, err = run(capsys, *argv)
-    assert code == 2 and message in err
+    code, out, err = run(capsys, *argv)
+    assert (code, out) == (2, "") and len(err.splitlines()) == 1
+    assert err.startswith("veltrane") and message in err
     assert not re.search(r"(?<![-\w])(sex|duration|cohort|unisex_blend)=|unisex_blend|\w+Table\(", err), err
+
+
+def test_far_off_names_suggest_nothing(capsys):
+    assert "did you mean" not in run(capsys, "show", "QQQQQQ")[2]
 
 
 def test_sex_defaults_to_the_only_one(capsys, tables):
@@ -151,6 +148,7 @@ def test_tables_path_before_and_after_the_command(capsys, tmp_path):
 
 
 def _command(*argv: str, **kwargs) -> subprocess.CompletedProcess[str]:
+    """The installed command's entry: main() reading sys.argv in a process of its own."""
     script = "import sys; from veltrane.cli import main; sys.exit(main())"
     return subprocess.run([sys.executable, "-c", script, *argv], text=True, check=False, **kwargs)
 
@@ -165,40 +163,25 @@ def test_closed_pipe_ends_quietly():
     assert (result.returncode, result.stderr) == (1, "")
 
 
-def test_tables_path_variable_naming_a_missing_directory_warns_once(tmp_path):
+def test_process_errors_and_warnings_are_single_lines(tmp_path):
+    result = _command("eval", "NOPE", "--sex", "u", "lx", "1", capture_output=True, cwd=tmp_path)
+    assert (
+        result.returncode == 2 and len(result.stderr.splitlines()) == 1 and "Traceback" not in result.stderr
+    )
     missing = tmp_path / "missing"
     env = {**os.environ, "VELTRANE_TABLES_PATH": os.pathsep.join([str(tmp_path), str(missing)])}
     result = _command("eval", "SULT", "qx", "50", capture_output=True, env=env)
-    assert result.returncode == 0 and result.stdout == f"{SULT.qx(50)!r}\n"
-    assert (
-        result.stderr
-        == f"veltrane: warning: VELTRANE_TABLES_PATH: {missing} does not exist; no tables are read from it\n"
+    assert (result.returncode, result.stdout) == (0, f"{SULT.qx(50)!r}\n")
+    warning = (
+        f"veltrane: warning: VELTRANE_TABLES_PATH: {missing} does not exist; no tables are read from it\n"
     )
-
-
-def test_console_script_entry(tmp_path):
-    script = "import sys; from veltrane.cli import main; sys.exit(main())"
-    argv = [sys.executable, "-c", script, "eval", "NOPE", "--sex", "u", "lx", "1"]
-    result = subprocess.run(argv, capture_output=True, text=True, check=False, cwd=tmp_path)
-    assert result.returncode == 2 and "Traceback" not in result.stderr
-    assert len(result.stderr.splitlines()) == 1
+    assert result.stderr == warning
 
 
 def test_tables_search_ignores_case_and_needs_every_word(capsys, tables):
     tables.write("ALPHA", {"table_type": "life", "description": "Select Assured Lives"}, {"qx_u": [0.1, 1.0]})
     tables.write("BETA", {"table_type": "life", "description": "Quokka colony"}, {"qx_u": [0.1, 1.0]})
-    code, out, _ = run(capsys, "tables", "--search", "assured", "SELECT")
-    assert code == 0 and [line.split()[0] for line in out.splitlines()[1:]] == ["ALPHA"]
-    code, out, _ = run(capsys, "tables", "--search", "QUOKKA")
-    assert [line.split()[0] for line in out.splitlines()[1:]] == ["BETA"]
+    for words, names in [(["assured", "SELECT"], ["ALPHA"]), (["QUOKKA"], ["BETA"])]:
+        code, out, _ = run(capsys, "tables", "--search", *words)
+        assert code == 0 and [line.split()[0] for line in out.splitlines()[1:]] == names
     assert run(capsys, "tables", "--search", "nothing-like-it")[1] == "No tables match.\n"
-
-
-@pytest.mark.parametrize(
-    ("command", "given", "hint"), [("show", "sult", "'SULT'"), ("eval", "SULTT", "'SULT'")]
-)
-def test_unknown_table_names_suggest_close_ones(capsys, command, given, hint):
-    argv = [command, given, "--sex", "u"] + (["qx", "50"] if command == "eval" else [])
-    code, _, err = run(capsys, *argv)
-    assert code == 2 and err.rstrip().endswith(f"(did you mean {hint}?)")
-    assert "did you mean" not in run(capsys, "show", "QQQQQQ")[2]

@@ -33,7 +33,6 @@ def test_a_change_during_a_refresh_is_not_lost(monkeypatch):
 
 def test_the_decimals_property_is_never_stale():
     t = LifeTable("SULT", "u")
-    assert t._decimals_for_decrement == 12
     with Config().override(decimals={"qx": 7}):
         assert t._decimals_for_decrement == 7
     assert t._decimals_for_decrement == 12

@@ -25,11 +25,6 @@ SELECT_M = LIFE_M + "[select]\nperiod = 2\n"
 TWO_AGES = "age,qx_m\n0,0.1\n1,0.2\n"
 
 
-@pytest.fixture
-def tables_dir(tables) -> Path:
-    return tables.directory
-
-
 def _pair(directory: Path, name: str, toml: str, csv: str) -> None:
     (directory / f"{name}.toml").write_text(toml, encoding="utf-8")
     (directory / f"{name}.csv").write_text(csv, encoding="utf-8")
@@ -71,8 +66,8 @@ STRUCTURES = {  # metadata, columns, what the source reports
 
 
 @pytest.mark.parametrize(("metadata", "columns", "expected"), STRUCTURES.values(), ids=STRUCTURES)
-def test_structures_load(tables_dir, metadata, columns, expected):
-    toml_path = write_table(tables_dir, "T", metadata, columns)
+def test_structures_load(tables, metadata, columns, expected):
+    toml_path = write_table(tables.directory, "T", metadata, columns)
     src = TableSource("T")
     assert {key: getattr(src, key) for key in expected} == expected
     assert (src.file_name, src.file_path, src.metadata) == ("T", toml_path, metadata)
@@ -82,72 +77,49 @@ def test_structures_load(tables_dir, metadata, columns, expected):
         assert src.data[name].to_list() == [float(v) if name != "age" else v for v in values]
 
 
-BAD_COLUMNS = [
-    (LIFE_M, "age,qx_m\n0,0.1\n2,0.1\n", "age", "line 3"),
-    (LIFE_M, "age,qx_m\n0,0.1\n1,0.1\n1,0.1\n", "age", "line 4"),
-    (LIFE_M, "age,qx_m\n1,0.1\n", "age", "line 2"),
-    (LIFE_M, "age,qx_m\n0,0.1\n1.5,0.1\n", "age", "line 3"),
-    (LIFE_M, "age,qx_m\n0,0.1\n1,abc\n", "qx_m", "age 1 (line 3)"),
-    (LIFE_M, "age,qx_m\n0,0.1\n\n1,\n", "qx_m", "age 1 (line 4)"),
-    (LIFE_M, "age,qx_m\n0,0.1\n1,1.5\n", "qx_m", "age 1 (line 3)"),
-    (LIFE_M, "age,qx_m\n0,-0.1\n", "qx_m", "age 0 (line 2)"),
-    (LIFE_M, "age,qx_m\n0,nan\n", "qx_m", "age 0 (line 2)"),
-    ('table_type = "life"\nsexes = ["m", "f"]\n', "age,qx_m,qx_f\n0,0.1\n", "qx_f", "line 2"),
-    (LIFE_M + "start_age = 1\n", TWO_AGES, "qx_m", "age 0 (line 2)"),
-    (GEN_M, "age,qx_m,mi_m\n0,0.1,0.01\n1,0.1,inf\n", "mi_m", "age 1 (line 3)"),
-    (LIFE_M, "age,qx_male\n0,0.1\n", "qx_male", "line 1"),
-    (LIFE_M, "age,qx_m,qx_f\n0,0.1,0.1\n", "qx_f", "line 1"),
-    (LIFE_M, "age,ix_m\n0,0.1\n", "ix_m", "line 1"),
-    (LIFE_M, "age,qx_m,qx_m\n0,0.1,0.1\n", "qx_m", "line 1"),
-    (LIFE_M, "age,qx_m_s1\n0,0.1\n", "qx_m_s1", "line 1"),
-    (LIFE_M, "age,qx_m,mi_m\n0,0.1,0.01\n", "mi_m", "line 1"),
-    ('table_type = "life"\nsex_independent = true\n', "age,qx_m\n0,0.1\n", "qx_m", "line 1"),
-    (SELECT_M, "age,qx_m\n0,0.1\n", "qx_m", "line 1"),
-    (SELECT_M, "age,qx_m_s3\n0,0.1\n", "qx_m_s3", "line 1"),
-    (GEN_M, "age,qx_m,mi_u\n0,0.1,0.01\n", "mi_u", "line 1"),
-    (GEN_M, "age,qx_m,mi_m_2015\n0,0.1,0.01\n", "mi_m_2015", "line 1"),
-    (YEARS_M, "age,qx_m,mi_m_2017\n0,0.1,0.01\n", "mi_m_2017", "line 1"),
+# fmt: off
+HEADERS = [  # columns the header may not have, the last one named
+    (LIFE_M, "qx_male"), (LIFE_M, "qx_m,qx_f"), (LIFE_M, "ix_m"), (LIFE_M, "qx_m,qx_m"),
+    (LIFE_M, "qx_m_s1"), (LIFE_M, "qx_m,mi_m"), ('table_type = "life"\nsex_independent = true\n', "qx_m"),
+    (SELECT_M, "qx_m"), (SELECT_M, "qx_m_s3"), (GEN_M, "qx_m,mi_u"), (GEN_M, "qx_m,mi_m_2015"),
+    (YEARS_M, "qx_m,mi_m_2017"),
 ]
+MALFORMED = [  # metadata, rates, the file named, what the message must name
+    (LIFE_M, "age,qx_m\n0,0.1\n2,0.1\n", "csv", "column 'age'", "line 3"),
+    (LIFE_M, "age,qx_m\n0,0.1\n1,0.1\n1,0.1\n", "csv", "column 'age'", "line 4"),
+    (LIFE_M, "age,qx_m\n1,0.1\n", "csv", "column 'age'", "line 2"),
+    (LIFE_M, "age,qx_m\n0,0.1\n\n1,\n", "csv", "column 'qx_m'", "age 1 (line 4)"),
+    (LIFE_M, "age,qx_m\n0,0.1\n1,1.5\n", "csv", "column 'qx_m'", "age 1 (line 3)"),
+    (LIFE_M, "age,qx_m\n0,-0.1\n", "csv", "column 'qx_m'", "age 0 (line 2)"),
+    ('table_type = "life"\nsexes = ["m", "f"]\n', "age,qx_m,qx_f\n0,0.1\n", "csv", "column 'qx_f'", "line 2"),
+    (LIFE_M + "start_age = 1\n", TWO_AGES, "csv", "column 'qx_m'", "age 0 (line 2)"),
+    (GEN_M, "age,qx_m,mi_m\n0,0.1,0.01\n1,0.1,inf\n", "csv", "column 'mi_m'", "age 1 (line 3)"),
+    *[(toml, f"age,{c}\n0" + ",0.1" * (c.count(",") + 1) + "\n", "csv", f"column {c.split(',')[-1]!r}",
+       "line 1") for toml, c in HEADERS],
+    *[(toml, TWO_AGES, "toml", key, "") for toml, key in [
+        (LIFE_M + 'colour = "red"\n', "'colour'"), (LIFE_M + "start_age = true\n", "'start_age'"),
+        (LIFE_M + "omega = 2\n", "'omega'"), (LIFE_M + "start_age = 3\n", "'start_age'"),
+        (LIFE_M + "format_version = 2\n", "'format_version'"), ('sexes = ["m"]\n', "'table_type'"),
+        ('table_type = "death"\n', "'table_type'"), ('table_type = "life"\nsexes = ["x"]\n', "'sexes'"),
+        (LIFE_M + "sex_independent = true\n", "'sex_independent'"), (LIFE_M + "omega = \n", "invalid TOML"),
+        (LIFE_M + "[select]\nperiod = 0\n", "'select.period'"),
+        (LIFE_M + "[select]\nperiod = 1\nimprovement_diagonal = 'issue'\n", "'select.improvement_diagonal'"),
+        (GEN_M + 'mi_structure = "year_indexed"\ngrid_years = [2016, 2015]\n', "'generational.grid_years'"),
+        (GEN_M + 'mi_structure = "flat"\ngrid_years = [2015]\n', "'generational.grid_years'"),
+        (GEN_M + 'mi_structure = "select_period"\n', "'generational.mi_structure'"),
+        (GEN_M + 'mi_structure = "by_age"\n', "'generational.mi_structure'"),
+    ]],
+]
+# fmt: on
 
 
-@pytest.mark.parametrize(("toml", "csv", "column", "row"), BAD_COLUMNS)
-def test_malformed_columns_name_file_column_and_row(tables_dir, toml, csv, column, row):
-    _pair(tables_dir, "BAD", toml, csv)
+@pytest.mark.parametrize(("toml", "csv", "which", "what", "where"), MALFORMED)
+def test_malformed_files_are_named_with_the_column_or_key_and_the_line(tables, toml, csv, which, what, where):
+    _pair(tables.directory, "BAD", toml, csv)
     with pytest.raises(ValueError) as info:
         TableSource("BAD")
     message = str(info.value)
-    assert str(tables_dir / "BAD.csv") in message
-    assert f"column {column!r}" in message
-    assert row in message
-
-
-BAD_METADATA = [
-    (LIFE_M + 'colour = "red"\n', "'colour'"),
-    (LIFE_M + "start_age = true\n", "'start_age'"),
-    (LIFE_M + "omega = 2\n", "'omega'"),
-    (LIFE_M + "start_age = 3\n", "'start_age'"),
-    (LIFE_M + "format_version = 2\n", "'format_version'"),
-    ('sexes = ["m"]\n', "'table_type'"),
-    ('table_type = "death"\n', "'table_type'"),
-    ('table_type = "life"\nsexes = ["x"]\n', "'sexes'"),
-    ('table_type = "life"\nsexes = ["m"]\nsex_independent = true\n', "'sex_independent'"),
-    (LIFE_M + "[select]\nperiod = 0\n", "'select.period'"),
-    (LIFE_M + "[select]\nperiod = 1\nimprovement_diagonal = 'issue'\n", "'select.improvement_diagonal'"),
-    (GEN_M + 'mi_structure = "year_indexed"\ngrid_years = [2016, 2015]\n', "'generational.grid_years'"),
-    (GEN_M + 'mi_structure = "flat"\ngrid_years = [2015]\n', "'generational.grid_years'"),
-    (GEN_M + 'mi_structure = "select_period"\n', "'generational.mi_structure'"),
-    (GEN_M + 'mi_structure = "by_age"\n', "'generational.mi_structure'"),
-    (LIFE_M + "omega = \n", "invalid TOML"),
-]
-
-
-@pytest.mark.parametrize(("toml", "key"), BAD_METADATA)
-def test_malformed_metadata_names_file_and_key(tables_dir, toml, key):
-    _pair(tables_dir, "BAD", toml, TWO_AGES)
-    with pytest.raises(ValueError) as info:
-        TableSource("BAD")
-    assert str(tables_dir / "BAD.toml") in str(info.value)
-    assert key in str(info.value)
+    assert str(tables.directory / f"BAD.{which}") in message and what in message and where in message
 
 
 # fmt: off
@@ -163,26 +135,26 @@ GAPS = {  # metadata, rates, the sexes the source still offers
 
 
 @pytest.mark.parametrize(("toml", "csv", "valid_sexes"), GAPS.values(), ids=GAPS)
-def test_missing_columns_are_left_to_the_tables(tables_dir, toml, csv, valid_sexes):
-    _pair(tables_dir, "GAPPY", toml, csv)
+def test_missing_columns_are_left_to_the_tables(tables, toml, csv, valid_sexes):
+    _pair(tables.directory, "GAPPY", toml, csv)
     assert TableSource("GAPPY").valid_sexes == valid_sexes
 
 
-def test_write_table_refuses_a_malformed_table_and_writes_nothing(tmp_path):
+def test_written_tables_and_frames_are_checked_like_files(tmp_path):
     columns = {"age": [0, 1], "qx_m": [0.1, None]}
     with pytest.raises(ValueError, match=r"column 'qx_m', age 1 \(line 3\): empty cell"):
         write_table(tmp_path, "T", {"table_type": "life"}, columns)
-    assert list(tmp_path.iterdir()) == []
+    assert list(tmp_path.iterdir()) == []  # nothing written
     write_table(tmp_path, "T", {"table_type": "life"}, columns, validate=False)
     assert (tmp_path / "T.csv").read_text() == "age,qx_m\n0,0.1\n1,\n"
-
-
-def test_from_frame_checks_like_the_file_reader():
-    meta = {"table_type": "life"}
-    src = TableSource.from_frame("mem", meta, pl.DataFrame({"age": [0, 1], "qx_u": ["0.5", "1"]}))
+    src = TableSource.from_frame(
+        "mem", {"table_type": "life"}, pl.DataFrame({"age": [0, 1], "qx_u": ["0.5", "1"]})
+    )
     assert (src.data["qx_u"].to_list(), src.file_path) == ([0.5, 1.0], None)
     with pytest.raises(ValueError, match=r"table 'mem': column 'qx_u', age 1 \(row 2\): rate 2.0"):
-        TableSource.from_frame("mem", meta, pl.DataFrame({"age": [0, 1], "qx_u": [0.5, 2.0]}))
+        TableSource.from_frame(
+            "mem", {"table_type": "life"}, pl.DataFrame({"age": [0, 1], "qx_u": [0.5, 2.0]})
+        )
 
 
 def test_search_order_and_bundled_last(tmp_path):
@@ -214,31 +186,31 @@ def test_tables_path_variable_warns_of_entries_that_are_not_directories(monkeypa
     assert len(record) == 1 and record[0].filename == __file__  # points at the caller of reset()
 
 
-def test_missing_table_lists_every_directory(tables_dir):
+def test_missing_table_lists_every_directory(tables):
     with pytest.raises(FileNotFoundError) as info:
         TableSource("NOPE")
-    assert all(str(d) in str(info.value) for d in ("'NOPE'", tables_dir, BUNDLED_TABLES_DIR))
-    (tables_dir / "HALF.toml").write_text(LIFE_M)
+    assert all(str(d) in str(info.value) for d in ("'NOPE'", tables.directory, BUNDLED_TABLES_DIR))
+    (tables.directory / "HALF.toml").write_text(LIFE_M)
     with pytest.raises(FileNotFoundError, match=r"HALF\.csv"):
         TableSource("HALF")
 
 
-def test_sources_are_shared_until_the_path_files_or_cache_change(tables_dir, tmp_path):
-    write_table(tables_dir, "T", {"table_type": "life"}, {"age": [0], "qx_u": [0.1]})
+def test_sources_are_shared_until_the_path_files_or_cache_change(tables, tmp_path):
+    write_table(tables.directory, "T", {"table_type": "life"}, {"age": [0], "qx_u": [0.1]})
     src = TableSource("T")
     assert TableSource("T") is src
     other = tmp_path / "other"
-    with Config().override(tables_path=[other, tables_dir]):
+    with Config().override(tables_path=[other, tables.directory]):
         assert TableSource("T") is not src
     assert TableSource("T") is src
     TableSource.clear_cache()
     assert TableSource("T") is not src
     src = TableSource("T")
-    write_table(tables_dir, "T", {"table_type": "life"}, {"age": [0], "qx_u": [0.3]})
+    write_table(tables.directory, "T", {"table_type": "life"}, {"age": [0], "qx_u": [0.3]})
     assert TableSource("T").data["qx_u"][0] == 0.3
     src = TableSource("T")
     Config().reset()
-    Config().tables_path = [tables_dir]
+    Config().tables_path = [tables.directory]
     assert TableSource("T") is not src
 
 

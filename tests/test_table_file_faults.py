@@ -14,6 +14,9 @@ from veltrane.tables.source import TableSource, write_table
 
 LIFE_M = 'table_type = "life"\nsexes = ["m"]\n'
 ROWS = "".join(f"{x},0.{x + 1}\n" for x in range(8))  # ages 0..7
+SEL2 = LIFE_M + "[select]\nperiod = 2\n"
+GEN = LIFE_M + '[generational]\nformula_type = "exponential"\n'
+SEL = LIFE_M + "[select]\n"
 
 
 def _pair(directory: Path, toml: str | bytes, csv: str | bytes, name: str = "T") -> tuple[Path, Path]:
@@ -29,73 +32,68 @@ def _refusal(name: str = "T") -> str:
     return str(info.value)
 
 
-# -- a file cut short -------------------------------------------------------------------------------
+def _frame_refusal(metadata: dict, **columns) -> str:
+    with pytest.raises(ValueError) as info:
+        TableSource.from_frame("mem", {"table_type": "life", **metadata}, pl.DataFrame(columns))
+    return str(info.value)
+
+
+# -- cells, headers and lines the reader refuses ---------------------------------------------------
+REFUSED_RATES = ["1.", ".5", "1_0", "0_5", "\u0660.\u0665", "\uff10.\uff15", "0x1", "1e", "\u22120.5", "nan"]
+ACCEPTED_RATES = {"0.5": 0.5, "5e-1": 0.5, "5E-01": 0.5, "+0.25": 0.25, "1": 1.0, "5e-324": 5e-324}
+CSV_FAULTS = [  # metadata, file body, the message after the file's name
+    *[(LIFE_M, f"age,qx_m\n0,0.1\n1,{c}\n", f"column 'qx_m', age 1 (line 3): {c!r} is not a number")
+      for c in REFUSED_RATES],
+    *[(LIFE_M, f"age,qx_m\n0,0.1\n{c},0.2\n", f"column 'age', line 3: age {c!r} is not a whole number")
+      for c in ["1_0", "\u0661", "\uff11", "+1", "1.", "9" * 20]],
+    # headers take ASCII digits only: an Arabic-Indic one, one beyond int()'s limit
+    *[(toml, f"age,{rates},{header}\n0,0.1,0.1\n", f"column {header!r} (header, line 1): unknown column")
+      for toml, rates, header in [
+          (SEL2, "qx_m_ult", "qx_m_s\u0661"),
+          (SEL2, "qx_m_ult", "qx_m_s" + "1" * 5000),
+          (LIFE_M + '[generational]\nmi_structure = "year_indexed"\n', "qx_m", "mi_m_2\u0660\u0661\u0665"),
+      ]],
+    (LIFE_M, "age,qx_m\n0,0.1\n1," + "1" * 200_000 + "\n", "line 3: field larger than field limit"),
+]  # fmt: skip
+
+
+@pytest.mark.parametrize(("toml", "csv", "problem"), CSV_FAULTS)
+def test_faulty_cells_and_headers_name_file_column_and_line(tables, toml, csv, problem):
+    _, path = _pair(tables.directory, toml, csv)
+    assert _refusal().startswith(f"{path}: {problem}")
+
+
 @pytest.mark.parametrize("rows", [1, 5, 7])
 def test_csv_cut_before_omega_is_refused(tables, rows):
-    toml, csv = _pair(tables.directory, LIFE_M + "omega = 7\n", "age,qx_m\n" + ROWS)
-    csv.write_text("age,qx_m\n" + "".join(ROWS.splitlines(keepends=True)[:rows]))
+    toml, csv = _pair(tables.directory, LIFE_M + "omega = 7\n", "age,qx_m\n" + ROWS[: rows * 6])
     message = _refusal()
     assert message.startswith(f"{csv}: column 'age', line {rows + 1}: the ages end at {rows - 1}")
     assert "'omega' = 7" in message and str(toml) in message
 
 
 def test_frame_short_of_omega_is_refused():
-    frame = pl.DataFrame({"age": [0, 1], "qx_u": [0.1, 1.0]})
-    with pytest.raises(ValueError, match=r"^table 'mem': column 'age', row 2: the ages end at 1, short of"):
-        TableSource.from_frame("mem", {"table_type": "life", "omega": 5}, frame)
+    message = _frame_refusal({"omega": 5}, age=[0, 1], qx_u=[0.1, 1.0])
+    assert message.startswith("table 'mem': column 'age', row 2: the ages end at 1, short of")
 
 
-# -- numbers ----------------------------------------------------------------------------------------
-REFUSED_RATES = ["1.", ".5", "1_0", "0_5", "\u0660.\u0665", "\uff10.\uff15", "0x1", "1e", "\u22120.5", "nan"]
-ACCEPTED_RATES = {"0.5": 0.5, "5e-1": 0.5, "5E-01": 0.5, "+0.25": 0.25, "1": 1.0, "5e-324": 5e-324}
-
-
-@pytest.mark.parametrize("cell", REFUSED_RATES)
-def test_rate_cells_are_plain_ascii_decimals(tables, cell):
-    _, csv = _pair(tables.directory, LIFE_M, f"age,qx_m\n0,0.1\n1,{cell}\n")
-    assert _refusal().startswith(f"{csv}: column 'qx_m', age 1 (line 3): {cell!r} is not a number")
-
-
-@pytest.mark.parametrize("cell", ["1_0", "\u0661", "\uff11", "+1", "1.", "9" * 20])
-def test_age_cells_are_plain_ascii_whole_numbers(tables, cell):
-    _, csv = _pair(tables.directory, LIFE_M, f"age,qx_m\n0,0.1\n{cell},0.2\n")
-    assert _refusal().startswith(f"{csv}: column 'age', line 3: age {cell!r} is not a whole number")
-
-
-def test_usual_number_forms_load(tables):
+def test_usual_number_forms_and_a_byte_order_mark_load(tables):
     cells = "".join(f"{x},{text}\n" for x, text in enumerate(ACCEPTED_RATES))
-    _pair(tables.directory, LIFE_M, "age,qx_m\n" + cells)
+    _pair(tables.directory, "\ufeff" + LIFE_M, "\ufeffage,qx_m\n" + cells)
+    assert TableSource("T").data.columns == ["age", "qx_m"]
     assert TableSource("T").data["qx_m"].to_list() == list(ACCEPTED_RATES.values())
 
 
 @pytest.mark.parametrize("age", [1e20, -(2.0**70), 10**18])
 def test_ages_beyond_int64_are_refused(tables, age):
-    frame = pl.DataFrame({"age": [0.0, age], "qx_u": [0.1, 1.0]})
-    with pytest.raises(ValueError, match=r"^table 'mem': column 'age', row 2: age .* is out of range$"):
-        TableSource.from_frame("mem", {"table_type": "life"}, frame)
+    message = _frame_refusal({}, age=[0.0, age], qx_u=[0.1, 1.0])
+    assert message.startswith("table 'mem': column 'age', row 2: age ") and message.endswith(
+        " is out of range"
+    )
     _pair(tables.directory, LIFE_M, f"age,qx_m\n0,0.1\n{int(age)},0.2\n")
     with pytest.raises(
         ValueError, match=r"column 'age', line 3: age .* is (out of range|not a whole number)"
     ):
         TableSource("T")
-
-
-@pytest.mark.parametrize(
-    ("toml", "rates", "header"),
-    [
-        (LIFE_M + "[select]\nperiod = 2\n", "qx_m_ult", "qx_m_s\u0661"),  # an Arabic-Indic one
-        (LIFE_M + "[select]\nperiod = 2\n", "qx_m_ult", "qx_m_s" + "1" * 5000),  # beyond int()'s limit
-        (LIFE_M + '[generational]\nmi_structure = "year_indexed"\n', "qx_m", "mi_m_2\u0660\u0661\u0665"),
-    ],
-)
-def test_column_names_take_ascii_digits_only(tables, toml, rates, header):
-    _, csv = _pair(tables.directory, toml, f"age,{rates},{header}\n0,0.1,0.1\n")
-    assert _refusal().startswith(f"{csv}: column {header!r} (header, line 1): unknown column")
-
-
-def test_field_beyond_the_csv_size_limit_names_file_and_line(tables):
-    _, csv = _pair(tables.directory, LIFE_M, "age,qx_m\n0,0.1\n1," + "1" * 200_000 + "\n")
-    assert _refusal().startswith(f"{csv}: line 3: field larger than field limit")
 
 
 # -- encodings and nesting --------------------------------------------------------------------------
@@ -120,46 +118,23 @@ def test_files_not_in_utf8_are_refused_by_name(tables, which, encode, problem):
     assert message.startswith(f"{paths[which]}: ") and problem in message
 
 
-def test_utf8_with_a_byte_order_mark_loads(tables):
-    _pair(tables.directory, "\ufeff" + LIFE_M, "\ufeffage,qx_m\n0,0.1\n")
-    assert TableSource("T").data.columns == ["age", "qx_m"]
-
-
 @pytest.mark.parametrize("depth", [5, 50, 100_000])
-@pytest.mark.parametrize("kind", ["array", "table"])
-def test_nested_toml_is_refused_by_name_with_a_short_message(tables, depth, kind):
-    opening, closing = ("[", "]") if kind == "array" else ("{a = ", "}")
-    toml, _ = _pair(
-        tables.directory, LIFE_M + "description = " + opening * depth + "1" + closing * depth, ROWS
-    )
+@pytest.mark.parametrize(("opening", "closing"), [("[", "]"), ("{a = ", "}")], ids=["array", "table"])
+def test_nested_toml_is_refused_by_name_with_a_short_message(tables, depth, opening, closing):
+    description = "description = " + opening * depth + "1" + closing * depth
+    toml, _ = _pair(tables.directory, LIFE_M + description, ROWS)
     message = _refusal()
     assert message.startswith(f"{toml}: ") and len(message) < len(str(toml)) + 200
     assert ("invalid TOML" in message) if depth > 1000 else ("'description' must be a string" in message)
 
 
 # -- what has the name is not a file ----------------------------------------------------------------
-def _directory(path: Path) -> None:
-    path.mkdir()
-
-
-def _fifo(path: Path) -> None:
-    os.mkfifo(path)
-
-
-def _loop(path: Path) -> None:
-    os.symlink(path.name, path)
-
-
-def _dangling(path: Path) -> None:
-    os.symlink("nowhere.csv", path)
-
-
 NOT_FILES = {  # maker, exception type, what the message calls it
-    "directory": (_directory, IsADirectoryError, "is a directory, not a file"),
-    "fifo": (_fifo, OSError, "is a FIFO (named pipe), not a regular file"),
-    "symlink-loop": (_loop, OSError, "is a symbolic link loop"),
+    "directory": (Path.mkdir, IsADirectoryError, "is a directory, not a file"),
+    "fifo": (os.mkfifo, OSError, "is a FIFO (named pipe), not a regular file"),
+    "symlink-loop": (lambda p: os.symlink(p.name, p), OSError, "is a symbolic link loop"),
     "dangling-symlink": (
-        _dangling,
+        lambda p: os.symlink("nowhere.csv", p),
         FileNotFoundError,
         "is a symbolic link to nowhere.csv, which does not exist",
     ),
@@ -185,18 +160,13 @@ def test_table_name_with_a_nul_is_refused():
 
 
 # -- metadata that would size grids or loops ---------------------------------------------------------
-GEN = LIFE_M + '[generational]\nformula_type = "exponential"\n'
-SEL = LIFE_M + "[select]\n"
+YEARS = GEN + 'mi_structure = "year_indexed"\ngrid_years = '
 HUGE_METADATA = [
     (GEN + "base_year = 10000000\n", "generational.base_year", "in 1000..3000, got 10000000"),
     (GEN + "base_year = 999\n", "generational.base_year", "got 999"),
     (GEN + "base_year = -2000\n", "generational.base_year", "got -2000"),
-    (
-        GEN + 'mi_structure = "year_indexed"\ngrid_years = [2000, 10000000]\n',
-        "generational.grid_years",
-        "1000",
-    ),
-    (GEN + 'mi_structure = "year_indexed"\ngrid_years = [-5, 2000]\n', "generational.grid_years", "1000"),
+    (YEARS + "[2000, 10000000]\n", "generational.grid_years", "1000"),
+    (YEARS + "[-5, 2000]\n", "generational.grid_years", "1000"),
     (SEL + "period = 201\n", "select.period", "in 1..200, got 201"),
     (SEL + "period = 1000000000\n", "select.period", "got 1000000000"),
     (SEL + "period = 2\nstart_duration = 201\n", "select.start_duration", "in 0..200, got 201"),
@@ -216,7 +186,7 @@ def test_metadata_out_of_bounds_is_refused(tables, toml, key, problem):
     [
         GEN + "base_year = 1000\n",
         GEN + "base_year = 3000\n",
-        GEN + 'mi_structure = "year_indexed"\ngrid_years = [1000, 3000]\n',
+        YEARS + "[1000, 3000]\n",
         SEL + "period = 200\nstart_duration = 200\n",
     ],
 )
@@ -234,14 +204,8 @@ def test_write_table_checks_metadata_before_writing(tmp_path):
     assert list(tmp_path.iterdir()) == []
 
 
-# -- select tables whose durations do not start at 1 -------------------------------------------------
 @pytest.mark.parametrize("start", [0, 3])
-def test_select_improvement_by_duration_loads_from_any_start_duration(tables, start):
+def test_select_improvement_by_duration_loads_and_builds_from_any_start_duration(tables, start):
     tables.select("G", start=start, generational="exponential", sexes=("m",))
     assert TableSource("G").start_duration == start
-
-
-@pytest.mark.parametrize("start", [0, 3])
-def test_select_improvement_by_duration_builds_from_any_start_duration(tables, start):
-    tables.select("G", start=start, generational="exponential", sexes=("m",))
     assert LifeTable("G", "m", cohort=1950, duration="ult").qx(0) > 0
