@@ -72,15 +72,6 @@ def test_rates_follow_the_select_diagonal(book):
     assert frame.filter((pl.col("policy") == 3) & (pl.col("year") == 4))["qx"].item() == expected[3, 4]
 
 
-def test_survival_matches_the_table_off_the_select_period():
-    ages = np.array([20, 45, 64, 99, 110])
-    frame = pl.DataFrame({"table_name": "SULT", "sex": "u", "age": ages})
-    tpx = project(frame, 12, what="tpx")["tpx"]
-    table = LifeTable("SULT", "u")
-    for i, x in enumerate(ages):
-        assert tpx[i] == pytest.approx([table.tpx(float(x), t) for t in range(1, 13)], rel=1e-9, abs=1e-10)
-
-
 @pytest.mark.parametrize(("block_size", "workers"), [(1, None), (4, None), (7, None), (1000, None), (10, 2)])
 def test_blocks_and_worker_processes_do_not_change_the_result(book, tables, monkeypatch, block_size, workers):
     monkeypatch.setenv("VELTRANE_TABLES_PATH", str(tables.directory))
