@@ -16,8 +16,7 @@ def run(capsys, *argv):
         code = main([str(a) for a in argv])
     except SystemExit as exc:
         code = exc.code
-    out, err = capsys.readouterr()
-    return code, out, err
+    return code, *capsys.readouterr()
 
 
 @pytest.fixture(autouse=True)
@@ -53,10 +52,7 @@ def test_import_with_scale_and_formula(capsys, tmp_path):
 
 @pytest.mark.parametrize(
     ("extra", "message"),
-    [
-        (["--formula", "compound"], "apply only with a scale"),
-        (["--part", "3"], "part 3 does not exist"),
-    ],
+    [(["--formula", "compound"], "apply only with a scale"), (["--part", "3"], "part 3 does not exist")],
 )
 def test_import_refusals_are_one_line_and_write_nothing(capsys, tmp_path, extra, message):
     path = xtbml(tmp_path / "u.xml", table_1d("Age", {0: 0.1, 1: 1.0}))

@@ -25,13 +25,15 @@ def clean():
     decrement._clear_cohort_unisex_cache()
 
 
-def test_registered_vector_is_used_by_name_and_marks_ages_below_its_start():
+def test_registered_vectors_are_used_by_name_and_mark_ages_below_their_start():
     source = veltrane.register_table(TableSource.from_rates("MEM", [0.1, 0.2, 1.0], start_age=60))
     assert TableSource("MEM") is source
     assert (source.start_age, source.w) == (60, 62)
     table = LifeTable("MEM", "u")
     assert table.qx(60) == 0.1 and table.qx(59) == 0.0
     assert table.lx(60) == table.lx(0)  # nobody leaves before the first age
+    TableSource.from_rates("EX", {"m": [0.1, 1.0], "f": [0.2, 1.0]}, table_type="exit").register()
+    assert ExitTable("EX", "f").qx(0) == 0.2
 
 
 def test_registration_shadows_files_and_unregister_brings_them_back(tables):
@@ -49,10 +51,8 @@ def test_registration_shadows_files_and_unregister_brings_them_back(tables):
 
 def test_registering_again_drops_the_unisex_cohort_cache():
     def register(scale):
-        q = np.array([0.1, 0.2, 0.3, 1.0]) * scale
-        frame = pl.DataFrame(
-            {"age": range(4), "qx_m": q, "qx_f": q / 2, "mi_m": [0.01] * 4, "mi_f": [0.01] * 4}
-        )
+        q, mi = np.array([0.1, 0.2, 0.3, 1.0]) * scale, [0.01] * 4
+        frame = pl.DataFrame({"age": range(4), "qx_m": q, "qx_f": q / 2, "mi_m": mi, "mi_f": mi})
         meta = {"table_type": "life", "generational": {"formula_type": "compound", "base_year": 2000}}
         TableSource.from_frame("GENMEM", meta, frame).register()
 
@@ -62,37 +62,13 @@ def test_registering_again_drops_the_unisex_cohort_cache():
     assert LifeTable("GENMEM", "u", cohort=1990, unisex_blend=1.0).qx(1) == pytest.approx(first / 2, rel=1e-9)
 
 
-def test_rates_by_sex_and_exit_tables():
-    TableSource.from_rates("EX", {"m": [0.1, 1.0], "f": [0.2, 1.0]}, table_type="exit").register()
-    assert ExitTable("EX", "f").qx(0) == 0.2
-
-
-@pytest.mark.parametrize(
-    ("rates", "kwargs", "message"),
-    [
-        ([0.1, 1.5], {}, "rate 1.5 outside"),
-        ({"m": [0.1], "f": [0.1, 0.2]}, {}, "vectors of one length"),
-        ([0.1], {"start_age": -1}, "start_age must be a whole number"),
-        ([0.1], {"table_type": "death"}, "table_type must be one of"),
-    ],
-)
-def test_bad_rate_vectors_are_refused(rates, kwargs, message):
-    with pytest.raises(ValueError, match=message):
-        TableSource.from_rates("BAD", rates, **kwargs)
-    assert "BAD" not in TableSource.registered()
+LX = pl.DataFrame({"age": [20, 21, 22], "lx_m": [1000.0, 900.0, 450.0]})
 
 
 def test_frame_starting_above_zero_and_survivors_become_rates():
-    frame = pl.DataFrame({"age": [20, 21, 22], "lx_m": [1000.0, 900.0, 450.0]})
-    source = TableSource.from_frame("LX", {"table_type": "life"}, frame)
+    source = TableSource.from_frame("LX", {"table_type": "life"}, LX)
     assert source.start_age == 20
     np.testing.assert_allclose(source.data["qx_m"], [0.0] * 20 + [0.1, 0.5, 1.0], rtol=1e-15)
-    with pytest.raises(ValueError, match="'start_age': 10 lies below the first age given, 20"):
-        TableSource.from_frame("LX", {"table_type": "life", "start_age": 10}, frame)
-    with pytest.raises(ValueError, match="survivors rise"):
-        TableSource.from_frame(
-            "LX", {"table_type": "life"}, frame.with_columns(lx_m=pl.Series([1.0, 2.0, 0.0]))
-        )
 
 
 def test_file_starting_above_zero_says_how_to_write_it(tables):
@@ -100,6 +76,26 @@ def test_file_starting_above_zero_says_how_to_write_it(tables):
     (tables.directory / "LATE.csv").write_text("age,qx_u\n20,0.1\n21,1\n")
     with pytest.raises(ValueError, match=r"ages must start at 0, got 20; .* set start_age = 20"):
         TableSource("LATE")
+
+
+@pytest.mark.parametrize(
+    ("data", "keys", "message"),
+    [
+        ([0.1, 1.5], {}, "rate 1.5 outside"),
+        ({"m": [0.1], "f": [0.1, 0.2]}, {}, "vectors of one length"),
+        ([0.1], {"start_age": -1}, "start_age must be a whole number"),
+        ([0.1], {"table_type": "death"}, "table_type must be one of"),
+        (LX, {"start_age": 10}, "'start_age': 10 lies below the first age given, 20"),
+        (LX.with_columns(lx_m=pl.Series([1.0, 2.0, 0.0])), {}, "survivors rise"),
+    ],
+)
+def test_bad_rates_and_frames_are_refused(data, keys, message):
+    with pytest.raises(ValueError, match=message):
+        if isinstance(data, pl.DataFrame):
+            TableSource.from_frame("BAD", {"table_type": "life", **keys}, data)
+        else:
+            TableSource.from_rates("BAD", data, **keys)
+    assert "BAD" not in TableSource.registered()
 
 
 def test_unisex_generational_table_uses_its_own_trend(tables):

@@ -32,61 +32,44 @@ def roundtrip(obj):
 
 def assert_same(a: DecrementTable, b: DecrementTable) -> None:
     assert type(a) is type(b) and a is not b
-    assert (a.table_name, a.sex, a.cohort, a.duration, a.unisex_blend) == (
-        b.table_name,
-        b.sex,
-        b.cohort,
-        b.duration,
-        b.unisex_blend,
-    )
-    assert (a.metadata_pending, a._modified, a.w) == (b.metadata_pending, b._modified, b.w)
+    keys = ("table_name", "sex", "cohort", "duration", "unisex_blend", "metadata_pending", "_modified", "w")
+    assert [getattr(a, k) for k in keys] == [getattr(b, k) for k in keys]
     assert list(a._modifications_applied) == list(b._modifications_applied)
     if a.metadata_pending:
         assert b._decrement is None
         return
     for name in ("_decrement_base", "_decrement"):
-        x, y = getattr(a, name), getattr(b, name)
-        assert np.array_equal(x, y) and x.tobytes() == y.tobytes()
+        assert getattr(a, name).tobytes() == getattr(b, name).tobytes()
     ages = np.arange(a.start_age, a.w + 1, dtype=np.float64)
-    assert a.lx(ages).tobytes() == b.lx(ages).tobytes()
-    assert a.qx(ages).tobytes() == b.qx(ages).tobytes()
+    assert a.lx(ages).tobytes() == b.lx(ages).tobytes() and a.qx(ages).tobytes() == b.qx(ages).tobytes()
+
+
+def halved_in_memory(table: DecrementTable, column: str) -> DecrementTable:
+    """The same table over rates held in memory instead of the file its name finds."""
+    data = table._table.data
+    table._table = TableSource.from_frame(
+        table.table_name, table._table.metadata, data.with_columns(data[column] / 2)
+    )
+    return table
 
 
 @pytest.fixture
 def kinds(tables):
     """A life, an exit and a disability table of LONG ages, and a second exit table."""
     for name, kind, prefix in (
-        ("LIFE", "life", "qx"),
-        ("LAPSE", "exit", "ox"),
-        ("LAPSE2", "exit", "ox"),
-        ("DIS", "disability", "ix"),
+        s.split() for s in ("LIFE life qx", "LAPSE exit ox", "LAPSE2 exit ox", "DIS disability ix")
     ):
         cols = {f"{prefix}_{s}": tables.rates(0.001, 0.05, LONG) for s in "mf"}
         tables.write(name, {"table_type": kind, "sexes": ["m", "f"]}, cols)
     return tables
 
 
-BUNDLED = [
-    ("SULT", {}),
-    ("SSSM", {"duration": 1}),
-    ("SSSM", {"duration": 2}),
-    ("SSSM", {"duration": 7}),
-    ("SSSM", {"duration": "ult"}),
-]
-
-
-@pytest.mark.parametrize(("name", "keys"), BUNDLED)
-@pytest.mark.parametrize("rate", [None, 0.025])
-def test_bundled_tables_round_trip(name, keys, rate):
-    table = LifeTable(name, "u", interest_rate=rate, **keys)
-    back = roundtrip(table)
-    assert_same(table, back)
-    assert back.interest_rate == rate
-
-
 @pytest.mark.parametrize(
     ("name", "keys"),
     [
+        ("SULT", {"sex": "u"}),
+        ("SULT", {"sex": "u", "interest_rate": 0.025}),
+        *[("SSSM", {"sex": "u", "duration": d, "interest_rate": 0.025}) for d in (1, 2, 7, "ult")],
         ("PER", {"sex": "f"}),
         ("GEN", {"sex": "m", "cohort": 1961}),
         ("GEN", {"sex": "u", "cohort": 1955, "unisex_blend": 0.3}),
@@ -100,11 +83,11 @@ def test_bundled_tables_round_trip(name, keys, rate):
         ("GEN", {"unisex_blend": 0.4, "pending": True}),
     ],
 )
-def test_every_structure_round_trips(standard, name, keys):
+def test_bundled_tables_and_every_structure_round_trip(standard, name, keys):
     table = LifeTable(name, **keys)
     back = roundtrip(table)
     assert_same(table, back)
-    assert back.unisex_blend == table.unisex_blend
+    assert back.interest_rate == table.interest_rate
     if table.metadata_pending:  # the shell completes like the original
         rest = {"sex": "m", "duration": 1} if name == "SEL" else {"cohort": 1960}
         if table.unisex_blend is not None:
@@ -112,6 +95,12 @@ def test_every_structure_round_trips(standard, name, keys):
         table.configure(**rest)
         back.configure(**rest)
         assert_same(table, back)
+
+
+def merged(names):
+    """Tables for table_combination, named as given ("LAPSE", ["DIS", "LAPSE"], ...)."""
+    make = lambda n: (ExitTable if n == "LAPSE" else DisabilityTable)(n, "m")  # noqa: E731
+    return make(names) if isinstance(names, str) else type(names)(map(make, names))
 
 
 MODIFICATIONS = [
@@ -124,43 +113,36 @@ MODIFICATIONS = [
     {"decrement_multiplier": 40.0},  # cut at certainty
     {"age_shift": 2, "aggravated_risk": 1.5, "decrement_multiplier": 0.8},
 ]
+COMBINATIONS = [
+    {"table_combination": "LAPSE"},
+    {"table_combination": ["LAPSE"], "combination_mode": "udd"},
+    {"combination_mode": "independent", "table_combination": ("LAPSE",)},
+    {"table_combination": ["DIS", "LAPSE"]},
+    {"age_shift": 4, "table_combination": "LAPSE", "aggravated_risk": 1.2},
+]
+KINDS = [(LifeTable, "LIFE"), (ExitTable, "LAPSE2"), (DisabilityTable, "DIS")]
 
 
-@pytest.mark.parametrize("mods", MODIFICATIONS)
-@pytest.mark.parametrize("cls", [LifeTable, ExitTable, DisabilityTable])
-def test_modifications_round_trip(kinds, mods, cls):
-    name = {LifeTable: "LIFE", ExitTable: "LAPSE", DisabilityTable: "DIS"}[cls]
+@pytest.mark.parametrize(
+    ("cls", "name", "mods"),
+    [(*kind, m) for kind in KINDS for m in MODIFICATIONS] + [(LifeTable, "LIFE", m) for m in COMBINATIONS],
+)
+def test_modifications_and_combinations_round_trip_with_their_copies(kinds, cls, name, mods):
     table = cls(name, "m")
+    if "table_combination" in mods:
+        mods = mods | {"table_combination": merged(mods["table_combination"])}
     with pytest.warns(UserWarning) if mods.get("decrement_multiplier") == 40.0 else nullcontext():
         table.modify_qx(mods)
     assert_same(table, roundtrip(table))
+    assert_same(table, roundtrip(table.copy()))
 
 
-def test_vector_multiplier_is_kept_as_applied(kinds):
+def test_later_changes_to_what_was_applied_do_not_travel(kinds):
     table = LifeTable("LIFE", "f")
     factors = np.linspace(0.5, 1.5, LONG)
     table.modify_qx({"decrement_multiplier": factors})
     factors[:] = 9.0  # the caller's array changes afterwards; the table's rates do not
     assert_same(table, roundtrip(table))
-
-
-@pytest.mark.parametrize(
-    "combination",
-    [
-        lambda: {"table_combination": ExitTable("LAPSE", "m")},
-        lambda: {"table_combination": [ExitTable("LAPSE", "m")], "combination_mode": "udd"},
-        lambda: {"combination_mode": "independent", "table_combination": (ExitTable("LAPSE", "m"),)},
-        lambda: {"table_combination": [DisabilityTable("DIS", "m"), ExitTable("LAPSE", "m")]},
-        lambda: {"age_shift": 4, "table_combination": ExitTable("LAPSE", "m"), "aggravated_risk": 1.2},
-    ],
-)
-def test_combinations_round_trip(kinds, combination):
-    table = LifeTable("LIFE", "m")
-    table.modify_qx(combination())
-    assert_same(table, roundtrip(table))
-
-
-def test_combined_table_travels_as_it_was_when_merged(kinds):
     lapse = ExitTable("LAPSE", "m")
     lapse.modify_qx({"decrement_multiplier": 0.5})
     host = LifeTable("LIFE", "m")
@@ -172,35 +154,20 @@ def test_combined_table_travels_as_it_was_when_merged(kinds):
     assert_same(nested, roundtrip(nested))
 
 
-def test_copies_pickle_like_their_originals(kinds):
-    table = LifeTable("LIFE", "m")
-    table.modify_qx({"table_combination": ExitTable("LAPSE", "m"), "decrement_multiplier": 1.1})
-    assert_same(table, roundtrip(table.copy()))
-
-
 def test_subclass_slots_and_dict_round_trip(kinds):
     table = SlottedLife("LIFE", "m", interest_rate=0.04)
-    table._SlottedLife__private = [1, 2]
-    table.note = "policy 7"
-    table.extra = {"a": 1}
+    table._SlottedLife__private, table.note, table.extra = [1, 2], "policy 7", {"a": 1}
     back = roundtrip(table)
     assert_same(table, back)
-    assert (back.interest_rate, back._SlottedLife__private, back.note, back.extra) == (
-        0.04,
-        [1, 2],
-        "policy 7",
-        {"a": 1},
-    )
+    got = (back.interest_rate, back._SlottedLife__private, back.note, back.extra)
+    assert got == (0.04, [1, 2], "policy 7", {"a": 1})
 
 
-def test_modification_under_other_decimals_comes_back_exactly(kinds):
+def test_modification_under_other_decimals_and_advanced_state_come_back_exactly(kinds, standard):
     table = LifeTable("LIFE", "m")
     with Config().override(decimals={"qx": 5}):
         table.modify_qx({"decrement_multiplier": 1.234567})
     assert_same(table, roundtrip(table))
-
-
-def test_advanced_table_round_trips_as_advanced(standard):
     table = LifeTable("GSEL", "m", duration=1, cohort=1970)
     table.modify_qx({"aggravated_risk": 2.0})
     snapshot = table._advance_actuarial_state_for_ts(1.0)
@@ -211,9 +178,8 @@ def test_advanced_table_round_trips_as_advanced(standard):
 
 def test_registry_round_trips_in_order(kinds):
     registry = TableRegistry(LifeTable, maxsize=3)
-    for sex in ("m", "f"):
-        registry.get_or_create(None, "LIFE", sex)
-    registry.get_or_create(ExitTable, "LAPSE", "m")
+    for cls, name, sex in ((None, "LIFE", "m"), (None, "LIFE", "f"), (ExitTable, "LAPSE", "m")):
+        registry.get_or_create(cls, name, sex)
     registry.get_or_create(None, "LIFE", "m")  # most recently used now
     back = roundtrip(registry)
     assert repr(back) == repr(registry) and back._maxsize == 3 and back._table_class is LifeTable
@@ -226,33 +192,31 @@ def test_registry_round_trips_in_order(kinds):
 # -- refusals -------------------------------------------------------------------------------------
 
 
-def test_table_from_memory_is_refused(kinds):
+@pytest.mark.parametrize(
+    ("case", "message"),
+    [
+        ("in memory", "not built from the table file that the name 'LIFE' finds now"),
+        ("file rewritten", "was not built from the table file"),
+        ("merged from memory", "the table merged by table_combination cannot be pickled"),
+        ("rates edited", "were not made by modify_qx"),
+    ],
+)
+def test_tables_that_cannot_be_rebuilt_are_refused(kinds, case, message):
     table = LifeTable("LIFE", "m")
-    source = table._table
-    table._table = TableSource.from_frame(
-        "LIFE", source.metadata, source.data.with_columns(source.data["qx_m"] / 2)
-    )
-    with pytest.raises(ValueError, match="not built from the table file that the name 'LIFE' finds now"):
+    if case == "in memory":
+        halved_in_memory(table, "qx_m")
+    elif case == "file rewritten":
+        kinds.write("LIFE", {"table_type": "life", "sexes": ["m"]}, {"qx_m": kinds.rates(n=LONG)})
+    elif case == "merged from memory":  # the merge itself works
+        table.modify_qx({"table_combination": halved_in_memory(ExitTable("LAPSE", "m"), "ox_m")})
+    else:
+        table.modify_qx({"aggravated_risk": 2.0})
+        table._decrement = table._decrement.copy()
+    with pytest.raises(ValueError, match=message):
         pickle.dumps(table)
-
-
-def test_table_whose_file_changed_is_refused(kinds):
-    table = LifeTable("LIFE", "m")
-    kinds.write("LIFE", {"table_type": "life", "sexes": ["m"]}, {"qx_m": kinds.rates(n=LONG)})
-    with pytest.raises(ValueError, match="was not built from the table file"):
-        pickle.dumps(table)
-
-
-def test_combination_with_unpicklable_table_is_refused_when_pickled(kinds):
-    lapse = ExitTable("LAPSE", "m")
-    data = lapse._table.data
-    lapse._table = TableSource.from_frame("LAPSE", lapse._table.metadata, data.with_columns(data["ox_m"] / 2))
-    host = LifeTable("LIFE", "m")
-    host.modify_qx({"table_combination": lapse})  # the merge itself works
-    with pytest.raises(ValueError, match="the table merged by table_combination cannot be pickled"):
-        pickle.dumps(host)
-    host.reset_modifications()
-    assert_same(host, roundtrip(host))
+    if case == "merged from memory":  # without the merge the table is its file again
+        table.reset_modifications()
+        assert_same(table, roundtrip(table))
 
 
 def test_unpickling_where_the_file_differs_or_is_missing(kinds, tmp_path_factory):
@@ -261,30 +225,21 @@ def test_unpickling_where_the_file_differs_or_is_missing(kinds, tmp_path_factory
     with Config().override(tables_path=[elsewhere]):
         with pytest.raises(FileNotFoundError, match="no table file of that name in this process"):
             pickle.loads(data)
-        write_table(
-            elsewhere, "LIFE", {"table_type": "life", "sexes": ["m"]}, {"age": [0, 1], "qx_m": [0.1, 1.0]}
-        )
+        meta = {"table_type": "life", "sexes": ["m"]}
+        write_table(elsewhere, "LIFE", meta, {"age": [0, 1], "qx_m": [0.1, 1.0]})
         with pytest.raises(ValueError, match="differs from the one the table was built from"):
             pickle.loads(data)
 
 
-def test_refused_inside_batch_update_and_without_record(kinds):
+def test_batch_update_refuses_inside_and_rollback_keeps_the_record(kinds):
     table = LifeTable("LIFE", "m")
+    table.modify_qx({"aggravated_risk": 2.0})
     with table.batch_update():
         table.sex = "f"
         with pytest.raises(ValueError, match="inside batch_update"):
             pickle.dumps(table)
-    table.modify_qx({"aggravated_risk": 2.0})
-    table._decrement = table._decrement.copy()  # rates that modify_qx did not make
-    with pytest.raises(ValueError, match="were not made by modify_qx"):
-        pickle.dumps(table)
-
-
-def test_batch_rollback_keeps_the_record_with_its_rates(kinds):
-    table = LifeTable("LIFE", "m")
-    table.modify_qx({"aggravated_risk": 2.0})
     with pytest.raises(ZeroDivisionError), table.batch_update():
-        table.sex = "f"
+        table.sex = "m"
         1 / 0  # noqa: B018
     assert_same(table, roundtrip(table))
 

@@ -12,7 +12,9 @@ from veltrane.tables.exit import ExitTable
 from veltrane.tables.life import LifeTable
 from veltrane.tables.source import TableSource
 from veltrane.tables.xtbml import XTbMLError, XTbMLUnsupportedError, import_xtbml, read_xtbml
-from xtbml_files import _axis_def, _ys, select_cells, table_1d, table_2d, xtbml
+from xtbml_files import axis_def, select_cells, table_1d, table_2d, xtbml, ys
+
+SCALE = "Projection Scale"
 
 
 @pytest.fixture
@@ -25,37 +27,23 @@ def out(tmp_path):
 
 def test_ultimate_table_with_bom_starts_at_its_first_age(tmp_path, out):
     rates = {20: 0.001, 21: 0.002, 22: 0.5, 23: 1.0}
-    path = xtbml(tmp_path / "u.xml", table_1d("Age", rates), name="Period - Female, ALB")
-    import_xtbml(path, "ULT", out)
+    import_xtbml(xtbml(tmp_path / "u.xml", table_1d("Age", rates), name="Period - Female, ALB"), "ULT", out)
     source = TableSource("ULT")
     assert (source.valid_sexes, source.start_age, source.w) == (["f"], 20, 23)
-    assert source.metadata["source"] | {"notes": None} == {
-        "name": "Period - Female, ALB",
-        "table_identity": "9001",
-        "provider": "Test",
-        "reference": "Ref",
-        "content_type": "Insured Lives Mortality",
-        "age_basis": "ALB",
-        "notes": None,
-    }
+    want = {"name": "Period - Female, ALB", "table_identity": "9001", "provider": "Test", "reference": "Ref"}
+    want |= {"content_type": "Insured Lives Mortality", "age_basis": "ALB", "notes": None}
+    assert source.metadata["source"] | {"notes": None} == want
     table = LifeTable("ULT", "f")
     assert [table.qx(a) for a in rates] == list(rates.values())
     assert table.lx(20) == table.lx(0)  # no mortality is made up below the first published age
 
 
 def test_select_blocks_of_different_age_ranges_reindex_to_attained_age(tmp_path, out):
-    cells = select_cells(range(30, 33), (1, 2)) | select_cells(range(33, 35), (1, 2), base=0.002)
-    first = {k: v for k, v in cells.items() if k[0] < 33}
-    second = {k: v for k, v in cells.items() if k[0] >= 33}
+    first, second = select_cells(range(30, 33), (1, 2)), select_cells(range(33, 35), (1, 2), base=0.002)
     ult = {x: round(0.01 * (x - 30) + 0.001, 6) for x in range(32, 40)} | {40: 1.0}
-    path = xtbml(
-        tmp_path / "s.xml",
-        table_2d("Age", "Duration", first),
-        table_2d("Age", "Duration", second),
-        table_1d("Age", ult),
-    )
-    import_xtbml(path, "SEL", out)
-    for (issue, d), q in cells.items():
+    blocks = (table_2d("Age", "Duration", first), table_2d("Age", "Duration", second), table_1d("Age", ult))
+    import_xtbml(xtbml(tmp_path / "s.xml", *blocks), "SEL", out)
+    for (issue, d), q in (first | second).items():
         assert LifeTable("SEL", "m", duration=d).qx(issue + d - 1) == q
     assert TableSource("SEL").start_age == 30  # the select block's first age, below the ultimate's
     ultimate = LifeTable("SEL", "m", duration=3)
@@ -67,8 +55,8 @@ def test_select_blocks_of_different_age_ranges_reindex_to_attained_age(tmp_path,
 
 def test_ultimate_block_with_one_value_duration_axis(tmp_path, out):
     cells = select_cells(range(17, 20), (1, 2))
-    ult_axes = _axis_def("Age", 19, 22) + _axis_def("Duration", 3, 3, step=0)
-    ages = _ys({19: 0.1, 20: 0.2, 21: 0.3, 22: 1})  # the one-value axis left out of <Values>
+    ult_axes = axis_def("Age", 19, 22) + axis_def("Duration", 3, 3, step=0)
+    ages = ys({19: 0.1, 20: 0.2, 21: 0.3, 22: 1})  # the one-value axis left out of <Values>
     ult = f"<Table><MetaData>{ult_axes}</MetaData><Values><Axis>{ages}</Axis></Values></Table>"
     import_xtbml(xtbml(tmp_path / "am.xml", table_2d("Age", "Duration", cells), ult), "AM", out)
     assert TableSource("AM").select_period == 2
@@ -77,10 +65,8 @@ def test_ultimate_block_with_one_value_duration_axis(tmp_path, out):
 
 
 def test_lapse_table_by_duration_is_an_exit_table_indexed_by_policy_year(tmp_path, out):
-    rates = {1: 0.07, 2: 0.05, 3: 0.035, 4: 0.03}
-    path = xtbml(
-        tmp_path / "l.xml", table_1d("Duration", rates), name="Lapse Table R", content="Termination Voluntary"
-    )
+    table = table_1d("Duration", {1: 0.07, 2: 0.05, 3: 0.035, 4: 0.03})
+    path = xtbml(tmp_path / "l.xml", table, name="Lapse Table R", content="Termination Voluntary")
     import_xtbml(path, "LAPSE", out)
     source = TableSource("LAPSE")
     assert (source.table_type, source.valid_sexes, source.start_age) == ("exit", ["u"], 1)
@@ -91,160 +77,129 @@ def test_lapse_table_by_duration_is_an_exit_table_indexed_by_policy_year(tmp_pat
 
 def test_year_axis_tagged_age_is_read_by_its_name_as_year_of_birth(tmp_path, out):
     # Rates by age and year of birth; the Year axis carries scale type "Age" as in some files.
-    cells = {
-        (a, c): round(0.01 * (a + 1) * (1 - 0.01 * (c - 1950)), 12)
-        for a in range(4)
-        for c in range(1950, 1954)
-    }
-    cells |= {(4, c): 1.0 for c in range(1950, 1954)}
-    path = xtbml(
-        tmp_path / "g.xml",
-        table_2d("Age", "Year", cells, inner_scale="Age"),
-        content="Generational Mortality",
-    )
-    import_xtbml(path, "GEN", out)
+    years = range(1950, 1954)
+    cells = {(a, c): round(0.01 * (a + 1) * (1 - 0.01 * (c - 1950)), 12) for a in range(4) for c in years}
+    cells |= {(4, c): 1.0 for c in years}
+    table = table_2d("Age", "Year", cells, inner_scale="Age")
+    import_xtbml(xtbml(tmp_path / "g.xml", table, content="Generational Mortality"), "GEN", out)
     assert TableSource("GEN").generational
-    for cohort in range(1950, 1954):
+    for cohort in [*years, 1960]:  # beyond the published years of birth: the last one's rates
         table = LifeTable("GEN", "m", cohort=cohort)
-        for age in range(4):
-            assert table.qx(age) == pytest.approx(cells[(age, cohort)], rel=1e-9, abs=1e-12)
-    later = LifeTable("GEN", "m", cohort=1960)  # beyond the published years of birth: the last one's rates
-    assert later.qx(2) == pytest.approx(cells[(2, 1953)], rel=1e-9)
+        want = [cells[(age, min(cohort, 1953))] for age in range(4)]
+        assert table.qx(np.arange(4.0)) == pytest.approx(want, rel=1e-9, abs=1e-12)
 
 
 @pytest.mark.parametrize("formula", ["compound", "exponential", "exponential_damped"])
 def test_base_and_scale_by_age_make_a_generational_table(tmp_path, out, formula):
-    base = {a: 0.01 * (a + 1) for a in range(5)}
-    scale = {a: 0.02 for a in range(4)}  # one age short: extended flat
-    b = xtbml(tmp_path / "b.xml", table_1d("Age", base), name="2012 Base - Male")
-    s = xtbml(tmp_path / "s.xml", table_1d("Age", scale), name="Scale X - Male", content="Projection Scale")
-    import_xtbml(b, "PAIR", out, scale=s, formula=formula)
+    b = xtbml(
+        tmp_path / "b.xml", table_1d("Age", {a: 0.01 * (a + 1) for a in range(5)}), name="2012 Base - Male"
+    )
+    scale = table_1d("Age", {a: 0.02 for a in range(4)})  # one age short: extended flat
+    import_xtbml(b, "PAIR", out, scale=xtbml(tmp_path / "s.xml", scale, content=SCALE), formula=formula)
     source = TableSource("PAIR")
     assert (source.generational_formula_type, source.base_year) == (formula, 2012)
     assert source.data["mi_m"].to_list() == [0.02] * 5
-    table = LifeTable("PAIR", "m", cohort=2012)
-    assert table.qx(0) == base[0]  # the base year itself
+    assert LifeTable("PAIR", "m", cohort=2012).qx(0) == 0.01  # the base year itself
 
 
 def test_base_and_scale_by_calendar_year_are_projected_year_by_year(tmp_path, out):
     base = {a: 0.01 * (a + 1) for a in range(3)}
     scale = {(a, y): 0.01 * (y - 2019) for a in range(1, 3) for y in (2020, 2021)}
     b = xtbml(tmp_path / "b.xml", table_1d("Age", base), name="Base - Female")
-    s = xtbml(
-        tmp_path / "s.xml",
-        table_2d("Age", "Year", scale),
-        name="Scale MP - Female",
-        content="Projection Scale",
-    )
+    s = xtbml(tmp_path / "s.xml", table_2d("Age", "Year", scale), name="Scale MP - Female", content=SCALE)
     import_xtbml(b, "MP", out, scale=s, base_year=2019)
     source = TableSource("MP")
     assert (source.generational_formula_type, source.grid_years) == ("projected_improvement", [2020, 2021])
     assert source.data["mi_f_2021"].to_list() == [0.02, 0.02, 0.02]  # age 0 takes the first age's rate
     # Born 2020: age 0 is 2020 (one year at 1%), age 1 is 2021 (1% then 2%).
-    table = LifeTable("MP", "f", cohort=2020)
-    assert table.qx(1) == pytest.approx(base[1] * 0.99 * 0.98)
+    assert LifeTable("MP", "f", cohort=2020).qx(1) == pytest.approx(base[1] * 0.99 * 0.98)
 
 
-def test_one_file_per_sex_makes_one_table(tmp_path, out):
+def test_one_file_per_sex_makes_one_table_and_a_part_of_a_file_imports_alone(tmp_path, out):
     m = xtbml(tmp_path / "m.xml", table_1d("Age", {0: 0.1, 1: 1.0}), name="T - Male")
     f = xtbml(tmp_path / "f.xml", table_1d("Age", {0: 0.2, 1: 1.0}), name="T - Female", bom=False)
     import_xtbml([m, f], "MF", out)
     assert TableSource("MF").valid_sexes == ["m", "f"]
     assert LifeTable("MF", "f").qx(0) == 0.2
+    path = xtbml(tmp_path / "p.xml", table_1d("Age", {0: 0.1}), table_1d("Age", {0: 0.3, 1: 1.0}))
+    import_xtbml(path, "P2", out, part=2)
+    assert LifeTable("P2", "m").qx(0) == 0.3
 
 
-REFUSED = [
-    ("several", [table_1d("Age", {0: 0.1}), table_1d("Age", {0: 0.2})], "2 age-only tables in one file"),
-    (
-        "banded",
-        [
-            table_2d("Age", "Duration", {(0, 1): 0.1, (5, 1): 0.1}).replace(
-                "<Increment>1", "<Increment>5", 1
-            ),
-            table_1d("Age", {0: 0.1, 1: 0.1}),
-        ],
-        "ages in steps of 5",
-    ),
-    ("months", [table_2d("Month", "Age", {(1, 20): 0.1, (2, 20): 0.1})], "no decrement-table form"),
-]
+BANDED = table_2d("Age", "Duration", {(0, 1): 0.1, (5, 1): 0.1}).replace("<Increment>1", "<Increment>5", 1)
 
 
-@pytest.mark.parametrize(("case", "tables", "reason"), REFUSED, ids=[c[0] for c in REFUSED])
-def test_unmappable_structures_are_refused_naming_the_structure(tmp_path, out, case, tables, reason):
-    path = xtbml(tmp_path / "r.xml", *tables)
+@pytest.mark.parametrize(
+    ("tables", "content", "reason"),
+    [
+        ([table_1d("Age", {0: 0.1}), table_1d("Age", {0: 0.2})], None, "2 age-only tables in one file"),
+        ([BANDED, table_1d("Age", {0: 0.1, 1: 0.1})], None, "ages in steps of 5"),
+        ([table_2d("Month", "Age", {(1, 20): 0.1, (2, 20): 0.1})], None, "no decrement-table form"),
+        ([table_1d("Age", {0: 0.01})], SCALE, "a projection scale is not a decrement table by itself"),
+    ],
+    ids=["several", "banded", "months", "scale alone"],
+)
+def test_unmappable_structures_are_refused_naming_the_structure(tmp_path, out, tables, content, reason):
+    path = xtbml(tmp_path / "r.xml", *tables, **({"content": content} if content else {}))
     with pytest.raises(XTbMLUnsupportedError, match=f"{path}: cannot map .*{reason}"):
         import_xtbml(path, "R", out)
     assert not out.exists()
 
 
-def test_several_tables_in_a_file_import_one_part(tmp_path, out):
-    path = xtbml(tmp_path / "p.xml", table_1d("Age", {0: 0.1}), table_1d("Age", {0: 0.2, 1: 1.0}))
-    import_xtbml(path, "P2", out, part=2)
-    assert LifeTable("P2", "m").qx(0) == 0.2
+def _in_file(table: str) -> str:
+    return f"<XTbML><ContentClassification/>{table}</XTbML>"
 
 
-def test_scale_alone_is_refused(tmp_path, out):
-    path = xtbml(tmp_path / "s.xml", table_1d("Age", {0: 0.01}), content="Projection Scale")
-    with pytest.raises(XTbMLUnsupportedError, match="a projection scale is not a decrement table by itself"):
-        read_xtbml(path, "S")
+AXIS_WITHOUT_MAX = (
+    "<Table><MetaData><AxisDef id='Age'><AxisName>Age</AxisName><MinScaleValue>0</MinScaleValue>"
+    "<Increment>1</Increment></AxisDef></MetaData><Values/></Table>"
+)
 
 
-BAD = [
-    ("<XTbML><ContentClassification>", "not well-formed XML"),
-    ("<html></html>", "not an XTbML file (root element <html>"),
-    ("<XTbML><Table/></XTbML>", "<ContentClassification> missing"),
-    ("<XTbML><ContentClassification/></XTbML>", "no <Table> element"),
-    (
-        "<XTbML><ContentClassification/><Table><MetaData><AxisDef id='Age'><AxisName>Age</AxisName>"
-        "<MinScaleValue>0</MinScaleValue><Increment>1</Increment></AxisDef></MetaData><Values/></Table></XTbML>",
-        "<Table> 1, <AxisDef id='Age'>: <MaxScaleValue> missing",
-    ),
-    (
-        "<XTbML><ContentClassification/>" + table_1d("Age", {0: "abc"}) + "</XTbML>",
-        "<Table> 1, <Y t='0'>: value 'abc' is not a number",
-    ),
-    (
-        "<XTbML><ContentClassification/>" + table_1d("Age", {0: "1.5"}) + "</XTbML>",
-        "<Table> 1, Age 0: rate 1.5 outside [0, 1]",
-    ),
-    (
-        "<XTbML><ContentClassification/>" + table_1d("Age", {0: 0.1, 1: "", 2: 0.1}) + "</XTbML>",
-        "<Table> 1: no value for Age 1",
-    ),
-    ('<!DOCTYPE x [<!ENTITY a "b">]><XTbML/>', "declarations are not accepted"),
-]
-
-
-@pytest.mark.parametrize(("text", "message"), BAD)
+@pytest.mark.parametrize(
+    ("text", "message"),
+    [
+        ("<XTbML><ContentClassification>", "not well-formed XML"),
+        ("<html></html>", "not an XTbML file (root element <html>"),
+        ("<XTbML><Table/></XTbML>", "<ContentClassification> missing"),
+        ("<XTbML><ContentClassification/></XTbML>", "no <Table> element"),
+        (_in_file(AXIS_WITHOUT_MAX), "<Table> 1, <AxisDef id='Age'>: <MaxScaleValue> missing"),
+        (_in_file(table_1d("Age", {0: "abc"})), "<Table> 1, <Y t='0'>: value 'abc' is not a number"),
+        (_in_file(table_1d("Age", {0: "1.5"})), "<Table> 1, Age 0: rate 1.5 outside [0, 1]"),
+        (_in_file(table_1d("Age", {0: 0.1, 1: "", 2: 0.1})), "<Table> 1: no value for Age 1"),
+        ('<!DOCTYPE x [<!ENTITY a "b">]><XTbML/>', "declarations are not accepted"),
+    ],
+)
 def test_bad_input_names_file_and_element_and_writes_nothing(tmp_path, out, text, message):
     path = tmp_path / "bad.xml"
     path.write_text(text)
     with pytest.raises(XTbMLError) as info:
         import_xtbml(path, "BAD", out)
-    assert str(info.value).startswith(f"{path}: ")
-    assert message in str(info.value)
+    assert str(info.value).startswith(f"{path}: ") and message in str(info.value)
     assert not out.exists()
 
 
-def test_pairing_needs_a_formula_and_a_base_year(tmp_path, out):
+@pytest.mark.parametrize(
+    ("with_scale", "kwargs", "message"),
+    [
+        (True, {}, "needs formula="),
+        (True, {"formula": "compound"}, "states no single base year"),
+        (False, {"formula": "compound"}, "apply only with a scale"),
+    ],
+)
+def test_pairing_needs_a_scale_a_formula_and_a_base_year(tmp_path, with_scale, kwargs, message):
     b = xtbml(tmp_path / "b.xml", table_1d("Age", {0: 0.1}), name="Base - Male")
-    s = xtbml(tmp_path / "s.xml", table_1d("Age", {0: 0.01}), name="Scale - Male", content="Projection Scale")
-    with pytest.raises(XTbMLError, match="needs formula="):
-        read_xtbml(b, "X", scale=s)
-    with pytest.raises(XTbMLError, match="states no single base year"):
-        read_xtbml(b, "X", scale=s, formula="compound")
-    assert (
-        read_xtbml(b, "X", scale=s, formula="compound", base_year=2000).metadata["generational"]["base_year"]
-        == 2000
-    )
-    with pytest.raises(XTbMLError, match="apply only with a scale"):
-        read_xtbml(b, "X", formula="compound")
+    s = xtbml(tmp_path / "s.xml", table_1d("Age", {0: 0.01}), name="Scale - Male", content=SCALE)
+    with pytest.raises(XTbMLError, match=message):
+        read_xtbml(b, "X", **({"scale": s} if with_scale else {}), **kwargs)
 
 
 def test_in_memory_import_needs_no_files(tmp_path):
     path = xtbml(tmp_path / "u.xml", table_1d("Age", {0: 0.25, 1: 1.0}))
-    source = read_xtbml(path, "MEMX").to_source()
-    assert np.array_equal(source.data["qx_m"].to_numpy(), [0.25, 1.0])
+    assert np.array_equal(read_xtbml(path, "MEMX").to_source().data["qx_m"].to_numpy(), [0.25, 1.0])
+    s = xtbml(tmp_path / "s.xml", table_1d("Age", {0: 0.01, 1: 0.0}), content=SCALE)
+    paired = read_xtbml(path, "X", scale=s, formula="compound", base_year=2000)
+    assert paired.metadata["generational"]["base_year"] == 2000
 
 
 def test_a_fifo_or_a_directory_is_refused_without_reading(tmp_path, out):

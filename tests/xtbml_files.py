@@ -5,7 +5,7 @@ from __future__ import annotations
 from pathlib import Path
 
 
-def _axis_def(axis_id, lo, hi, step=1, scale="Age"):
+def axis_def(axis_id, lo, hi, step=1, scale="Age"):
     return (
         f'<AxisDef id="{axis_id}"><ScaleType tc="3">{scale}</ScaleType><AxisName>{axis_id}</AxisName>'
         f"<MinScaleValue>{lo}</MinScaleValue><MaxScaleValue>{hi}</MaxScaleValue><Increment>{step}</Increment>"
@@ -13,25 +13,23 @@ def _axis_def(axis_id, lo, hi, step=1, scale="Age"):
     )
 
 
-def _ys(cells):
+def ys(cells):
     return "".join(f'<Y t="{t}">{v}</Y>' for t, v in cells.items())
 
 
 def table_1d(axis_id, cells, scale="Age"):
-    lo, hi = min(cells), max(cells)
-    meta = _axis_def(axis_id, lo, hi, scale=scale)
-    return f"<Table><MetaData>{meta}</MetaData><Values><Axis>{_ys(cells)}</Axis></Values></Table>"
+    meta = axis_def(axis_id, min(cells), max(cells), scale=scale)
+    return f"<Table><MetaData>{meta}</MetaData><Values><Axis>{ys(cells)}</Axis></Values></Table>"
 
 
 def table_2d(outer, inner, cells, inner_scale="Ordinal Date"):
     """cells: {(outer value, inner value): rate}."""
-    outs = sorted({o for o, _ in cells})
-    ins = sorted({i for _, i in cells})
+    outs, ins = sorted({o for o, _ in cells}), sorted({i for _, i in cells})
     body = "".join(
-        f'<Axis t="{o}"><Axis>{_ys({i: v for (oo, i), v in cells.items() if oo == o})}</Axis></Axis>'
+        f'<Axis t="{o}"><Axis>{ys({i: v for (oo, i), v in cells.items() if oo == o})}</Axis></Axis>'
         for o in outs
     )
-    axes = _axis_def(outer, outs[0], outs[-1]) + _axis_def(inner, ins[0], ins[-1], scale=inner_scale)
+    axes = axis_def(outer, outs[0], outs[-1]) + axis_def(inner, ins[0], ins[-1], scale=inner_scale)
     return f"<Table><MetaData>{axes}</MetaData><Values>{body}</Values></Table>"
 
 
