@@ -9,8 +9,9 @@ Run with ``make bench`` or ``python bench/run.py``. Every figure is a median ove
   1.5 times the NumPy time); the script checks that the values are the same;
 - the peak memory of the grid, against the result plus one piece of 2,000,000 cells;
 - then table construction (construction.py), generational builds against NumPy
-  (generational.py), the life contingencies (contingencies.py) and a portfolio projection of
-  1,000,000 policies over 30 years (portfolio.py).
+  (generational.py), the life contingencies (contingencies.py), a portfolio projection of
+  1,000,000 policies over 30 years (portfolio.py) and the import of the published XTbML files
+  (xtbml.py).
 
 A benchmark, not a test: it reports, it never fails a build.
 """
@@ -164,12 +165,14 @@ def main() -> None:
     import contingencies
     import generational
     import portfolio
+    import xtbml
 
     construction.main()
     print()
     generational.main()
     contingencies.main()
     portfolio.main()
+    xtbml.main()
 
 
 if __name__ == "__main__":

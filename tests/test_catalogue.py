@@ -92,12 +92,13 @@ def test_iam_cohort_2025_is_the_published_illustration():
 
 @needs_raw
 @pytest.mark.parametrize(("sex", "file"), [("m", "t3123.xml"), ("f", "t3124.xml")])
-def test_rp2014_healthy_annuitant_starts_at_50(sex, file):
-    published = xtbml_values(file, block=1)  # employee, healthy annuitant, disabled retiree
-    table = LifeTable("RP2014HA", sex)
-    assert table.start_age == 50 and table.w == 120
-    np.testing.assert_array_equal(table.qx(np.arange(50.0, 121.0)), published)
-    assert np.all(table.qx(np.arange(0.0, 50.0)) == 0.0)
+@pytest.mark.parametrize(("name", "block", "first"), [("RP2014HA", 1, 50), ("RP2014DR", 2, 18)])
+def test_rp2014_tables_start_at_their_first_published_age(sex, file, name, block, first):
+    published = xtbml_values(file, block=block)  # employee, healthy annuitant, disabled retiree
+    table = LifeTable(name, sex)
+    assert table.start_age == first and table.w == 120
+    np.testing.assert_array_equal(table.qx(np.arange(float(first), 121.0)), published)
+    assert np.all(table.qx(np.arange(0.0, first)) == 0.0)
 
 
 def test_docs_page_lists_every_bundled_table():

@@ -112,5 +112,8 @@ def test_quirky_files(out):
     imported = read_xtbml(SOA / "t1076.xml", "SP")
     assert imported.metadata["start_age"] == 0
     assert "ultimate rates published from age 16" in imported.metadata["source"]["notes"]
-    # RP-2014: one of three tables.
-    assert read_xtbml(SOA / "t3123.xml", "RP", part=2).metadata["start_age"] == 50
+    # RP-2014: one of three tables per file; the file's name states no sex, the part's description does.
+    rp = read_xtbml([SOA / "t3124.xml", SOA / "t3123.xml"], "RP", part=3)
+    assert (rp.metadata["sexes"], rp.metadata["start_age"]) == (["f", "m"], 18)
+    assert rp.metadata["description"].startswith("RP-2014 Rates-Total Dataset-Disabled Retiree-Female; ")
+    assert rp.columns["qx_m"][18] == cells("t3123", 2)[(18,)]

@@ -249,6 +249,11 @@ MOORHEAD = (
     "1-30, not ages: read it at the policy year (exit rates from year 1), and note that the last row, "
     "like the last age of any table, is certain exit."
 )
+RP_2014_DISABLED = (
+    "RP-2014 disabled retiree mortality (total dataset): deaths of pensioners retired for disability, "
+    "a period table published from age 18 to 120. It is the mortality of the "
+    "disabled state, read as a life table; it is not a table of disability incidence."
+)
 
 
 CATALOGUE: tuple[Entry, ...] = (
@@ -268,6 +273,7 @@ CATALOGUE: tuple[Entry, ...] = (
     Entry("DAV2004R", dav_2004r),
     Entry("IAM2012", iam_2012_g2),
     Entry("RP2014HA", rp_2014_healthy_annuitant),
+    Entry("RP2014DR", from_xtbml(("t3123.xml", "t3124.xml"), RP_2014_DISABLED, part=3)),
 )
 
 
@@ -280,6 +286,11 @@ Every table below ships with the package and is found by name, for example
 (`tools/make_bundled_tables.py`), they are generated from the publishers' files by
 `tools/make_catalogue.py`, which names the file and column each rate comes from. The names are
 stable: a table is never renamed or changed in place; a corrected edition gets a new name.
+
+`RP2014DR` is the mortality of lives already disabled, a life table. The catalogue holds no
+table of disability incidence yet; incidence rates of your own become a `DisabilityTable` by
+name through `TableSource.from_rates(name, rates, table_type="disability").register()`
+(`docs/guide.md`, "Tables from data in memory").
 
 | name | type | sexes | structure | ages | what it is | source |
 |---|---|---|---|---|---|---|

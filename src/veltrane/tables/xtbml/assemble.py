@@ -109,19 +109,22 @@ def read_xtbml(
                 f"{doc.path}: cannot map {doc.shape()}: a projection scale is not a decrement table by "
                 "itself; give it as the scale of a base table (scale=, --scale)"
             )
-    sexes = [sex] if sex is not None else _sexes(docs)
+    labels = [_label(doc, part) for doc in docs]
+    sexes = [sex] if sex is not None else _sexes(docs, labels)
     first = _check_same_shape(docs, mapped)
     kind = table_type or table_type_of(docs[0].content_type)
     if kind not in _PREFIX:
         raise XTbMLError(f"table_type must be one of {', '.join(_PREFIX)}, got {kind!r}")
     notes = list(dict.fromkeys(n for m in mapped for n in m.notes))
+    if part is not None:
+        notes.append(f"<Table> {part} of {len(docs[0].blocks)} in the file")
     columns: dict[str, np.ndarray] = {"age": np.arange(first.last + 1)}
     for s, m in zip(sexes, mapped, strict=True):
         for suffix, vector in m.columns.items():
             columns[f"{_PREFIX[kind]}_{s}" + (f"_{suffix}" if suffix else "")] = vector
     metadata: dict[str, Any] = {
         "table_type": kind,
-        "description": "; ".join(doc.name for doc in docs),
+        "description": "; ".join(labels),
         "sexes": sexes,
         "omega": first.last,
         "start_age": first.first,
@@ -156,15 +159,22 @@ def read_xtbml(
     return ImportedTable(name, metadata, columns)
 
 
-def _sexes(docs: Sequence[Document]) -> list[str]:
+def _label(doc: Document, part: int | None) -> str:
+    """What names the table read: the chosen part's own description, else the file's name."""
+    if part is None:
+        return doc.name
+    return doc.blocks[part - 1].description or doc.name
+
+
+def _sexes(docs: Sequence[Document], labels: Sequence[str]) -> list[str]:
     if len(docs) == 1:
-        return [sex_of(docs[0].name) or "u"]
+        return [sex_of(labels[0]) or "u"]
     sexes = []
-    for doc in docs:
-        sex = sex_of(doc.name)
+    for doc, label in zip(docs, labels, strict=True):
+        sex = sex_of(label)
         if sex is None:
             raise XTbMLError(
-                f"{doc.path}: the name {doc.name!r} states no single sex; import it alone with sex="
+                f"{doc.path}: the name {label!r} states no single sex; import it alone with sex="
             )
         if sex in sexes:
             raise XTbMLError(f"{doc.path}: a second table for sex {sex!r}; give one file per sex")

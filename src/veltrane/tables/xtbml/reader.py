@@ -48,11 +48,13 @@ class Axis:
 
 @dataclass(frozen=True, slots=True)
 class Block:
-    """One ``<Table>``: its axes (outer first) and the published cells (empty ones left out)."""
+    """One ``<Table>``: its axes (outer first), the published cells (empty ones left out) and its
+    own description (files holding several tables describe each one)."""
 
     number: int
     axes: tuple[Axis, ...]
     cells: dict[tuple[int, ...], float] = field(repr=False)
+    description: str = ""
 
     def shape(self) -> str:
         return "x".join(axis.span() for axis in self.axes)
@@ -198,7 +200,7 @@ def _block(path: Path, number: int, table: ET.Element) -> Block:
         _collect(path, where, values, axes, (), cells)
     if not cells:
         raise XTbMLError(f"{path}: {where}: <Values> holds no numbers")
-    return Block(number, axes, cells)
+    return Block(number, axes, cells, _text(meta, "TableDescription"))
 
 
 def _collect(
