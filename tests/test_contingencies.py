@@ -145,6 +145,30 @@ def test_exact_equals_udd_under_udd(sult, n, defer):
     np.testing.assert_allclose(exact, udd, rtol=1e-12, atol=1e-15)
 
 
+@pytest.mark.parametrize("i", [RATE, 10.0, 1e8, 1e300])
+@pytest.mark.parametrize(
+    ("m", "due", "n", "defer"), [(12, True, None, 0), (12, False, 10, 5), (4, True, 5, 0), (1, False, 10, 3)]
+)
+def test_approximations_agree_with_the_exact_sum_at_any_rate(sult, i, m, due, n, defer):
+    """Under linear l UDD is exact at every rate; with m = 1 every method is the annual annuity."""
+    ages, kw = np.array([30, 65, 100, 119.0]), {"i": i, "m": m, "due": due, "defer": defer}
+    exact = annuity(sult, ages, n, **kw)
+    for way in ("udd",) if m > 1 else ("udd", "woolhouse", "woolhouse2"):
+        np.testing.assert_allclose(annuity(sult, ages, n, method=way, **kw), exact, rtol=1e-12, err_msg=way)
+
+
+@pytest.mark.parametrize("m", [1, 12])
+def test_terms_and_deferments_at_the_edges_of_their_range(sult, m):
+    # Far past the table at a fractional age: the whole life, or nothing (not a count that overflows).
+    assert annuity(sult, 65.5, 1e300, i=RATE, m=m) == annuity(sult, 65.5, i=RATE, m=m)
+    assert annuity(sult, 65.5, defer=1e300, i=RATE, m=m) == 0.0
+    # Within the integer tolerance below a whole number, a term or deferment is that number.
+    whole, near = {"n": 3, "defer": 2}, {"n": 3 - 5e-10, "defer": 2 - 5e-10}
+    assert insurance(sult, 65, i=RATE, m=m, **near) == insurance(sult, 65, i=RATE, m=m, **whole)
+    endowment = insurance(sult, 65, i=RATE, endowment=True, **whole)
+    assert insurance(sult, 65, i=RATE, endowment=True, **near) == pytest.approx(endowment, rel=1e-8)
+
+
 def test_whole_life_at_every_age_against_the_numpy_floor(sult):
     q = sult._decrement
     ages = np.arange(q.size, dtype=np.float64)

@@ -2,12 +2,15 @@
 
 from __future__ import annotations
 
+from types import MappingProxyType
+
 import numpy as np
 import pandas as pd
 import polars as pl
 import pytest
 
 from veltrane import TableRegistry
+from veltrane.config import Config
 from veltrane.portfolio import QUANTITIES, project
 from veltrane.tables import decrement
 from veltrane.tables.exit import ExitTable
@@ -34,7 +37,7 @@ def reference_rates(row: dict, years: int) -> np.ndarray:
             keys["duration"] = d if d < start + source.select_period else "ult"
         table = cls(row["table_name"], row["sex"], **keys)
         age = row["age"] + k
-        out.append(table._decrement[age] if age < len(table._decrement) else 1.0)
+        out.append(table._decrement[age] if age < table.w else 1.0)  # the table's qx is 1 at w
     return np.array(out)
 
 
@@ -80,6 +83,40 @@ def test_blocks_and_worker_processes_do_not_change_the_result(book, tables, monk
     assert all(whole[k].tobytes() == part[k].tobytes() for k in ("qx", "tpx", "dx"))
 
 
+def test_a_sample_of_bundled_policies_against_the_table_functions():
+    """Each policy by itself through its table's qx, and its survival through the select path's tpx."""
+    rng = np.random.default_rng(11)
+    specs = [("SULT", "u"), ("SSSM", "u"), ("IAM2012", "f"), ("CSO2017", "m"), ("RP2014HA", "m")]
+    specs += [("VBT2015UM", "m")]  # its file gives q = 0.5 at the last age, where qx is 1
+    rows = [
+        {
+            "table_name": name,
+            "sex": sex,
+            "age": int(rng.integers(20, 124)),
+            "duration": int(rng.integers(1, 30)),
+        }
+        for name, sex in specs * 6
+    ]
+    years = 8
+    result = project(pl.DataFrame(rows).with_columns(cohort=pl.lit(1950)), years, what=("qx", "tpx"))
+    fine = {"qx": 15, "tpx": 15, "lx": 15}  # as good as unrounded
+    for row, qx, tpx in zip(rows, result["qx"], result["tpx"], strict=True):
+        source, x, d = TableSource(row["table_name"]), row["age"], row["duration"]
+        select = {"duration": 1} if source.select else {}
+        table = LifeTable(
+            row["table_name"], row["sex"], cohort=1950 if source.generational else None, **select
+        )
+        # A select duration past the period is ultimate; past w nothing is read from the path.
+        path = (
+            table.select_path(min(x - min(d - 1, source.select_period), table.w)) if source.select else table
+        )
+        with Config().override(decimals=fine):
+            expected_q = [path.qx(a) if a <= path.w else 1.0 for a in x + np.arange(years)]
+            survival = [path.tpx(x, k + 1) if x <= path.w else 0.0 for k in range(years)]
+        np.testing.assert_allclose(qx, expected_q, rtol=0, atol=1e-15)
+        np.testing.assert_allclose(tpx, survival, rtol=1e-9, atol=1e-15)
+
+
 def built_since(mark: int) -> int:
     """Tables constructed since ``mark`` (one id is drawn per table; this call draws one too)."""
     return next(decrement._table_instance_counter) - mark - 1
@@ -105,6 +142,7 @@ BASE = {"table_name": ["SULT", "SSSM"], "sex": ["u", "u"], "age": [40, 50], "dur
 
 
 GEN = {"table_name": ["SULT", "GEN"], "sex": ["u", "m"], "duration": [None, None]}
+ONE = {"table_name": ["SULT", "SULT"], "sex": ["u", "u"], "age": [40, 50]}
 
 
 @pytest.mark.parametrize(
@@ -118,6 +156,11 @@ GEN = {"table_name": ["SULT", "GEN"], "sex": ["u", "m"], "duration": [None, None
         ({"sex": ["u", "x"]}, "column 'sex', row 1: 'x' is not one of"),
         ({"age": [40, -1]}, "column 'age', row 1: -1 is negative"),
         ({"age": [40.5, 50.0]}, "column 'age', row 0: 40.5 is not a whole number"),
+        ({"age": [40.0, 1e300]}, r"column 'age', row 1: 1e\+300 is out of range"),
+        (
+            {"duration": pl.Series([None, 2**63], dtype=pl.UInt64)},
+            "column 'duration', row 1: .* out of range",
+        ),
         ({"age": [None, 50]}, "column 'age', row 0: missing value"),
         ({"duration": [None, None]}, "column 'duration', row 1: a select table needs a select duration"),
         ({"duration": [None, 0]}, "column 'duration', row 1: 0 is below the table's first select duration 1"),
@@ -156,6 +199,23 @@ def test_bad_policies_name_column_and_row(standard, change, message):
         (BASE, {"what": ("qx", "ex")}, ValueError, "what must name one or more of"),
         (BASE, {"block_size": 0}, ValueError, "block_size must be a positive whole number"),
         ([1, 2, 3], {}, TypeError, "policies must be a polars or pandas DataFrame"),
+        (BASE, {"workers": 0}, ValueError, "workers must be a positive whole number or None, got 0"),
+        (BASE, {"workers": 2.5}, ValueError, "workers must be a positive whole number or None, got 2.5"),
+        (MappingProxyType(BASE | {"age": [40]}), {}, ValueError, "policies: the columns do not make a frame"),
+        # pandas marks a missing text with NaN in an object column; a number there is no table name.
+        (
+            pd.DataFrame(ONE | {"table_name": ["SULT", None]}),
+            {},
+            ValueError,
+            "'table_name', row 1: missing value",
+        ),
+        (
+            pd.DataFrame(ONE | {"table_name": ["SULT", 5]}),
+            {},
+            ValueError,
+            "'table_name' mixes kinds of values",
+        ),
+        (pd.DataFrame([["SULT", "u", 40, 41]], columns=[*ONE, "age"]), {}, ValueError, "column names repeat"),
     ],
 )
 def test_bad_arguments(policies, kwargs, error, message):

@@ -33,7 +33,7 @@ def test_local_cluster_gives_the_single_process_result(tables, monkeypatch):
     alone = project(frame, 7, what=QUANTITIES)
     with (
         distributed.LocalCluster(
-            n_workers=2, processes=True, threads_per_worker=1, dashboard_address=None
+            n_workers=2, processes=True, threads_per_worker=1, dashboard_address=":0"
         ) as cluster,
         distributed.Client(cluster) as client,
     ):

@@ -93,10 +93,14 @@ public:
 
     double operator()(double x, double lx, double defer, double n) const {
         const long long m = m_;
-        const long long first = std::llround(defer * m_);
-        // From w + 1 - x on every payment is 0.
-        const auto beyond = static_cast<long long>(std::ceil((life_.s.w + 1.0 - x) * m_));
-        const long long end = std::isinf(n) ? beyond : std::min(beyond, std::llround((defer + n) * m_));
+        // From w + 1 - x on every payment is 0. The bounds are limited to that count in floating
+        // point first: a deferment or term of 1e300 years has no long long value.
+        const double beyond = std::ceil((life_.s.w + 1.0 - x) * m_);
+        const double from = std::nearbyint(defer * m_);
+        const double to = std::isinf(n) ? beyond : std::min(beyond, std::nearbyint((defer + n) * m_));
+        if (!(from < to)) return 0.0;
+        const auto first = static_cast<long long>(from);
+        const auto end = static_cast<long long>(to);
         double sum = 0.0;
         long long year = -1;
         double year_discount = 0.0;
@@ -164,6 +168,19 @@ double udd_beta(double delta, int m) noexcept {
         numerator = std::expm1(delta) - mm * std::expm1(delta / mm);
     }
     return numerator / denominator;
+}
+
+double udd_alpha_less_beta(double delta, int m) noexcept {
+    if (m == 1) return 1.0;
+    // Both terms are of order 1 here, so their difference is accurate.
+    if (delta < 0.5) return udd_alpha(delta, m) - udd_beta(delta, m);
+    // (i^(m) - d) / (i^(m) d^(m)): i^(m) > delta > d, no cancellation, and no overflow for any
+    // finite rate (delta <= 710).
+    const double mm = m;
+    const double im = mm * std::expm1(delta / mm);
+    const double d = -std::expm1(-delta);
+    const double dm = -mm * std::expm1(-delta / mm);
+    return (im - d) / (im * dm);
 }
 
 double i_over_im(double delta, int m) noexcept {
@@ -303,11 +320,23 @@ void annuity(const LifeModel& life, const Interest& r, const Payments& p, std::s
 
 void annuity_from_annual(const LifeModel& life, const Interest& r, const Payments& p, AnnuityApproximation method,
                          std::span<const double> x, std::span<const double> n, std::span<double> out) {
+    if (p.m == 1) {
+        // Every method is the annual annuity itself, in advance or in arrears.
+        annuity(life, r, p, x, n, out);
+        return;
+    }
     annuity(life, r, Payments{1, true, p.defer}, x, n, out);
-    if (p.m == 1) return;
     const double m = p.m;
     const double alpha = udd_alpha(r.delta, p.m);
-    const double beta = udd_beta(r.delta, p.m);
+    // UDD as alpha a + (alpha - beta) (E(defer) - E(defer + n)), with a = the annual annuity in
+    // arrears summed on its own: alpha ä - beta (...) cancels catastrophically at high rates, where
+    // alpha and beta are both huge and ä is little more than its first payment.
+    const double alpha_less_beta = udd_alpha_less_beta(r.delta, p.m);
+    std::vector<double> arrears;
+    if (method == AnnuityApproximation::udd) {
+        arrears.resize(out.size());
+        annuity(life, r, Payments{1, true, p.defer + 1.0}, x, n, arrears);
+    }
     const double second = (m - 1.0) / (2.0 * m);
     const double third = (m * m - 1.0) / (12.0 * m * m);
     for (std::size_t k = 0; k < out.size(); ++k) {
@@ -319,7 +348,7 @@ void annuity_from_annual(const LifeModel& life, const Interest& r, const Payment
         const double end = endowment_factor(life, r, age, lx, p.defer + term);
         double value = out[k];
         switch (method) {
-            case AnnuityApproximation::udd: value = alpha * value - beta * (lead - end); break;
+            case AnnuityApproximation::udd: value = alpha * arrears[k] + alpha_less_beta * (lead - end); break;
             case AnnuityApproximation::woolhouse2: value -= second * (lead - end); break;
             case AnnuityApproximation::woolhouse3: {
                 double correction = lead * (r.delta + life.force(age + p.defer));
@@ -342,11 +371,15 @@ void insurance(const LifeModel& life, const Interest& r, double defer, double de
     const std::size_t w = last_age(life);
     const double eps = life.s.eps;
     const double top = static_cast<double>(w) + 1.0;
+    // Whole years, validated to within the integer tolerance: taken at their whole values, since
+    // the sums below index years by truncation (2.9999999996 years would otherwise read as 2).
+    defer = round_half_even(defer);
     std::vector<double> tail;
     std::size_t j0 = 0;
     for (std::size_t k = 0; k < count; ++k) {
         const double age = pick(x, k);
-        const double term = pick(n, k);
+        const double given = pick(n, k);
+        const double term = std::isinf(given) ? given : round_half_even(given);
         const double lx = life.at(age);
         if (lx == 0.0) {
             out[k] = 0.0;

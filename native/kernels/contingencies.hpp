@@ -36,6 +36,9 @@ struct Interest {
 // stay accurate as i tends to 0 (their limits 1 and (m - 1) / 2m at i = 0).
 double udd_alpha(double delta, int m) noexcept;
 double udd_beta(double delta, int m) noexcept;
+// alpha(m) - beta(m), accurate at every rate (both grow without bound with i, their difference
+// tends to 1/m).
+double udd_alpha_less_beta(double delta, int m) noexcept;
 // i / i^(m) (m-thly death benefits under UDD) and i / delta (benefits at the moment of death).
 double i_over_im(double delta, int m) noexcept;
 double i_over_delta(double delta) noexcept;
@@ -95,11 +98,12 @@ void annuity(const LifeModel& life, const Interest& r, const Payments& p, std::s
              std::span<const double> n, std::span<double> out);
 
 // The m-thly annuity-due from annual annuities-due ann (of the same x, n, defer, due=true):
-// method udd: alpha(m) ann - beta(m) (E(defer) - E(defer + n));
+// method udd: alpha(m) ann - beta(m) (E(defer) - E(defer + n)), evaluated as alpha(m) a + (alpha(m) -
+// beta(m)) (E(defer) - E(defer + n)) with a the annual annuity in arrears;
 // woolhouse with 2 terms: ann - (m - 1) / 2m (E(defer) - E(defer + n));
 // with 3 terms also - (m^2 - 1) / 12 m^2 (E(defer) (delta + mu(x + defer)) - E(defer + n) (delta + mu(x + defer + n))),
 // where E(t) = v^t l(x + t) / l(x). Then, for payments in arrears, minus (E(defer) - E(defer + n)) / m.
-// Whole years only (n, defer).
+// With m = 1 every method is the annual annuity (in advance or in arrears). Whole years only (n, defer).
 enum class AnnuityApproximation { udd, woolhouse2, woolhouse3 };
 void annuity_from_annual(const LifeModel& life, const Interest& r, const Payments& p, AnnuityApproximation method,
                          std::span<const double> x, std::span<const double> n, std::span<double> out);

@@ -2,9 +2,9 @@
 
 A ``RatePlan`` holds one table per distinct key (through a ``TableRegistry``) and, for select
 tables, one per select column. Its *bank* stacks their rate vectors as rows of one float64
-matrix, padded with 1.0 beyond each table's last age (a life past the end of its table has
-left it), so that every policy-year is a single gather. A plan pickles as its tables; the bank
-is rebuilt where it is used, once per process.
+matrix, 1.0 from each table's last age on (the table's own qx there: a life leaves its table by
+the end of the last age), so that every policy-year is a single gather. A plan pickles as its
+tables; the bank is rebuilt where it is used, once per process.
 """
 
 from __future__ import annotations
@@ -87,12 +87,14 @@ class RatePlan:
 
     @property
     def bank(self) -> np.ndarray:
-        """Rates by (table row, age): float64, C-contiguous, 1.0 past each table's last age."""
+        """Rates by (table row, age): float64, C-contiguous, 1.0 from each table's last age on."""
         if self._bank is None:
             bank = np.ones((len(self.tables), self.width), dtype=np.float64)
             for r, table in enumerate(self.tables):
-                rates = table._decrement
-                bank[r, : len(rates)] = rates
+                # At its last age w a table's qx is 1 whatever rate the file gives there (a table
+                # that is not closed): nobody stays in it past w.
+                last = int(table.w)
+                bank[r, :last] = table._decrement[:last]
             self._bank = bank
         return self._bank
 

@@ -23,6 +23,9 @@ REQUIRED = ("table_name", "sex")
 AGE_COLUMNS = ("age", "issue_age")
 SEXES = ("m", "f", "u")
 _MAX_AGE = 10_000
+# Whole numbers beyond this are refused: every one up to it is exact as a float, and sums of
+# two of them (issue_year - issue_age, issue_age + years) cannot overflow 64 bits.
+_MAX_WHOLE = 2**53
 
 
 @dataclass(frozen=True)
@@ -61,12 +64,29 @@ def _as_frame(policies: Any) -> pl.DataFrame:
     if isinstance(policies, pl.DataFrame):
         return policies
     if isinstance(policies, Mapping):
-        return pl.DataFrame(dict(policies))
+        try:
+            return pl.DataFrame(dict(policies))
+        except (TypeError, pl.exceptions.PolarsError) as exc:
+            raise ValueError(f"policies: the columns do not make a frame: {exc}") from exc
     module = type(policies).__module__
     if module.startswith("pandas") and hasattr(policies, "columns"):
+        if not policies.columns.is_unique:
+            raise ValueError(f"policies: column names repeat: {list(policies.columns)}")
         # Column by column through NumPy: no pyarrow needed.
-        return pl.DataFrame({str(c): policies[c].to_numpy() for c in policies.columns})
+        return pl.DataFrame([_pandas_column(policies, c) for c in policies.columns])
     raise TypeError(f"policies must be a polars or pandas DataFrame (or a mapping of columns), got {module}")
+
+
+def _pandas_column(frame: Any, column: Any) -> pl.Series:
+    values = frame[column]
+    try:
+        if values.dtype.kind == "O":
+            # Text (object, string or categorical): pandas marks a missing entry with None, NaN or
+            # NA, which Polars reads as null only when it is None.
+            return pl.Series(str(column), values.astype(object).where(values.notna(), None).tolist())
+        return pl.Series(str(column), values.to_numpy())
+    except (TypeError, pl.exceptions.PolarsError) as exc:
+        raise ValueError(f"policies: column {column!r} mixes kinds of values: {exc}") from exc
 
 
 def _first(mask: pl.Series) -> int:
@@ -101,9 +121,13 @@ def _integers(frame: pl.DataFrame, column: str, *, nullable: bool) -> pl.Series:
         if bad.any():
             row = _first(bad)
             raise _bad(column, row, f"{series[row]!r} is not a whole number")
-        series = series.cast(pl.Int64)
     elif not series.dtype.is_integer():
         raise ValueError(f"policies: column {column!r} must hold whole numbers, got {series.dtype}")
+    # Compared as floats: an unsigned or float value may not fit in Int64.
+    huge = (series.cast(pl.Float64).abs() > _MAX_WHOLE).fill_null(False)
+    if huge.any():
+        row = _first(huge)
+        raise _bad(column, row, f"{series[row]!r} is out of range")
     if not nullable and series.is_null().any():
         raise _bad(column, _first(series.is_null()), "missing value")
     return series.cast(pl.Int64)

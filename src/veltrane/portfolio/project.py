@@ -3,7 +3,8 @@
 Policy i at age x and select duration d at the start reads, in projection year k (k = 0, 1,
 ...), the one-year rate of its table at age x + k from the select column of duration d + k,
 or from the ultimate column once d + k is past the select period. The rates are the tables'
-rates in use (``_decrement``, as ``view_data`` shows them); survival is their running product.
+rates in use (``_decrement``, as ``view_data`` shows them), and 1 from a table's last age on, as
+its ``qx`` gives them; survival is their running product.
 """
 
 from __future__ import annotations
@@ -144,13 +145,20 @@ def _project_installed(
 
 
 def prepare(
-    policies: Any, years: int, what: Iterable[str], block_size: int, registry: TableRegistry | None
+    policies: Any,
+    years: int,
+    what: Iterable[str],
+    block_size: int,
+    registry: TableRegistry | None,
+    workers: int | None = None,
 ) -> tuple[PolicyBatch, RatePlan, int, tuple[str, ...], int]:
     """Checks the arguments and reads the policies; builds the plan (each distinct table once)."""
     years = _check_years(years)
     chosen = _check_what(what)
     if isinstance(block_size, bool) or not isinstance(block_size, int) or block_size < 1:
         raise ValueError(f"block_size must be a positive whole number, got {block_size!r}")
+    if workers is not None and (isinstance(workers, bool) or not isinstance(workers, int) or workers < 1):
+        raise ValueError(f"workers must be a positive whole number or None, got {workers!r}")
     batch = read_policies(policies)
     return batch, RatePlan.for_batch(batch, years, registry), years, chosen, block_size
 
@@ -182,8 +190,8 @@ def project(
     registry : TableRegistry, optional
         Where the tables are looked up and kept; pass one to reuse tables across calls.
     workers : int, optional
-        Number of worker processes (spawned; each receives the tables once). None or 1 computes
-        in this process.
+        Number of worker processes (spawned; each receives the tables once), at least 1. None or
+        1 computes in this process.
 
     Returns
     -------
@@ -195,11 +203,11 @@ def project(
     ValueError
         A missing column, an unknown table or a bad value (the message names column and row).
     """
-    batch, plan, years, chosen, block_size = prepare(policies, years, what, block_size, registry)
+    batch, plan, years, chosen, block_size = prepare(policies, years, what, block_size, registry, workers)
     n = len(batch)
     values = {name: np.empty((n, years), dtype=np.float64) for name in chosen}
     blocks = list(_blocks(n, block_size))
-    if workers is None or workers <= 1 or len(blocks) == 1:
+    if workers is None or workers == 1 or len(blocks) == 1:
         for block in blocks:
             project_block(
                 plan, *_block_inputs(batch, block), years, chosen, {k: v[block] for k, v in values.items()}
