@@ -115,7 +115,7 @@ def elsewhere(frame: pl.DataFrame, result: object) -> None:
     except ImportError:
         print("  Dask: not installed, skipped")
         return
-    cluster = LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=None)
+    cluster = LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=":0")
     with cluster, Client(cluster) as client:
         _report("Dask, 2 workers", lambda: project_dask(frame, YEARS, client=client, what=what), result)
 

@@ -339,6 +339,16 @@ METHODS = "method must be one of 'exact', 'udd', 'woolhouse', 'woolhouse2', got 
         (pure_endowment, (130, 1), {}, ValueError, f"{OVER_W} 130."),
         (commutation, (), {"i": -1}, ValueError, "i must be >= 0, got -1"),
         (net_premium, (40, 10), {"premium_term": [5, 12]}, ValueError, "premium_term must not exceed n"),
+        (net_premium, (40, 10), {"premium_term": 0}, ValueError, "premium_term must be positive"),
+        (net_premium, (40,), {"premium_term": math.nan}, ValueError, "premium_term must be positive"),
+        (net_premium, (40, 0), {}, ValueError, "n must be positive"),
+        (
+            net_premium,
+            (40,),
+            {"premium_term": "ten"},
+            TypeError,
+            "premium_term must be a number or an array of numbers",
+        ),
         (net_premium, (40,), {"endowment": True}, ValueError, "[insurance] an endowment needs a term n"),
     ],
 )

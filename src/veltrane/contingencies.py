@@ -194,8 +194,16 @@ def net_premium(
         NaN at an age where no life remains.
     """
     paying = n if premium_term is None else premium_term
+    if paying is not None:
+        # A premium paid over no time has no level amount; the functions below check the rest.
+        label = "n" if premium_term is None else "premium_term"
+        try:
+            term = np.asarray(paying, dtype=np.float64)
+        except (TypeError, ValueError):
+            raise TypeError(f"[net_premium] {label} must be a number or an array of numbers") from None
+        if not np.all(term > 0):
+            raise ValueError(f"[net_premium] {label} must be positive")
     if premium_term is not None and n is not None:
-        # Checked here only for the relation of the two; each is checked by the functions below.
         excess = np.asarray(premium_term, dtype=np.float64) > np.asarray(n, dtype=np.float64)
         if np.any(excess):
             raise ValueError("[net_premium] premium_term must not exceed n")
