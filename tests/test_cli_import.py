@@ -60,3 +60,23 @@ def test_import_refusals_are_one_line_and_write_nothing(capsys, tmp_path, extra,
     assert code == 2 and out == "" and err.count("\n") == 1
     assert err.startswith("veltrane import: error: ") and message in err
     assert not (tmp_path / "out").exists()
+
+
+def test_existing_pair_is_replaced_whole_and_a_blocked_write_leaves_it(capsys, tmp_path):
+    out = tmp_path / "out"
+    first = xtbml(tmp_path / "a.xml", table_1d("Age", {0: 0.1, 1: 1.0}))
+    second = xtbml(tmp_path / "b.xml", table_1d("Age", {0: 0.3, 1: 1.0}))
+    assert run(capsys, "import", first, "--name", "U", "--out", out)[0] == 0
+    assert run(capsys, "import", second, "--name", "U", "--out", out)[0] == 0  # replaced
+    with Config().override(tables_path=[out]):
+        assert LifeTable("U", "m").qx(0) == 0.3
+    before = {p.name: p.read_bytes() for p in out.iterdir()}
+    (out / "V.csv").mkdir()  # the .csv cannot be written: the .toml must not be either
+    for argv in (
+        ["--name", "V", "--out", out],
+        ["--name", "U", "--out", first],
+        ["--name", "U\n", "--out", out],
+    ):
+        code, stdout, err = run(capsys, "import", first, *argv)
+        assert (code, stdout, err.count("\n")) == (2, "", 1), err
+    assert {p.name: p.read_bytes() for p in out.iterdir() if p.is_file()} == before

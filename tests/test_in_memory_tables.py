@@ -107,3 +107,50 @@ def test_unisex_generational_table_uses_its_own_trend(tables):
     expected = improved("exponential", q, cols["mi_u"], 1980, 2000)  # the unisex sex projected with mi_u
     got = LifeTable("GU", "u", cohort=1980).qx(np.arange(len(q) - 1))
     np.testing.assert_allclose(got, expected[:-1], rtol=1e-9)
+
+
+def test_tables_built_before_a_new_registration_keep_their_rates_and_do_not_share_them():
+    def register(scale):
+        q = np.array([0.1, 0.2, 0.3, 1.0]) * scale
+        frame = pl.DataFrame(
+            {"age": range(4), "qx_m": q, "qx_f": q / 2, "mi_m": [0.01] * 4, "mi_f": [0.01] * 4}
+        )
+        meta = {"table_type": "life", "generational": {"formula_type": "compound", "base_year": 2000}}
+        TableSource.from_frame("GENMEM", meta, frame).register()
+
+    register(1.0)
+    old = LifeTable("GENMEM", "u", cohort=1990, unisex_blend=1.0)
+    register(0.5)
+    new = LifeTable("GENMEM", "u", cohort=1990, unisex_blend=1.0)
+    for year in (1991, 1992):  # the stale table rebuilds first, then the new one, then the other way
+        tables = (old, new) if year == 1991 else (new, old)
+        for table in tables:
+            table.cohort = year
+        assert new.qx(1) == LifeTable("GENMEM", "m", cohort=year).qx(1)
+        assert old.qx(1) == pytest.approx(2 * new.qx(1), rel=1e-9)
+
+
+@pytest.mark.parametrize(
+    ("frame", "message"),
+    [
+        (pl.DataFrame({"age": [10**9, 10**9 + 1], "qx_u": [0.1, 1.0]}), "first age 1000000000 is above 1000"),
+        (pl.DataFrame({"age": [0, 1], "lx_u": [0.0, 0.0]}), "survivors at the first age must be > 0"),
+        (pl.DataFrame({"age": [0, 1], "lx_u": [5.0, None]}), "row 2: no number"),
+        (pl.DataFrame({"age": [0, 1], "qx_u": [[0.1], [1.0]]}), r"List\(Float64\) column, expected numbers"),
+        (
+            pl.DataFrame({"age": [20, 22], "qx_u": [0.1, 1.0]}),
+            "column 'age', row 2: age 22 follows 20",
+        ),  # the caller's row
+    ],
+)
+def test_frames_that_would_be_huge_or_meaningless_are_refused(frame, message):
+    with pytest.raises(ValueError, match=message):
+        TableSource.from_frame("BAD", {"table_type": "life"}, frame)
+
+
+def test_rate_vectors_take_numpy_start_ages_but_not_huge_ones_and_survivors_keep_their_place():
+    assert TableSource.from_rates("NP", [0.1, 1.0], start_age=np.int64(3)).start_age == 3
+    with pytest.raises(ValueError, match=r"start_age must be a whole number in 0\.\.1000"):
+        TableSource.from_rates("HUGE", [0.1, 1.0], start_age=10**9)
+    frame = pl.DataFrame({"age": [0, 1], "lx_m": [10.0, 5.0], "qx_f": [0.1, 1.0]})
+    assert TableSource.from_frame("MF", {"table_type": "life"}, frame).valid_sexes == ["m", "f"]

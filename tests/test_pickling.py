@@ -262,3 +262,25 @@ def test_tables_through_a_spawned_process_pool(kinds, monkeypatch):
     with ProcessPoolExecutor(2, mp_context=multiprocessing.get_context("spawn")) as pool:
         got = list(pool.map(rates_in_worker, sent))
     assert got == [rates_in_worker(t) for t in sent]
+
+
+def test_damaged_recipes_and_registries_are_refused_without_touching_the_core(kinds):
+    table = LifeTable("LIFE", "m")
+    function, (good,) = table.__reduce__()
+    bad = [
+        good._replace(slots=(("_w_mod", 10**9),)),  # a field of the core, not a slot of the class
+        good._replace(slots=(("_decrement", np.zeros(3)),)),
+        good._replace(slots=5),
+        good._replace(descriptors=[1, 2]),
+        good._replace(modifications=(("table_combination", 5),)),
+        tuple(good)[:3],
+    ]
+    for recipe in bad:
+        with pytest.raises(ValueError, match="damaged"):
+            function(recipe)
+    registry = TableRegistry(LifeTable)
+    registry.get_or_create(None, "LIFE", "m")
+    rebuild_registry, (cls, _, entries) = registry.__reduce__()
+    for damaged in (((1, 2),), entries * 2, 5):
+        with pytest.raises(ValueError, match="damaged"):
+            rebuild_registry(cls, 1, damaged)

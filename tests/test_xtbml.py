@@ -211,3 +211,94 @@ def test_a_fifo_or_a_directory_is_refused_without_reading(tmp_path, out):
         import_xtbml(tmp_path, "P", out)
     with pytest.raises(FileNotFoundError):
         import_xtbml(tmp_path / "missing.xml", "P", out)
+
+
+# -- hostile files: refused early, without huge vectors or long loops --------------------------------
+def _one_block(axes: str, body: str) -> str:
+    return f"<Table><MetaData>{axes}</MetaData><Values>{body}</Values></Table>"
+
+
+HUGE = 10**6  # the largest number an axis may declare
+
+
+@pytest.mark.parametrize(
+    ("tables", "content", "message"),
+    [
+        ([table_1d("Age", {-2: 0.1, -1: 0.2, 0: 1.0})], None, "<Y t='-2'>: Age -2 outside 0..1000"),
+        (
+            [_one_block(axis_def("Age", 0, HUGE), f"<Axis>{ys({HUGE - 1: 0.1, HUGE: 1})}</Axis>")],
+            None,
+            "Age 999999",
+        ),
+        (  # a select period of a million years over one cell
+            [
+                _one_block(
+                    axis_def("Age", 0, 1) + axis_def("Duration", 1, HUGE),
+                    f"<Axis t='0'><Axis>{ys({1: 0.1})}</Axis></Axis>",
+                ),
+                table_1d("Age", {0: 0.1, 1: 1.0}),
+            ],
+            None,
+            "a select period of 1000000 years",
+        ),
+        (  # years of birth a million years apart: a grid of two million calendar years
+            [
+                _one_block(
+                    axis_def("Age", 0, 1) + axis_def("Year", -HUGE, HUGE),
+                    f"<Axis t='0'><Axis>{ys({-HUGE: 0.1})}</Axis></Axis>",
+                )
+            ],
+            "Generational Mortality",
+            "Year -1000000 is not a calendar year",
+        ),
+        (  # issue age 3 lacks duration 2 between its published durations 1 and 3
+            [
+                table_2d(
+                    "Age", "Duration", {(3, 1): 0.1, (3, 3): 0.2, (4, 1): 0.1, (4, 2): 0.1, (4, 3): 0.1}
+                ),
+                table_1d("Age", {x: 0.1 for x in range(4, 9)}),
+            ],
+            None,
+            "<Table> 1: no value for issue age 3, duration 2",
+        ),
+    ],
+    ids=["negative ages", "huge span", "huge select period", "huge year span", "select gap"],
+)
+def test_hostile_structures_are_refused_quickly_naming_the_element(tmp_path, out, tables, content, message):
+    path = xtbml(tmp_path / "h.xml", *tables, **({"content": content} if content else {}))
+    with pytest.raises(XTbMLError, match=f"^{path}: .*{message}".replace("(", r"\(").replace(")", r"\)")):
+        import_xtbml(path, "H", out)
+    assert not out.exists()
+
+
+def test_scales_and_arguments_that_cannot_make_a_table_are_refused(tmp_path):
+    b = xtbml(tmp_path / "b.xml", table_1d("Age", {0: 0.1, 1: 1.0}), name="2012 Base - Male")
+    by_age = xtbml(tmp_path / "a.xml", table_1d("Age", {0: 0.01, 1: 0.0}), name="S - Male", content=SCALE)
+    by_year = xtbml(
+        tmp_path / "y.xml", table_2d("Age", "Year", {(0, 2020): 0.01}), name="S - Female", content=SCALE
+    )
+    wild = xtbml(tmp_path / "w.xml", table_1d("Age", {0: 5.0, 1: 0.0}), content=SCALE)
+    named_9999 = xtbml(tmp_path / "n.xml", table_1d("Age", {0: 0.1}), name="Base 9999 Base Year - Male")
+    cases = [
+        (
+            {"scale": [by_age, by_year], "formula": "compound"},
+            "mix a scale by age with a scale by age and calendar",
+        ),
+        ({"scale": wild, "formula": "compound"}, r"Age 0: improvement 5.0 outside \(-1, 1\)"),
+        *[
+            ({"scale": by_age, "formula": "compound", "base_year": y}, "base_year must be a calendar year")
+            for y in (0, 3001, True, "2012")
+        ],
+        ({"part": True}, "part must be a whole number"),
+        ({"table_type": ["life"]}, "table_type must be one of"),
+    ]
+    for kwargs, message in cases:
+        with pytest.raises(XTbMLError, match=message):
+            read_xtbml(b, "X", **kwargs)
+    with pytest.raises(XTbMLError, match="base year 9999, not a calendar year"):
+        read_xtbml(named_9999, "X", scale=by_age, formula="compound")
+    for name in ("a/b", "a\\b", "a\nb", ""):  # refused before any file is read
+        with pytest.raises(ValueError, match="bare file name"):
+            read_xtbml(tmp_path / "missing.xml", name)
+    with pytest.raises(TypeError, match="a path or a sequence of paths"):
+        read_xtbml(b"b.xml", "X")

@@ -31,7 +31,15 @@ std::vector<double> projected_rates(TableObject* t, const char* sex, PyObject* f
     py::ref sex_obj = py::check(PyUnicode_FromString(sex));
     py::ref key = py::check(PyTuple_Pack(5, file_name.get(), sex_obj.get(), t->cohort.or_none(), formula_type,
                                          t->duration.or_none()));
-    py::ref cached = py::ref::steal(PyObject_GetItem(st->unisex_cache, key.get()));
+    // The key names the table, not its data: a table whose name has since come to mean other
+    // data (registered again, a file rewritten) neither reads nor fills the shared entries.
+    py::ref current = py::check(PyObject_CallMethod(st->table_source, "_is_current", "O", t->table.get()));
+    py::ref cached;
+    if (py::require(PyObject_IsTrue(current.get())) == 0) {
+        cached = compute_decrement(t, sex_obj.get());
+    } else {
+        cached = py::ref::steal(PyObject_GetItem(st->unisex_cache, key.get()));
+    }
     if (!cached) {
         if (!PyErr_ExceptionMatches(PyExc_KeyError)) py::throw_error_set();
         PyErr_Clear();

@@ -27,8 +27,16 @@ def rates_from_lx(lx: Sequence[float] | np.ndarray, where: str, column: str) -> 
     bad = np.flatnonzero(~np.isfinite(values) | (values < 0.0))
     if bad.size:
         i = int(bad[0])
+        value = (
+            "no number (an empty cell or NaN)" if np.isnan(values[i]) else f"survivors {float(values[i])!r}"
+        )
         raise fmt.TableFormatError(
-            f"{where}: column {column!r}, row {i + 1}: survivors {values[i]!r} invalid"
+            f"{where}: column {column!r}, row {i + 1}: {value} (expected a number >= 0)"
+        )
+    if values[0] <= 0.0:
+        # Nobody alive at the first age: there is no table to speak of, only rates of 1.
+        raise fmt.TableFormatError(
+            f"{where}: column {column!r}, row 1: survivors at the first age must be > 0"
         )
     rising = np.flatnonzero(np.diff(values) > 0.0)
     if rising.size:
@@ -44,8 +52,9 @@ def rates_from_lx(lx: Sequence[float] | np.ndarray, where: str, column: str) -> 
 
 def shape_frame(
     data: pl.DataFrame, metadata: Mapping[str, Any], where: str
-) -> tuple[pl.DataFrame, dict[str, Any]]:
-    """The frame with lx columns as rates and rows from age 0; the metadata with ``start_age``."""
+) -> tuple[pl.DataFrame, dict[str, Any], int]:
+    """The frame with lx columns as rates and rows from age 0; the metadata with ``start_age``;
+    the number of rows added at the top (so that messages can count the caller's rows)."""
     meta = dict(metadata)
     prefix = fmt.RATE_PREFIX.get(meta.get("table_type", ""), "qx")
     renamed = {}
@@ -62,13 +71,18 @@ def shape_frame(
             raise fmt.TableFormatError(f"{where}: column {name!r}: survivors must be numbers") from None
         renamed[name] = (target, rates_from_lx(survivors, where, name))
     if renamed:
-        data = data.with_columns(pl.Series(target, q) for target, q in renamed.values())
-        data = data.select([renamed[c][0] if c in renamed else c for c in data.columns if c not in renamed])
+        order = [renamed[c][0] if c in renamed else c for c in data.columns]  # each in its place
+        data = data.with_columns(pl.Series(target, q) for target, q in renamed.values()).select(order)
     if "age" not in data.columns or data.height == 0 or not data["age"].dtype.is_integer():
-        return data, meta
+        return data, meta, 0
     first = data["age"][0]
     if first is None or first <= 0:
-        return data, meta
+        return data, meta, 0
+    if first > fmt.MAX_FIRST_AGE:
+        raise fmt.TableFormatError(
+            f"{where}: column 'age', row 1: the first age {first} is above {fmt.MAX_FIRST_AGE}; "
+            "the ages below it would all be rows of rate 0"
+        )
     start = meta.get("start_age")
     if isinstance(start, int) and not isinstance(start, bool) and start < first:
         raise fmt.TableFormatError(
@@ -80,7 +94,7 @@ def shape_frame(
         [pl.Series("age", range(first), dtype=data["age"].dtype)]
         + [pl.Series(c, [0] * first).cast(data[c].dtype) for c in data.columns if c != "age"]
     )
-    return pl.concat([padding, data], how="vertical"), meta
+    return pl.concat([padding, data], how="vertical"), meta, first
 
 
 def frame_from_rates(

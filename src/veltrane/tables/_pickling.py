@@ -236,22 +236,59 @@ def _decimals_override(table_type: str, decimals: int | None) -> Any:
     return Config().override(decimals={prefix: decimals})
 
 
+def _pairs(value: Any) -> bool:
+    return isinstance(value, tuple) and all(
+        isinstance(item, tuple) and len(item) == 2 and isinstance(item[0], str) for item in value
+    )
+
+
+def _check_recipe(r: Any) -> None:
+    """Refuse a recipe that no ``recipe()`` call could have made: the pickle was damaged or edited."""
+    ok = (
+        isinstance(r, TableRecipe)
+        and isinstance(r.cls, type)
+        and _pairs(r.slots)
+        and (r.modifications is None or _pairs(r.modifications))
+        and isinstance(r.decimals, tuple)
+        and len(r.decimals) == 2
+        and (r.digests is None or (isinstance(r.digests, tuple) and len(r.digests) == 2))
+        and isinstance(r.descriptors, tuple)
+        and all(isinstance(d, str) for d in r.descriptors)
+        and (r.path is None or (isinstance(r.path, tuple) and len(r.path) == 3))
+    )
+    if not ok:
+        raise ValueError(
+            "cannot unpickle a table: its pickled recipe is damaged (not one that pickling writes)"
+        )
+
+
 def rebuild(r: TableRecipe) -> DecrementTable:
     """Build the table that a recipe describes, checking its rates against the sent digests."""
+    _check_recipe(r)
     if r.path is not None:
         select_table, issue_age, years = r.path
         table = rebuild(select_table).select_path(issue_age, years)
     else:
         table = _construct(r)
+    # Only the slots that the class declares in Python travel; the core's own fields are
+    # rebuilt above, never taken from the pickle.
+    known = set(_slot_names(type(table)))
     for name, value in r.slots:
-        if name.startswith("__dict__."):
+        if name.startswith("__dict__.") and hasattr(table, "__dict__"):
             table.__dict__[name[len("__dict__.") :]] = value
-        else:
+        elif name in known:
             object.__setattr__(table, name, value)
+        else:
+            raise ValueError(
+                f"cannot unpickle {_label(table)}: its pickled recipe sets {name!r}, which is not a slot "
+                f"of {type(table).__name__} (the pickle is damaged)"
+            )
     if r.modifications is not None:
         modifications: dict[str, Any] = {}
         for key, value in r.modifications:
             if key == "table_combination":
+                if not _is_one(value) and not isinstance(value, tuple):
+                    _check_recipe(value)  # raises: a merged table travels as a recipe
                 value = rebuild(value) if _is_one(value) else tuple(rebuild(v) for v in value)
             modifications[key] = value
         with warnings.catch_warnings(), _decimals_override(table.table_type, r.decimals[1]):
@@ -311,5 +348,20 @@ def _rebuild_registry(
     table_class: type | None, maxsize: int, entries: tuple[tuple[Any, Any], ...]
 ) -> TableRegistry:
     registry = TableRegistry(table_class, maxsize=maxsize)
+    if (
+        not isinstance(entries, tuple)
+        or len(entries) > registry._maxsize
+        or not all(
+            isinstance(entry, tuple)
+            and len(entry) == 2
+            and isinstance(entry[0], tuple)
+            and len(entry[0]) == 6
+            and isinstance(entry[1], DecrementTable)
+            for entry in entries
+        )
+    ):
+        raise ValueError(
+            "cannot unpickle a TableRegistry: its pickled entries are damaged (not key, table pairs)"
+        )
     registry._cache = OrderedDict(entries)
     return registry

@@ -33,6 +33,9 @@ YEARS: Final = range(1000, 3001)
 #: Largest ``select.period`` and ``select.start_duration``: every duration up to their sum is
 #: spelled out as a column name somewhere, so they must stay small.
 MAX_SELECT_DURATION: Final = 200
+#: Largest first age of a table given in memory: the ages below it become rows of rate 0 that
+#: no input paid for, so it must stay small (no decrement table starts anywhere near it).
+MAX_FIRST_AGE: Final = 1000
 
 # Key -> expected type, per section. ``int`` never accepts ``bool``.
 _TOP_KEYS: Final[dict[str, type]] = {
@@ -444,8 +447,8 @@ def _to_floats(series: pl.Series, where: str, ages: np.ndarray, row_name: RowNam
     def at(i: int) -> str:
         return f"age {ages[i]} ({row_name(i)})"
 
-    if series.dtype == pl.Boolean:
-        raise _cell(where, series.name, at(0), "boolean column, expected numbers")
+    if series.dtype == pl.Boolean or series.dtype.is_nested():
+        raise _cell(where, series.name, at(0), f"{series.dtype} column, expected numbers")
     if series.dtype.is_numeric():
         nulls = np.flatnonzero(series.is_null().to_numpy())
         if nulls.size:
@@ -453,7 +456,11 @@ def _to_floats(series: pl.Series, where: str, ages: np.ndarray, row_name: RowNam
         values = series.cast(pl.Float64).to_numpy()
     else:
         values = np.empty(series.len(), dtype=np.float64)
-        for i, cell in enumerate(series.cast(pl.String, strict=False).to_list()):
+        try:
+            text = series.cast(pl.String, strict=False).to_list()
+        except pl.exceptions.PolarsError:
+            raise _cell(where, series.name, at(0), f"{series.dtype} column, expected numbers") from None
+        for i, cell in enumerate(text):
             if cell is None or not cell.strip():
                 raise _cell(where, series.name, at(i), "empty cell")
             cell = cell.strip()

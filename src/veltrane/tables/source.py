@@ -16,11 +16,14 @@ Examples
 from __future__ import annotations
 
 import codecs
+import contextlib
 import copy
 import errno
 import io
+import numbers
 import os
 import stat
+import tempfile
 import tomllib
 from collections.abc import Callable, Iterable, Mapping
 from pathlib import Path
@@ -168,8 +171,17 @@ class TableSource:
         where = str(path) if path is not None else f"table {name!r}"
         if not isinstance(metadata, Mapping):
             raise TypeError(f"metadata must be a mapping, got {type(metadata).__name__}")
-        data, metadata = _memory.shape_frame(data, metadata, where)
-        return cls._build(_check_name(name), metadata, data, path, where, where, lambda i: f"row {i + 1}")
+        _check_name(name)
+        data, metadata, added = _memory.shape_frame(data, metadata, where)
+
+        def row_name(i: int) -> str:  # rows of the frame given, not counting those added below it
+            return (
+                f"row {i + 1 - added}"
+                if i >= added
+                else f"age {i} (a row of rate 0 added below the first age)"
+            )
+
+        return cls._build(name, metadata, data, path, where, where, row_name)
 
     @classmethod
     def from_rates(
@@ -211,8 +223,11 @@ class TableSource:
         >>> src.start_age, src.w, src.valid_sexes
         (60, 62, ['u'])
         """
-        if isinstance(start_age, bool) or not isinstance(start_age, int) or start_age < 0:
+        if isinstance(start_age, bool) or not isinstance(start_age, numbers.Integral):
             raise ValueError(f"start_age must be a whole number >= 0, got {start_age!r}")
+        start_age = int(start_age)
+        if not 0 <= start_age <= fmt.MAX_FIRST_AGE:
+            raise ValueError(f"start_age must be a whole number in 0..{fmt.MAX_FIRST_AGE}, got {start_age!r}")
         prefix = fmt.RATE_PREFIX.get(table_type)
         if prefix is None:
             raise ValueError(f"table_type must be one of {', '.join(fmt.RATE_PREFIX)}, got {table_type!r}")
@@ -263,6 +278,23 @@ class TableSource:
     def registered() -> list[str]:
         """Names of the tables registered from memory, in order of registration."""
         return list(_registered)
+
+    @staticmethod
+    def _is_current(source: object) -> bool:
+        """Whether ``TableSource(name)`` gives this source's data now (a shallow copy counts).
+
+        Looks only at what is registered or cached, never at files. Caches keyed by table name
+        (the unisex cohort cache) hold only what current sources give: a table built before its
+        name came to mean other data keeps its rates, but must not hand them to newer tables.
+        Objects other than sources count as current.
+        """
+        if not isinstance(source, TableSource):
+            return True
+        name = source._file_name
+        found = _registered.get(name)
+        if found is None:
+            found = _cache.get((name, _config.Config().tables_path))
+        return found is not None and found._meta is source._meta
 
     @classmethod
     def _build(
@@ -524,13 +556,11 @@ def _forget(name: str) -> None:
 def _check_name(name: object) -> str:
     if not isinstance(name, str):
         raise TypeError(f"table name must be a str, got {type(name).__name__}")
-    if (
-        not name
-        or name in (".", "..")
-        or "\0" in name
-        or any(sep and sep in name for sep in ("/", os.sep, os.altsep))
-    ):
+    if not name or name in (".", "..") or any(sep and sep in name for sep in ("/", "\\", os.sep, os.altsep)):
         raise ValueError(f"table name must be a bare file name (no directory), got {name!r}")
+    if any(not ch.isprintable() for ch in name):
+        # NUL, line breaks, tabs and other control characters: no file system or listing keeps them.
+        raise ValueError(f"table name must be a bare file name of printable characters, got {name!r}")
     return name
 
 
@@ -626,6 +656,10 @@ def write_table(
 ) -> Path:
     """Write a table as ``NAME.toml`` and ``NAME.csv`` in ``directory`` (created if missing).
 
+    A pair of that name already in ``directory`` is replaced. Both files are written beside
+    their targets first and then moved into place, so a failure (a full disk, a directory in
+    the way) leaves the old pair, never a new ``.toml`` beside an old ``.csv``.
+
     Floats are written in their shortest exact form, so reading the files back gives the same
     doubles. Cached sources of that name are dropped, so the next ``TableSource(name)`` reads the
     new files.
@@ -662,8 +696,44 @@ def write_table(
     toml_text, csv_text = fmt.toml_text(metadata), fmt.csv_text(columns)
     if validate:
         _parse(name, toml_text, io.StringIO(csv_text, newline=""), toml_path, csv_path)
-    folder.mkdir(parents=True, exist_ok=True)
-    toml_path.write_text(toml_text, encoding="utf-8")
-    csv_path.write_text(csv_text, encoding="utf-8", newline="")
+    _write_pair(folder, ((toml_path, toml_text), (csv_path, csv_text)))
     _forget(name)
     return toml_path
+
+
+def _write_pair(folder: Path, files: tuple[tuple[Path, str], ...]) -> None:
+    """Write both files beside their targets, then move them into place: a failure on the way
+    (a full disk, a directory in the way) leaves whatever pair was there, never half of a new one."""
+    try:
+        folder.mkdir(parents=True, exist_ok=True)
+    except FileExistsError:
+        raise NotADirectoryError(
+            f"{folder} is not a directory; give a tables directory to write into"
+        ) from None
+    for path, _ in files:
+        if os.path.lexists(path) and not path.is_file():
+            raise FileExistsError(f"{path} exists and is not a regular file; nothing written")
+    written: list[tuple[str, Path]] = []
+    try:
+        for path, text in files:
+            handle = tempfile.NamedTemporaryFile(  # noqa: SIM115 (closed below, kept on success)
+                "w",
+                encoding="utf-8",
+                newline="",
+                dir=folder,
+                prefix=".veltrane-",
+                suffix=".tmp",
+                delete=False,
+            )
+            written.append((handle.name, path))
+            with handle:
+                handle.write(text)
+            # The temporary file is private (0o600); the table keeps the mode of the file it replaces.
+            mode = stat.S_IMODE(path.stat().st_mode) if path.is_file() else 0o644
+            os.chmod(handle.name, mode)
+        for temporary, path in written:
+            os.replace(temporary, path)
+    finally:
+        for temporary, _ in written:
+            with contextlib.suppress(FileNotFoundError):
+                os.unlink(temporary)

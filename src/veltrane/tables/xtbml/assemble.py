@@ -50,10 +50,12 @@ class ImportedTable:
         return write_table(directory, self.name, self.metadata, self.columns)
 
 
-def _paths(files: PathLike | Sequence[PathLike]) -> list[Path]:
+def _paths(files: PathLike | Sequence[PathLike], what: str) -> list[Path]:
     if isinstance(files, (str, os.PathLike)):
         return [Path(files)]
-    return [Path(f) for f in files]
+    if isinstance(files, Sequence) and all(isinstance(f, (str, os.PathLike)) for f in files):
+        return [Path(f) for f in files]
+    raise TypeError(f"{what} must be a path or a sequence of paths, got {files!r}")
 
 
 def read_xtbml(
@@ -96,11 +98,18 @@ def read_xtbml(
     XTbMLError
         A file is malformed, or the files do not fit together; the message names the file.
     """
-    paths = _paths(files)
+    from veltrane.tables.source import _check_name
+
+    _check_name(name)  # before reading: the name must be usable for files and registration
+    paths = _paths(files, "files")
     if not paths:
         raise XTbMLError("no XTbML file given")
     if sex is not None and (len(paths) != 1 or sex not in ("m", "f", "u")):
         raise XTbMLError(f"sex= applies to a single file and is one of m, f, u, got {sex!r}")
+    if table_type is not None and (not isinstance(table_type, str) or table_type not in _PREFIX):
+        raise XTbMLError(f"table_type must be one of {', '.join(_PREFIX)}, got {table_type!r}")
+    if part is not None and (isinstance(part, bool) or not isinstance(part, int)):
+        raise XTbMLError(f"part must be a whole number (from 1), got {part!r}")
     docs = [read_document(p) for p in paths]
     mapped = [map_document(doc, part=part) for doc in docs]
     for doc, m in zip(docs, mapped, strict=True):
@@ -112,9 +121,7 @@ def read_xtbml(
     labels = [_label(doc, part) for doc in docs]
     sexes = [sex] if sex is not None else _sexes(docs, labels)
     first = _check_same_shape(docs, mapped)
-    kind = table_type or table_type_of(docs[0].content_type)
-    if kind not in _PREFIX:
-        raise XTbMLError(f"table_type must be one of {', '.join(_PREFIX)}, got {kind!r}")
+    kind = table_type if table_type is not None else table_type_of(docs[0].content_type)
     notes = list(dict.fromkeys(n for m in mapped for n in m.notes))
     if part is not None:
         notes.append(f"<Table> {part} of {len(docs[0].blocks)} in the file")
@@ -131,7 +138,7 @@ def read_xtbml(
     }
     if first.select_period is not None:
         metadata["select"] = {"period": first.select_period, "start_duration": first.start_duration}
-    scales = _paths(scale)
+    scales = _paths(scale, "scale")
     if first.mi:
         if scales:
             raise XTbMLError(

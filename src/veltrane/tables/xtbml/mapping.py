@@ -14,6 +14,7 @@ from dataclasses import dataclass, field
 
 import numpy as np
 
+from veltrane.tables._table_format import MAX_SELECT_DURATION, YEARS
 from veltrane.tables.xtbml.reader import Block, Document, XTbMLError, XTbMLUnsupportedError
 
 __all__ = ["Mapped", "age_basis", "map_document", "sex_of", "table_type_of"]
@@ -127,16 +128,18 @@ def _check_step(doc: Document, block: Block, axis_index: int) -> None:
 
 def _rate(doc: Document, block: Block, key: tuple[int, ...], kind: str) -> float:
     value = block.cells[key]
+    at = ", ".join(f"{a.label} {k}" for a, k in zip(block.axes, key, strict=True))
     if kind == "rates" and not 0.0 <= value <= 1.0:
-        at = ", ".join(f"{a.label} {k}" for a, k in zip(block.axes, key, strict=True))
         raise XTbMLError(f"{doc.path}: <Table> {block.number}, {at}: rate {value!r} outside [0, 1]")
+    if kind != "rates" and not -1.0 < value < 1.0:
+        # An improvement of 100% or more would turn the projected rates negative.
+        raise XTbMLError(f"{doc.path}: <Table> {block.number}, {at}: improvement {value!r} outside (-1, 1)")
     return value
 
 
 def _ages_only(doc: Document, block: Block, kind: str) -> Mapped:
     _check_step(doc, block, 0)
-    ages = block.axes[0].values
-    published = [a for a in ages if (a,) in block.cells]
+    published = sorted(key[0] for key in block.cells)
     first, last = published[0], published[-1]
     missing = [a for a in range(first, last + 1) if (a,) not in block.cells]
     if missing:
@@ -151,6 +154,8 @@ def _ages_only(doc: Document, block: Block, kind: str) -> Mapped:
 
 def _select(doc: Document, select: tuple[Block, ...], ultimate: Block) -> Mapped:
     durations = select[0].axes[1].values
+    if len(durations) > MAX_SELECT_DURATION:
+        raise _refuse(doc, f"a select period of {len(durations)} years (at most {MAX_SELECT_DURATION})")
     for block in select:
         _check_step(doc, block, 0)
         _check_step(doc, block, 1)
@@ -163,13 +168,25 @@ def _select(doc: Document, select: tuple[Block, ...], ultimate: Block) -> Mapped
             doc, f"the ultimate block starts at duration {ultimate.axes[1].values[0]}, not {d0 + period}"
         )
     rates: dict[tuple[int, int], float] = {}  # (issue age, duration); blocks of different age ranges merge
+    origin: dict[int, int] = {}  # issue age -> number of its block
     for block in select:
         for key in block.cells:
+            origin[key[0]] = block.number
             if key in rates:
                 raise XTbMLError(
                     f"{doc.path}: <Table> {block.number}: issue age {key[0]} appears in two blocks"
                 )
             rates[key] = _rate(doc, block, key, "rates")
+    for i in sorted({i for i, _ in rates}):
+        # Leading and trailing durations may be unpublished (the select period starts later, or
+        # runs past the last age); one missing between published ones is a gap in the file.
+        published = [d for d in durations if (i, d) in rates]
+        gap = next((d for d in range(published[0], published[-1] + 1) if (i, d) not in rates), None)
+        if gap is not None:
+            raise XTbMLError(
+                f"{doc.path}: <Table> {origin[i]}: no value for issue age {i}, duration {gap} "
+                "between published ones"
+            )
     ult = {key[0]: _rate(doc, ultimate, key, "rates") for key in ultimate.cells}
     issue = sorted({i for i, _ in rates})
     first = min(issue[0], min(ult))
@@ -215,6 +232,13 @@ def _grid(doc: Document, block: Block) -> tuple[int, int, dict[tuple[int, int], 
     _check_step(doc, block, age_at)
     _check_step(doc, block, 1 - age_at)
     cells = {(k[age_at], k[1 - age_at]): v for k, v in block.cells.items()}
+    outside = sorted(y for _, y in cells if y not in YEARS)
+    if outside:
+        year_axis = block.axes[1 - age_at].label
+        raise XTbMLError(
+            f"{doc.path}: <Table> {block.number}: {year_axis} {outside[0]} is not a calendar year "
+            f"in {YEARS.start}..{YEARS.stop - 1}"
+        )
     ages = sorted({a for a, _ in cells})
     return ages[0], ages[-1], cells
 
@@ -228,7 +252,8 @@ def _scale_by_year(doc: Document, block: Block) -> Mapped:
         for age in range(first, last + 1):
             if (age, year) not in cells:
                 raise XTbMLError(f"{doc.path}: <Table> {block.number}: no value for age {age}, year {year}")
-            vector[age] = cells[(age, year)]
+            key = (age, year) if block.axes[0].kind == "age" else (year, age)
+            vector[age] = _rate(doc, block, key, "scale")
         columns[str(year)] = vector
     return Mapped("scale_by_year", first, last, columns, grid_years=years)
 

@@ -14,6 +14,7 @@ from collections.abc import Sequence
 
 import numpy as np
 
+from veltrane.tables._table_format import YEARS
 from veltrane.tables.xtbml.mapping import Mapped, sex_of
 from veltrane.tables.xtbml.reader import Document, XTbMLError
 
@@ -25,8 +26,12 @@ _BY_YEAR = "projected_improvement"
 
 
 def base_year_of(docs: Sequence[Document], given: int | None, notes: list[str]) -> int:
-    """The base year given, or the one every base table's name states."""
+    """The base year given, or the one every base table's name states (a year in 1000..3000)."""
     if given is not None:
+        if isinstance(given, bool) or not isinstance(given, int) or given not in YEARS:
+            raise XTbMLError(
+                f"base_year must be a calendar year in {YEARS.start}..{YEARS.stop - 1}, got {given!r}"
+            )
         return given
     years = set()
     for doc in docs:
@@ -42,6 +47,11 @@ def base_year_of(docs: Sequence[Document], given: int | None, notes: list[str]) 
             f"base tables state different base years {sorted(years)}; give base_year= (--base-year)"
         )
     year = years.pop()
+    if year not in YEARS:
+        raise XTbMLError(
+            f"the base tables' names state the base year {year}, not a calendar year in "
+            f"{YEARS.start}..{YEARS.stop - 1}; give base_year= (--base-year)"
+        )
     notes.append(f"base year {year} read from the table name")
     return year
 
@@ -64,12 +74,16 @@ def improvement_columns(
     notes: list[str],
 ) -> tuple[dict[str, np.ndarray], dict[str, object]]:
     """The ``mi_*`` columns for the base table's sexes, and its ``[generational]`` keys (less base_year)."""
+    for doc, mapped in scales:
+        if mapped.kind not in ("scale", "scale_by_year"):
+            raise XTbMLError(
+                f"{doc.path}: {doc.name!r} is not a projection scale (its content type is "
+                f"{doc.content_type!r}); give improvement scales as scale files"
+            )
     kinds = {mapped.kind for _, mapped in scales}
-    if not kinds <= {"scale", "scale_by_year"} or len(kinds) != 1:
-        doc = next(d for d, m in scales if m.kind not in ("scale", "scale_by_year"))
+    if len(kinds) != 1:
         raise XTbMLError(
-            f"{doc.path}: {doc.name!r} is not a projection scale (its content type is "
-            f"{doc.content_type!r}); give improvement scales as scale files"
+            "the scales mix a scale by age with a scale by age and calendar year; give scales of one kind"
         )
     by_year = kinds == {"scale_by_year"}
     if by_year:

@@ -17,6 +17,9 @@ __all__ = ["Axis", "Block", "Document", "XTbMLError", "XTbMLUnsupportedError", "
 
 #: Files larger than this are not read: the largest published tables are well under it.
 MAX_BYTES = 64 * 1024 * 1024
+#: Largest age or duration read: far beyond any published table, and small enough that vectors
+#: by age (and grids of them by year) stay small whatever span an axis declares.
+MAX_AGE = 1000
 
 
 class XTbMLError(ValueError):
@@ -34,11 +37,11 @@ class Axis:
     kind: str
     label: str
     scale_type: str
-    values: tuple[int, ...]
+    values: range  # a range, not a tuple: an axis may declare a huge span over a few cells
 
     @property
     def step(self) -> int:
-        return self.values[1] - self.values[0] if len(self.values) > 1 else 1
+        return self.values.step if len(self.values) > 1 else 1
 
     def span(self) -> str:
         lo, hi = self.values[0], self.values[-1]
@@ -167,7 +170,7 @@ def _axis(path: Path, where: str, elem: ET.Element) -> Axis:
     if step <= 0 and hi != lo:  # a single-value axis is written with increment 0 (t2360)
         raise XTbMLError(f"{path}: {where}: <Increment> {step} must be positive")
     # The axis's name says what it is: some files tag a year axis with scale type "Age".
-    return Axis(label.lower(), label, _text(elem, "ScaleType"), tuple(range(lo, hi + 1, max(step, 1))))
+    return Axis(label.lower(), label, _text(elem, "ScaleType"), range(lo, hi + 1, max(step, 1)))
 
 
 def _block(path: Path, number: int, table: ET.Element) -> Block:
@@ -220,10 +223,16 @@ def _collect(
         return
     for inner in _children(elem, "Axis"):
         label = f"{where}, <Axis t={inner.get('t')!r}>"
-        t = _whole(path, label, "Axis t", inner.get("t"))
-        if t not in axis.values:
-            raise XTbMLError(f"{path}: {label}: {axis.label} {t} outside the axis {axis.span()}")
+        t = _on_axis(path, label, axis, _whole(path, label, "Axis t", inner.get("t")))
         _collect(path, label, inner, axes, (*key, t), cells)
+
+
+def _on_axis(path: Path, label: str, axis: Axis, t: int) -> int:
+    if t not in axis.values:
+        raise XTbMLError(f"{path}: {label}: {axis.label} {t} outside the axis {axis.span()}")
+    if axis.kind in ("age", "duration") and not 0 <= t <= MAX_AGE:
+        raise XTbMLError(f"{path}: {label}: {axis.label} {t} outside 0..{MAX_AGE}")
+    return t
 
 
 def _cell(
@@ -235,9 +244,7 @@ def _cell(
     cells: dict[tuple[int, ...], float],
 ) -> None:
     label = f"{where}, <Y t={y.get('t')!r}>"
-    t = _whole(path, label, "Y t", y.get("t"))
-    if t not in axis.values:
-        raise XTbMLError(f"{path}: {label}: {axis.label} {t} outside the axis {axis.span()}")
+    t = _on_axis(path, label, axis, _whole(path, label, "Y t", y.get("t")))
     text = (y.text or "").strip()
     if not text:
         return  # an empty cell is an unpublished one
