@@ -65,10 +65,26 @@ def test_registering_again_drops_the_unisex_cohort_cache():
 LX = pl.DataFrame({"age": [20, 21, 22], "lx_m": [1000.0, 900.0, 450.0]})
 
 
-def test_frame_starting_above_zero_and_survivors_become_rates():
-    source = TableSource.from_frame("LX", {"table_type": "life"}, LX)
+@pytest.mark.parametrize("kind", ["polars", "pandas"])
+def test_frame_starting_above_zero_and_survivors_become_rates(kind):
+    frame = LX
+    if kind == "pandas":
+        pd = pytest.importorskip("pandas")
+        frame = pd.DataFrame(LX.to_dict(as_series=False), index=[7, 8, 9])  # the index plays no part
+    source = TableSource.from_frame("LX", {"table_type": "life"}, frame)
     assert source.start_age == 20
     np.testing.assert_allclose(source.data["qx_m"], [0.0] * 20 + [0.1, 0.5, 1.0], rtol=1e-15)
+
+
+def test_pandas_frames_with_repeated_or_mixed_columns_are_refused():
+    pd = pytest.importorskip("pandas")
+    with pytest.raises(ValueError, match=r"table 'P': column names repeat"):
+        TableSource.from_frame(
+            "P", {"table_type": "life"}, pd.DataFrame([[0, 0.1, 0.2]], columns=["age", "qx_u", "qx_u"])
+        )
+    mixed = pd.DataFrame({"age": [0, 1], "qx_u": [0.1, "x"]})
+    with pytest.raises(ValueError, match=r"table 'P': column 'qx_u'"):
+        TableSource.from_frame("P", {"table_type": "life"}, mixed)
 
 
 def test_file_starting_above_zero_says_how_to_write_it(tables):

@@ -13,6 +13,7 @@ from typing import Any
 import numpy as np
 import polars as pl
 
+from veltrane._frames import from_pandas, is_pandas_frame
 from veltrane.tables.source import TableSource
 
 __all__ = ["PolicyBatch", "TableGroup", "read_policies"]
@@ -68,25 +69,10 @@ def _as_frame(policies: Any) -> pl.DataFrame:
             return pl.DataFrame(dict(policies))
         except (TypeError, pl.exceptions.PolarsError) as exc:
             raise ValueError(f"policies: the columns do not make a frame: {exc}") from exc
+    if is_pandas_frame(policies):
+        return from_pandas(policies, "policies")
     module = type(policies).__module__
-    if module.startswith("pandas") and hasattr(policies, "columns"):
-        if not policies.columns.is_unique:
-            raise ValueError(f"policies: column names repeat: {list(policies.columns)}")
-        # Column by column through NumPy: no pyarrow needed.
-        return pl.DataFrame([_pandas_column(policies, c) for c in policies.columns])
     raise TypeError(f"policies must be a polars or pandas DataFrame (or a mapping of columns), got {module}")
-
-
-def _pandas_column(frame: Any, column: Any) -> pl.Series:
-    values = frame[column]
-    try:
-        if values.dtype.kind == "O":
-            # Text (object, string or categorical): pandas marks a missing entry with None, NaN or
-            # NA, which Polars reads as null only when it is None.
-            return pl.Series(str(column), values.astype(object).where(values.notna(), None).tolist())
-        return pl.Series(str(column), values.to_numpy())
-    except (TypeError, pl.exceptions.PolarsError) as exc:
-        raise ValueError(f"policies: column {column!r} mixes kinds of values: {exc}") from exc
 
 
 def _first(mask: pl.Series) -> int:

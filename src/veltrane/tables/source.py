@@ -32,6 +32,7 @@ from typing import Any, Final
 import polars as pl
 
 from veltrane import config as _config
+from veltrane._frames import from_pandas, is_pandas_frame
 from veltrane.tables import _memory
 from veltrane.tables import _table_format as fmt
 
@@ -147,12 +148,13 @@ class TableSource:
         metadata : mapping
             The metadata, shaped as the TOML file (top-level keys, ``generational``, ``select``
             and ``source`` sub-mappings).
-        data : polars.DataFrame
-            Column ``age`` and the rate and improvement columns. Numeric columns are taken as
-            they are; text columns are parsed cell by cell. Ages may start above 0: rows of
-            rate 0 are added below the first age, which becomes ``start_age`` (a ``start_age``
-            given in the metadata may not lie below it). Survivor columns ``lx_{sex}`` are
-            turned into one-year rates ``{prefix}_{sex}``, 1 at the last age.
+        data : polars.DataFrame or pandas.DataFrame
+            Column ``age`` and the rate and improvement columns (a pandas frame's index plays no
+            part). Numeric columns are taken as they are; text columns are parsed cell by cell.
+            Ages may start above 0: rows of rate 0 are added below the first age, which becomes
+            ``start_age`` (a ``start_age`` given in the metadata may not lie below it). Survivor
+            columns ``lx_{sex}`` are turned into one-year rates ``{prefix}_{sex}``, 1 at the last
+            age.
         file_path : path-like, optional
             File the pieces came from, used in messages and as ``file_path``.
 
@@ -165,10 +167,15 @@ class TableSource:
         ValueError
             The pieces break the format (the message names the column and row).
         """
-        if not isinstance(data, pl.DataFrame):
-            raise TypeError(f"data must be a polars DataFrame, got {type(data).__name__}")
         path = None if file_path is None else Path(file_path)
         where = str(path) if path is not None else f"table {name!r}"
+        if is_pandas_frame(data):
+            try:
+                data = from_pandas(data, where)
+            except ValueError as exc:
+                raise fmt.TableFormatError(str(exc)) from None
+        if not isinstance(data, pl.DataFrame):
+            raise TypeError(f"data must be a polars or pandas DataFrame, got {type(data).__name__}")
         if not isinstance(metadata, Mapping):
             raise TypeError(f"metadata must be a mapping, got {type(metadata).__name__}")
         _check_name(name)
