@@ -253,46 +253,39 @@ def test_grid_in_pieces_equals_rows():
     np.testing.assert_array_equal(grid, Reference(sult_rates()).interval("tqx", ages, durations))
 
 
-VALUE_ERRORS = [
-    (lambda t: t.lx(-0.5), "[lx] All ages x must be >= 0 for table 'SULT'."),
-    (lambda t: t.px(-1), "All ages x must be >= 0 for table 'SULT'."),
-    (lambda t: t.qx(np.array([1.0, -2.0]), m=12), "All ages x must be >= 0 for table 'SULT'."),
-    (lambda t: t.dx([-3]), "All ages x must be >= 0 for table 'SULT'."),
-    (lambda t: t.tpx(-1), "All ages x must be >= 0 for table 'SULT'."),
-    (lambda t: t.tpx(-1.5, 2), "[tpx] Ages 'x' must be >= 0"),
-    (lambda t: t.tpx(50, -1), "[tpx]: t must be >= 0"),
-    (lambda t: t.lx(float("nan")), "[lx] x must be finite, got nan"),
-    (lambda t: t.tqx(50, [1, float("inf")]), "[tqx] t[1] must be finite, got inf"),
-    (lambda t: t.px(50, m=5), "[px] m must be one of 1, 2, 3, 4, 6, 12, got 5"),
-    (lambda t: t.qx(50, m=12.5), "[qx] m must be one of 1, 2, 3, 4, 6, 12, got 12.5"),
-    (lambda t: t._prob_decrement_interval("tpx", 50), "_prob_decrement_interval: prob_type must be 'px'"),
-    (lambda t: t._prob_life_interval("px", 50), "_prob_life_interval: prob_type must be 'tpx' or 'tqx'"),
+# fmt: off
+ERRORS = [
+    (lambda t: t.lx(-0.5), ValueError, "[lx] All ages x must be >= 0 for table 'SULT'."),
+    (lambda t: t.px(-1), ValueError, "All ages x must be >= 0 for table 'SULT'."),
+    (lambda t: t.qx(np.array([1.0, -2.0]), m=12), ValueError, "All ages x must be >= 0 for table 'SULT'."),
+    (lambda t: t.dx([-3]), ValueError, "All ages x must be >= 0 for table 'SULT'."),
+    (lambda t: t.tpx(-1), ValueError, "All ages x must be >= 0 for table 'SULT'."),
+    (lambda t: t.tpx(-1.5, 2), ValueError, "[tpx] Ages 'x' must be >= 0"),
+    (lambda t: t.tpx(50, -1), ValueError, "[tpx]: t must be >= 0"),
+    (lambda t: t.lx(float("nan")), ValueError, "[lx] x must be finite, got nan"),
+    (lambda t: t.tqx(50, [1, float("inf")]), ValueError, "[tqx] t[1] must be finite, got inf"),
+    (lambda t: t.px(50, m=5), ValueError, "[px] m must be one of 1, 2, 3, 4, 6, 12, got 5"),
+    (lambda t: t.qx(50, m=12.5), ValueError, "[qx] m must be one of 1, 2, 3, 4, 6, 12, got 12.5"),
+    (lambda t: t._prob_decrement_interval("tpx", 50), ValueError,
+     "_prob_decrement_interval: prob_type must be 'px'"),
+    (lambda t: t._prob_life_interval("px", 50), ValueError,
+     "_prob_life_interval: prob_type must be 'tpx' or 'tqx'"),
+    (lambda t: t.lx("50"), TypeError, "[lx] x must be a number or a sequence of numbers, got str"),
+    (lambda t: t.px([50, None]), TypeError, "[px] x[1] must be numeric, got NoneType"),
+    (lambda t: t.tpx(True), TypeError, "[tpx] x must be numeric, not bool"),
+    (lambda t: t.tqx(50, [[1, 2]]), TypeError, "[tqx] t must be one-dimensional"),
+    (lambda t: t.qx(50, m=[12]), TypeError, "[qx] m must be a single number, got list"),
+    (lambda t: t.px(50, m=None), TypeError, "[px] m must be a single number, got None"),
+    (lambda t: t.tpx(), TypeError, "tpx() missing required argument 'x'"),
+    (lambda t: t.px(50, 1, 2), TypeError, "px() takes at most 2 arguments (3 given)"),
+    (lambda t: t.lx(y=2), TypeError, "lx() got an unexpected keyword argument 'y'"),
 ]
+# fmt: on
 
 
-@pytest.mark.parametrize(("call", "message"), VALUE_ERRORS)
-def test_value_errors(call, message):
-    with pytest.raises(ValueError) as info:
-        call(LifeTable("SULT", "u"))
-    assert str(info.value).startswith(message)
-
-
-TYPE_ERRORS = [
-    (lambda t: t.lx("50"), "[lx] x must be a number or a sequence of numbers, got str"),
-    (lambda t: t.px([50, None]), "[px] x[1] must be numeric, got NoneType"),
-    (lambda t: t.tpx(True), "[tpx] x must be numeric, not bool"),
-    (lambda t: t.tqx(50, [[1, 2]]), "[tqx] t must be one-dimensional"),
-    (lambda t: t.qx(50, m=[12]), "[qx] m must be a single number, got list"),
-    (lambda t: t.px(50, m=None), "[px] m must be a single number, got None"),
-    (lambda t: t.tpx(), "tpx() missing required argument 'x'"),
-    (lambda t: t.px(50, 1, 2), "px() takes at most 2 arguments (3 given)"),
-    (lambda t: t.lx(y=2), "lx() got an unexpected keyword argument 'y'"),
-]
-
-
-@pytest.mark.parametrize(("call", "message"), TYPE_ERRORS)
-def test_type_errors(call, message):
-    with pytest.raises(TypeError) as info:
+@pytest.mark.parametrize(("call", "exc", "message"), ERRORS)
+def test_refusals(call, exc, message):
+    with pytest.raises(exc) as info:
         call(LifeTable("SULT", "u"))
     assert str(info.value).startswith(message)
 
