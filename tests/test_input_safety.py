@@ -67,18 +67,16 @@ for refill in (0, N, N + 5):
 """
 
 
-@pytest.mark.parametrize(
-    "call",
-    [
-        "table.qx",
-        "lambda ages: table.tqx(65.0, ages)",
-        "lambda ages: table.tpx(ages, [1.0, 2.5])",
-        "table.lx",
-        "helpers._as_f64_safe",
-        "lambda v: helpers._validate_numeric_input(v)[0]",
-        "lambda m: (table.modify_qx({'decrement_multiplier': m}), table.qx())[1]",
-    ],
-)
+# fmt: off
+RESIZED = [
+    "table.qx", "lambda ages: table.tqx(65.0, ages)", "lambda ages: table.tpx(ages, [1.0, 2.5])", "table.lx",
+    "helpers._as_f64_safe", "lambda v: helpers._validate_numeric_input(v)[0]",
+    "lambda m: (table.modify_qx({'decrement_multiplier': m}), table.qx())[1]",
+]
+# fmt: on
+
+
+@pytest.mark.parametrize("call", RESIZED)
 def test_a_list_resized_by_its_own_elements_is_refused_or_read_afresh(call):
     n = 121 if "modify_qx" in call else 4  # a multiplier vector has one factor per age
     code = SHIFTING.replace("CALL", f"({call})").replace("N", str(n))
@@ -157,31 +155,29 @@ CHECKS = {k: f for k, f in CALLS.items() if k != "qx whole ages"} | {
 }
 
 
+# fmt: off
+MASKED = [
+    (np.ma.masked_array([60.0, 61.0], mask=[0, 1]), r"\[1\]"),
+    (np.ma.masked_array([60, 61, 62], mask=[1, 0, 1]), r"\[0\]"),
+    (np.ma.masked_array([60, 61], mask=[0, 1], dtype=object), r"\[1\]"),
+    ([60.0, np.ma.masked], r"\[1\]"), (np.ma.masked_array(60.0, mask=True), r"[a-z]"),
+]
+MASKED_SCALAR = {
+    "m": lambda v: TABLE.qx(60, m=v),
+    "_validate_scalar_numeric": lambda v: helpers._validate_scalar_numeric(v, "w"),
+    "unisex_blend": lambda v: LifeTable("SULT", "u", unisex_blend=v),
+}
+# fmt: on
+
+
 @pytest.mark.parametrize("caller", list(CHECKS))
-@pytest.mark.parametrize(
-    ("masked", "where"),
-    [
-        (np.ma.masked_array([60.0, 61.0], mask=[0, 1]), r"\[1\]"),
-        (np.ma.masked_array([60, 61, 62], mask=[1, 0, 1]), r"\[0\]"),
-        (np.ma.masked_array([60, 61], mask=[0, 1], dtype=object), r"\[1\]"),
-        ([60.0, np.ma.masked], r"\[1\]"),
-        (np.ma.masked_array(60.0, mask=True), r"[a-z]"),
-    ],
-)
+@pytest.mark.parametrize(("masked", "where"), MASKED)
 def test_masked_values_are_refused(caller, masked, where):
     with pytest.raises(ValueError, match=where + " is masked"):
         CHECKS[caller](masked)
 
 
-@pytest.mark.parametrize(
-    "caller",
-    [
-        lambda v: TABLE.qx(60, m=v),
-        lambda v: helpers._validate_scalar_numeric(v, "w"),
-        lambda v: LifeTable("SULT", "u", unisex_blend=v),
-    ],
-    ids=["m", "_validate_scalar_numeric", "unisex_blend"],
-)
+@pytest.mark.parametrize("caller", MASKED_SCALAR.values(), ids=MASKED_SCALAR)
 def test_a_masked_scalar_is_refused(caller):
     with pytest.raises(ValueError, match="is masked"):
         caller(np.ma.masked)
@@ -223,18 +219,17 @@ def test_validation_reads_a_float64_array_in_place():
     assert result.nbytes <= peak < 1.5 * durations.nbytes
 
 
+LAYOUTS = {
+    "plain": lambda a: a,
+    "read-only": lambda a: np.lib.stride_tricks.as_strided(a, writeable=False),
+    "swapped": lambda a: a.astype(">f8"),  # the other byte order
+    "strided": lambda a: np.repeat(a, 2)[::2],
+    "misaligned": lambda a: np.frombuffer(b"\0" + a.tobytes(), dtype=np.float64, offset=1),
+}
+
+
 @pytest.mark.parametrize("call", list(CALLS))
-@pytest.mark.parametrize(
-    "layout",
-    [
-        lambda a: a,
-        lambda a: np.lib.stride_tricks.as_strided(a, writeable=False),  # read-only
-        lambda a: a.astype(">f8"),  # the other byte order
-        lambda a: np.repeat(a, 2)[::2],  # strided
-        lambda a: np.frombuffer(b"\0" + a.tobytes(), dtype=np.float64, offset=1),  # misaligned
-    ],
-    ids=["plain", "read-only", "swapped", "strided", "misaligned"],
-)
+@pytest.mark.parametrize("layout", LAYOUTS.values(), ids=LAYOUTS)
 def test_any_layout_gives_the_plain_values_without_sharing_or_changing_the_array(call, layout):
     ages = np.linspace(20.0, 90.0, 40_001)
     given = layout(ages)
