@@ -47,18 +47,18 @@ def test_a_subclass_may_make_a_read_only_name_writable():
         t.w = 3
 
 
-@pytest.mark.parametrize(
-    ("call", "message"),
-    [
-        (lambda t: t.copy(1), "copy() takes 0 positional arguments (1 given)"),
-        (lambda t: t.__deepcopy__(), "__deepcopy__() takes 1 positional argument (0 given)"),
-        (lambda t: t.__copy__(memo={}), "copy() takes no keyword arguments"),
-        (
-            lambda t: t._append_decrement_rate_sample_summary([], symbol="qx"),
-            "_append_decrement_rate_sample_summary() got an unexpected keyword argument 'symbol'",
-        ),
-    ],
-)
+# fmt: off
+ARGUMENT_ERRORS = [
+    (lambda t: t.copy(1), "copy() takes 0 positional arguments (1 given)"),
+    (lambda t: t.__deepcopy__(), "__deepcopy__() takes 1 positional argument (0 given)"),
+    (lambda t: t.__copy__(memo={}), "copy() takes no keyword arguments"),
+    (lambda t: t._append_decrement_rate_sample_summary([], symbol="qx"),
+     "_append_decrement_rate_sample_summary() got an unexpected keyword argument 'symbol'"),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize(("call", "message"), ARGUMENT_ERRORS)
 def test_argument_errors_do_not_name_the_base(call, message):
     with exactly(TypeError, message):
         call(LifeTable("SULT", "u"))
@@ -80,20 +80,17 @@ def test_text_forms_of_an_uninitialised_table():
     assert repr(u.copy()) == "<LifeTable (uninitialised)>"
 
 
-@pytest.mark.parametrize(
-    "use",
-    [
-        lambda u: u.qx(3),
-        lambda u: u.lx([1, 2]),
-        lambda u: u.tpx(3, 2),
-        lambda u: u.modify_qx({"decrement_multiplier": 2.0}),
-        lambda u: u.reset_modifications(),
-        lambda u: u.view_data(),
-        lambda u: u.table_name,
-        lambda u: setattr(u, "sex", "u"),
-        lambda u: u.configure(sex="u"),
-    ],
-)
+# fmt: off
+USES = [
+    lambda u: u.qx(3), lambda u: u.lx([1, 2]), lambda u: u.tpx(3, 2),
+    lambda u: u.modify_qx({"decrement_multiplier": 2.0}), lambda u: u.reset_modifications(),
+    lambda u: u.view_data(), lambda u: u.table_name, lambda u: setattr(u, "sex", "u"),
+    lambda u: u.configure(sex="u"),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize("use", USES)
 def test_calculations_on_an_uninitialised_table_are_refused(use):
     u = LifeTable.__new__(LifeTable, "SULT", "u")
     with exactly(ValueError, UNINITIALISED):
