@@ -36,12 +36,6 @@ def test_summary_of_a_ready_table(standard):
     assert "Duration: ult" in t.summary()
 
 
-def test_summary_of_a_pending_table(standard):
-    lines = LifeTable("GEN", pending=True).summary().split("\n")
-    assert lines[:3] == ["LifeTable: GEN", "Metadata: pending (needs: sex, cohort)", "Sex: None"]
-    assert lines[-1] == "w (current): 7" and not any("Sample" in line for line in lines)
-
-
 def test_summary_of_a_modified_blend():
     t = LifeTable("SULT", "u")
     t._unisex_blend = 0.25
@@ -70,15 +64,13 @@ def test_samples_of_short_tables(tables, w):
     assert last[-1] == f"  qx({w}) = 1.0"
 
 
-@pytest.mark.parametrize(
-    ("blend", "male", "female"),
-    [
-        (0.7, "0.7", "0.3"),
-        (0.1, "0.1", "0.9"),
-        (1 / 3, "0.3333333333333333", "0.666666666667"),
-        (1, "1.0", "0.0"),
-    ],
-)
+# fmt: off
+BLENDS = [(0.7, "0.7", "0.3"), (0.1, "0.1", "0.9"), (1 / 3, "0.3333333333333333", "0.666666666667"),
+          (1, "1.0", "0.0")]
+# fmt: on
+
+
+@pytest.mark.parametrize(("blend", "male", "female"), BLENDS)
 def test_blend_weights_are_shown_as_given(standard, blend, male, female):
     t = LifeTable("PER", "u", unisex_blend=blend)
     line = f"Unisex blend: {male} (male weight={male}, female weight={female})"
@@ -91,15 +83,20 @@ def configured_without_cohort():
     return t
 
 
-@pytest.mark.parametrize(
-    "make", [configured_without_cohort, lambda: LifeTable("GSEL", "m", duration=1, pending=True)]
-)
-def test_a_summary_lists_what_a_table_lacks(standard, make):
+PENDING = [  # the shell, its name, the keys it lacks, its sex
+    (lambda: LifeTable("GEN", pending=True), "GEN", "sex, cohort", "None"),
+    (configured_without_cohort, "GSEL", "cohort", "m"),
+    (lambda: LifeTable("GSEL", "m", duration=1, pending=True), "GSEL", "cohort", "m"),
+]
+
+
+@pytest.mark.parametrize(("make", "name", "needs", "sex"), PENDING)
+def test_a_summary_lists_what_a_table_lacks(standard, make, name, needs, sex):
     t = make()
     lines = t.summary().split("\n")
-    assert lines[:3] == ["LifeTable: GSEL", "Metadata: pending (needs: cohort)", "Sex: m"]
+    assert lines[:3] == [f"LifeTable: {name}", f"Metadata: pending (needs: {needs})", f"Sex: {sex}"]
     assert lines[-1] == "w (current): 7" and not any("Sample" in line for line in lines)
-    with pytest.raises(ValueError, match="assign 'cohort' before calculations"):
+    with pytest.raises(ValueError, match="assign '" + needs.replace(", ", "', '") + "' before calculations"):
         t.qx(3)
-    t.cohort = 1970
+    t.sex, t.cohort = "m", 1970
     assert "Cohort: 1970" in t.summary()
