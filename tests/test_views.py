@@ -6,6 +6,7 @@ import numpy as np
 import polars as pl
 import pytest
 
+from conftest import exactly
 from veltrane.config import MAX_DECIMALS, Config
 from veltrane.tables.disability import DisabilityTable
 from veltrane.tables.exit import ExitTable
@@ -96,6 +97,7 @@ def test_safe_slice(arr, n, first, last):
     assert head.tolist() == ages[: len(first)].tolist() and len(tail) == len(last)
 
 
+# fmt: off
 BAD_ARGUMENTS = [
     (lambda t: t.head(-1), ValueError, "head: n must be >= 0, got -1"),
     (lambda t: t.tail(True), TypeError, "tail: n must be an int, got bool"),
@@ -103,15 +105,11 @@ BAD_ARGUMENTS = [
     (lambda t: t._safe_slice([1], -2), ValueError, "_safe_slice: n must be >= 0"),
     (lambda t: t.view_data(sex="m"), TypeError, "view_data() got an unexpected keyword argument 'sex'"),
     # A decimals cache written by hand; the bound is the settings' own.
-    *(
-        (
-            lambda t, value=value: (setattr(t, "_decimals_decrement_cache", value), t.qx(50)),
-            ValueError,
-            f"Table 'SULT': _decimals_decrement_cache must be an int in [0, {MAX_DECIMALS}], got {value!r}",
-        )
-        for value in (MAX_DECIMALS + 1, -1, 2**31, "3")
-    ),
+    *((lambda t, v=v: (setattr(t, "_decimals_decrement_cache", v), t.qx(50)), ValueError,
+       f"Table 'SULT': _decimals_decrement_cache must be an int in [0, {MAX_DECIMALS}], got {v!r}")
+      for v in (MAX_DECIMALS + 1, -1, 2**31, "3")),
 ]
+# fmt: on
 
 
 @pytest.mark.parametrize(("call", "exc", "message"), BAD_ARGUMENTS)
@@ -123,10 +121,8 @@ def test_bad_arguments(call, exc, message):
 
 def test_pending_table_has_no_view(standard):
     t = LifeTable("SEL", "m", pending=True)
-    with pytest.raises(
-        ValueError,
-        match=r"is not ready: assign 'duration' before calculations \(lt.configure\(duration=...\)\)\.$",
-    ):
+    message = "Table 'SEL' is not ready: assign 'duration' before calculations (lt.configure(duration=...))."
+    with exactly(ValueError, message):
         t.view_data()
     t.duration = 2
     assert t.head(1).columns == ["age", "qx_m_s2"]
