@@ -124,17 +124,19 @@ def test_time_steps_keep_the_split_of_the_vector_they_restore(causes):
     assert g.cause_rates().equals(before)
 
 
-@pytest.mark.parametrize(
-    ("split", "message"),
-    [
-        (lambda q: (q, ("PER",), False, np.zeros((1, 8))), MALFORMED),
-        (lambda q: (q, ("PER", 3), False, np.zeros((2, 8))), MALFORMED),
-        (lambda q: (q, ("PER", "EX"), False, np.zeros((2, 3))), MALFORMED),
-        (lambda q: (q, ("PER", "EX"), False, [[0.0] * 8] * 2), MALFORMED),
-        (lambda q: (np.zeros(8), ("PER", "EX"), False, np.zeros((2, 8))), NONE_IN_FORCE),
-        (lambda q: "nonsense", NONE_IN_FORCE),
-    ],
-)
+# fmt: off
+SPLITS = [  # written by hand: (the total it splits, cause names, udd mode, rates by cause and age)
+    (lambda q: (q, ("PER",), False, np.zeros((1, 8))), MALFORMED),
+    (lambda q: (q, ("PER", 3), False, np.zeros((2, 8))), MALFORMED),
+    (lambda q: (q, ("PER", "EX"), False, np.zeros((2, 3))), MALFORMED),
+    (lambda q: (q, ("PER", "EX"), False, [[0.0] * 8] * 2), MALFORMED),
+    (lambda q: (np.zeros(8), ("PER", "EX"), False, np.zeros((2, 8))), NONE_IN_FORCE),
+    (lambda q: "nonsense", NONE_IN_FORCE),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize(("split", "message"), SPLITS)
 def test_hand_written_splits_are_checked(causes, split, message):
     t = LifeTable("PER", "m")
     t._cause_split = split(t._decrement)
