@@ -47,43 +47,36 @@ def test_values(capsys, command, expected):
 
 
 def test_commutation_printed_and_written(capsys, tmp_path):
-    code, out, _ = run(capsys, "commutation SULT --sex u --rate 0.03")
+    code, out, _ = run(capsys, COMMUTATION + "0.03")
     lines = out.splitlines()
     frame = commutation(SULT, i=0.03)
     assert code == 0 and lines[0].split("\t") == frame.columns and len(lines) == 122
     assert lines[66].split("\t") == ["65", *(repr(v) for v in frame.row(65)[1:])]
     target = tmp_path / "sult.csv"
-    assert run(capsys, f"commutation SULT --sex u --rate 0.03 -o {target}")[:2] == (0, "")
+    assert run(capsys, f"{COMMUTATION}0.03 -o {target}")[:2] == (0, "")
     written = pl.read_csv(target)
     assert written.columns == frame.columns and written["Nx"].to_list() == frame["Nx"].to_list()
 
 
 OVER_W = "All ages x must be <= w (120) for table 'SULT', got"
+COMMUTATION = "commutation SULT --sex u --rate "
 
 
 @pytest.mark.parametrize(
-    ("command", "message"),
+    ("command", "message"),  # the message after "veltrane COMMAND: error: "
     [
-        (ANNUITY + "130 --rate 0.05", f"veltrane annuity: error: [annuity] {OVER_W} 130.\n"),
-        (ANNUITY + "65 --rate -0.01", "veltrane annuity: error: [annuity] i must be >= 0, got -0.01\n"),
-        (ANNUITY + "65 --rate 0.05 --m 5", "veltrane annuity: error: argument --m: invalid choice: 5"),
-        (ANNUITY + "65", "veltrane annuity: error: the following arguments are required: --rate"),
-        (
-            "commutation SULT --sex u --rate -0.5",
-            "veltrane commutation: error: [commutation] i must be >= 0, got -0.5\n",
-        ),
-        ("commutation NOPE --sex u --rate 0.03", "veltrane commutation: error: table 'NOPE' not found"),
-        (
-            "commutation SULT --sex u --rate 0.03 -o /nonexistent/dir/c.csv",
-            "veltrane commutation: error: cannot write /nonexistent/dir/c.csv",
-        ),
-        (
-            "eval SULT --sex u qx 65 --complete",
-            "veltrane eval: error: --complete applies to ex only, not qx\n",
-        ),
-        (EX + "121", f"veltrane eval: error: [ex] {OVER_W} 121.\n"),
+        (ANNUITY + "130 --rate 0.05", f"[annuity] {OVER_W} 130.\n"),
+        (ANNUITY + "65 --rate -0.01", "[annuity] i must be >= 0, got -0.01\n"),
+        (ANNUITY + "65 --rate 0.05 --m 5", "argument --m: invalid choice: 5"),
+        (ANNUITY + "65", "the following arguments are required: --rate"),
+        (COMMUTATION + "-0.5", "[commutation] i must be >= 0, got -0.5\n"),
+        ("commutation NOPE --sex u --rate 0.03", "table 'NOPE' not found"),
+        (COMMUTATION + "0.03 -o /nonexistent/dir/c.csv", "cannot write /nonexistent/dir/c.csv"),
+        ("eval SULT --sex u qx 65 --complete", "--complete applies to ex only, not qx\n"),
+        (EX + "121", f"[ex] {OVER_W} 121.\n"),
     ],
 )
 def test_refusals(capsys, command, message):
     code, out, err = run(capsys, command)
-    assert (code, out) == (2, "") and err.startswith(message) and err.count("\n") == 1
+    assert (code, out) == (2, "") and err.startswith(f"veltrane {command.split()[0]}: error: {message}")
+    assert err.count("\n") == 1

@@ -308,6 +308,7 @@ def test_truncated_and_exhausted_tables(tables):
 
 OVER_W = "All ages x must be <= w (120) for table 'SULT', got"
 WHOLE_PERIODS = "n must be a whole number of payment periods (1/4 of a year), got 2.1"
+NUMBERS = "a number or an array of numbers"
 METHODS = "method must be one of 'exact', 'udd', 'woolhouse', 'woolhouse2', got 'cubic'"
 
 
@@ -342,13 +343,7 @@ METHODS = "method must be one of 'exact', 'udd', 'woolhouse', 'woolhouse2', got 
         (net_premium, (40, 10), {"premium_term": 0}, ValueError, "premium_term must be positive"),
         (net_premium, (40,), {"premium_term": math.nan}, ValueError, "premium_term must be positive"),
         (net_premium, (40, 0), {}, ValueError, "n must be positive"),
-        (
-            net_premium,
-            (40,),
-            {"premium_term": "ten"},
-            TypeError,
-            "premium_term must be a number or an array of numbers",
-        ),
+        (net_premium, (40,), {"premium_term": "ten"}, TypeError, f"premium_term must be {NUMBERS}"),
         (net_premium, (40,), {"endowment": True}, ValueError, "[insurance] an endowment needs a term n"),
     ],
 )

@@ -49,20 +49,18 @@ def test_registration_shadows_files_and_unregister_brings_them_back(tables):
         TableSource.unregister("PER")
 
 
-def test_registering_again_drops_the_unisex_cohort_cache():
-    def register(scale):
-        q, mi = np.array([0.1, 0.2, 0.3, 1.0]) * scale, [0.01] * 4
-        frame = pl.DataFrame({"age": range(4), "qx_m": q, "qx_f": q / 2, "mi_m": mi, "mi_f": mi})
-        meta = {"table_type": "life", "generational": {"formula_type": "compound", "base_year": 2000}}
-        TableSource.from_frame("GENMEM", meta, frame).register()
-
-    register(1.0)
-    first = LifeTable("GENMEM", "u", cohort=1990, unisex_blend=1.0).qx(1)
-    register(0.5)
-    assert LifeTable("GENMEM", "u", cohort=1990, unisex_blend=1.0).qx(1) == pytest.approx(first / 2, rel=1e-9)
+def register_genmem(scale: float) -> None:
+    q, mi = np.array([0.1, 0.2, 0.3, 1.0]) * scale, [0.01] * 4
+    frame = pl.DataFrame({"age": range(4), "qx_m": q, "qx_f": q / 2, "mi_m": mi, "mi_f": mi})
+    meta = {"table_type": "life", "generational": {"formula_type": "compound", "base_year": 2000}}
+    TableSource.from_frame("GENMEM", meta, frame).register()
 
 
 LX = pl.DataFrame({"age": [20, 21, 22], "lx_m": [1000.0, 900.0, 450.0]})
+
+
+def two_ages(**columns) -> pl.DataFrame:
+    return pl.DataFrame({"age": [0, 1], **columns})
 
 
 @pytest.mark.parametrize("kind", ["polars", "pandas"])
@@ -78,10 +76,9 @@ def test_frame_starting_above_zero_and_survivors_become_rates(kind):
 
 def test_pandas_frames_with_repeated_or_mixed_columns_are_refused():
     pd = pytest.importorskip("pandas")
+    repeated = pd.DataFrame([[0, 0.1, 0.2]], columns=["age", "qx_u", "qx_u"])
     with pytest.raises(ValueError, match=r"table 'P': column names repeat"):
-        TableSource.from_frame(
-            "P", {"table_type": "life"}, pd.DataFrame([[0, 0.1, 0.2]], columns=["age", "qx_u", "qx_u"])
-        )
+        TableSource.from_frame("P", {"table_type": "life"}, repeated)
     mixed = pd.DataFrame({"age": [0, 1], "qx_u": [0.1, "x"]})
     with pytest.raises(ValueError, match=r"table 'P': column 'qx_u'"):
         TableSource.from_frame("P", {"table_type": "life"}, mixed)
@@ -100,9 +97,15 @@ def test_file_starting_above_zero_says_how_to_write_it(tables):
         ([0.1, 1.5], {}, "rate 1.5 outside"),
         ({"m": [0.1], "f": [0.1, 0.2]}, {}, "vectors of one length"),
         ([0.1], {"start_age": -1}, "start_age must be a whole number"),
+        ([0.1, 1.0], {"start_age": 10**9}, r"start_age must be a whole number in 0\.\.1000"),
         ([0.1], {"table_type": "death"}, "table_type must be one of"),
         (LX, {"start_age": 10}, "'start_age': 10 lies below the first age given, 20"),
         (LX.with_columns(lx_m=pl.Series([1.0, 2.0, 0.0])), {}, "survivors rise"),
+        (two_ages(age=[10**9, 10**9 + 1], qx_u=[0.1, 1.0]), {}, "first age 1000000000 is above 1000"),
+        (two_ages(lx_u=[0.0, 0.0]), {}, "survivors at the first age must be > 0"),
+        (two_ages(lx_u=[5.0, None]), {}, "row 2: no number"),
+        (two_ages(qx_u=[[0.1], [1.0]]), {}, r"List\(Float64\) column, expected numbers"),
+        (two_ages(age=[20, 22], qx_u=[0.1, 1.0]), {}, "column 'age', row 2: age 22 follows 20"),
     ],
 )
 def test_bad_rates_and_frames_are_refused(data, keys, message):
@@ -126,47 +129,18 @@ def test_unisex_generational_table_uses_its_own_trend(tables):
 
 
 def test_tables_built_before_a_new_registration_keep_their_rates_and_do_not_share_them():
-    def register(scale):
-        q = np.array([0.1, 0.2, 0.3, 1.0]) * scale
-        frame = pl.DataFrame(
-            {"age": range(4), "qx_m": q, "qx_f": q / 2, "mi_m": [0.01] * 4, "mi_f": [0.01] * 4}
-        )
-        meta = {"table_type": "life", "generational": {"formula_type": "compound", "base_year": 2000}}
-        TableSource.from_frame("GENMEM", meta, frame).register()
-
-    register(1.0)
+    register_genmem(1.0)
     old = LifeTable("GENMEM", "u", cohort=1990, unisex_blend=1.0)
-    register(0.5)
+    register_genmem(0.5)  # drops the unisex cohort cache the old registration filled
     new = LifeTable("GENMEM", "u", cohort=1990, unisex_blend=1.0)
-    for year in (1991, 1992):  # the stale table rebuilds first, then the new one, then the other way
-        tables = (old, new) if year == 1991 else (new, old)
-        for table in tables:
+    for year in (1990, 1991, 1992):  # as built; then the stale table rebuilds first; then the new one
+        for table in {1991: (old, new), 1992: (new, old)}.get(year, ()):
             table.cohort = year
         assert new.qx(1) == LifeTable("GENMEM", "m", cohort=year).qx(1)
         assert old.qx(1) == pytest.approx(2 * new.qx(1), rel=1e-9)
 
 
-@pytest.mark.parametrize(
-    ("frame", "message"),
-    [
-        (pl.DataFrame({"age": [10**9, 10**9 + 1], "qx_u": [0.1, 1.0]}), "first age 1000000000 is above 1000"),
-        (pl.DataFrame({"age": [0, 1], "lx_u": [0.0, 0.0]}), "survivors at the first age must be > 0"),
-        (pl.DataFrame({"age": [0, 1], "lx_u": [5.0, None]}), "row 2: no number"),
-        (pl.DataFrame({"age": [0, 1], "qx_u": [[0.1], [1.0]]}), r"List\(Float64\) column, expected numbers"),
-        (
-            pl.DataFrame({"age": [20, 22], "qx_u": [0.1, 1.0]}),
-            "column 'age', row 2: age 22 follows 20",
-        ),  # the caller's row
-    ],
-)
-def test_frames_that_would_be_huge_or_meaningless_are_refused(frame, message):
-    with pytest.raises(ValueError, match=message):
-        TableSource.from_frame("BAD", {"table_type": "life"}, frame)
-
-
-def test_rate_vectors_take_numpy_start_ages_but_not_huge_ones_and_survivors_keep_their_place():
+def test_numpy_start_ages_and_survivors_beside_rates():
     assert TableSource.from_rates("NP", [0.1, 1.0], start_age=np.int64(3)).start_age == 3
-    with pytest.raises(ValueError, match=r"start_age must be a whole number in 0\.\.1000"):
-        TableSource.from_rates("HUGE", [0.1, 1.0], start_age=10**9)
-    frame = pl.DataFrame({"age": [0, 1], "lx_m": [10.0, 5.0], "qx_f": [0.1, 1.0]})
-    assert TableSource.from_frame("MF", {"table_type": "life"}, frame).valid_sexes == ["m", "f"]
+    mixed = two_ages(lx_m=[10.0, 5.0], qx_f=[0.1, 1.0])
+    assert TableSource.from_frame("MF", {"table_type": "life"}, mixed).valid_sexes == ["m", "f"]

@@ -94,17 +94,10 @@ def _operations(t_gen, t_sel, t_blend, pending):
     duration, year, weight, method = np.int64(2), np.int64(1975), float("0.375"), "".join(["p", "x"])
 
     def alternate(obj, attr, a, b):
-        def run():
-            setattr(obj, attr, a)
-            setattr(obj, attr, b)
-
-        return run
+        return lambda: (setattr(obj, attr, a), setattr(obj, attr, b))
 
     def init_refused(**kwargs):
-        def run():
-            DecrementTable.__init__(LifeTable.__new__(LifeTable, name, sex), name, sex, **kwargs)
-
-        return run
+        return lambda: DecrementTable.__init__(LifeTable.__new__(LifeTable, name, sex), name, sex, **kwargs)
 
     def batch(table, a, b):
         def run():

@@ -77,7 +77,6 @@ def kinds(tables):
         ("SEL", {"sex": "m", "duration": 2}),
         ("SEL", {"sex": "u", "duration": "ult", "unisex_blend": 0.75}),
         ("GSEL", {"sex": "f", "duration": 1, "cohort": 1970}),
-        ("PER", {"sex": "m", "pending": False}),
         ("GEN", {"sex": "m", "pending": True}),
         ("SEL", {"cohort": None, "pending": True}),
         ("GEN", {"unisex_blend": 0.4, "pending": True}),

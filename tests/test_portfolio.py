@@ -89,23 +89,16 @@ def test_a_sample_of_bundled_policies_against_the_table_functions():
     specs = [("SULT", "u"), ("SSSM", "u"), ("IAM2012", "f"), ("CSO2017", "m"), ("RP2014HA", "m")]
     specs += [("VBT2015UM", "m")]  # its file gives q = 0.5 at the last age, where qx is 1
     rows = [
-        {
-            "table_name": name,
-            "sex": sex,
-            "age": int(rng.integers(20, 124)),
-            "duration": int(rng.integers(1, 30)),
-        }
-        for name, sex in specs * 6
+        {"table_name": n, "sex": s, "age": int(rng.integers(20, 124)), "duration": int(rng.integers(1, 30))}
+        for n, s in specs * 6
     ]
     years = 8
     result = project(pl.DataFrame(rows).with_columns(cohort=pl.lit(1950)), years, what=("qx", "tpx"))
     fine = {"qx": 15, "tpx": 15, "lx": 15}  # as good as unrounded
     for row, qx, tpx in zip(rows, result["qx"], result["tpx"], strict=True):
         source, x, d = TableSource(row["table_name"]), row["age"], row["duration"]
-        select = {"duration": 1} if source.select else {}
-        table = LifeTable(
-            row["table_name"], row["sex"], cohort=1950 if source.generational else None, **select
-        )
+        keys = {"cohort": 1950 if source.generational else None} | ({"duration": 1} if source.select else {})
+        table = LifeTable(row["table_name"], row["sex"], **keys)
         # A select duration past the period is ultimate; past w nothing is read from the path.
         path = (
             table.select_path(min(x - min(d - 1, source.select_period), table.w)) if source.select else table
@@ -139,52 +132,52 @@ def test_each_distinct_table_is_built_once(book):
 
 
 BASE = {"table_name": ["SULT", "SSSM"], "sex": ["u", "u"], "age": [40, 50], "duration": [None, 1]}
-
-
 GEN = {"table_name": ["SULT", "GEN"], "sex": ["u", "m"], "duration": [None, None]}
 ONE = {"table_name": ["SULT", "SULT"], "sex": ["u", "u"], "age": [40, 50]}
+DURATION = "column 'duration', row "
+
+# fmt: off
+BAD_POLICIES = [  # changes to BASE (None drops a column), the message
+    ({"sex": None}, r"columns needed: 'sex';"),
+    ({"age": None}, "columns needed: one of 'age' \\(at the start\\) and 'issue_age'"),
+    ({"issue_age": [40, 50]}, "one of 'age' .* and 'issue_age' .*, not both"),
+    ({"issue_year": [2000, 2000]}, "'issue_year' is the calendar year of issue and needs 'issue_age'"),
+    ({"table_name": ["SULT", "NOPE"]}, "column 'table_name', row 1: unknown table 'NOPE'"),
+    ({"sex": ["u", "x"]}, "column 'sex', row 1: 'x' is not one of"),
+    ({"age": [40, -1]}, "column 'age', row 1: -1 is negative"),
+    ({"age": [40.5, 50.0]}, "column 'age', row 0: 40.5 is not a whole number"),
+    ({"age": [40.0, 1e300]}, r"column 'age', row 1: 1e\+300 is out of range"),
+    ({"duration": pl.Series([None, 2**63], dtype=pl.UInt64)}, DURATION + "1: .* out of range"),
+    ({"age": [None, 50]}, "column 'age', row 0: missing value"),
+    ({"duration": [None, None]}, DURATION + "1: a select table needs a select duration"),
+    ({"duration": [None, 0]}, DURATION + "1: 0 is below the table's first select duration 1"),
+    ({"age": None, "issue_age": [40, 50], "duration": [0, 1]}, DURATION + "0: 0 is not a policy year"),
+    ({"sex": ["m", "u"]}, "row 0: table 'SULT' cannot be built for sex 'm'"),
+    ({"unisex_blend": [0.5, None], "sex": ["m", "u"]}, "column 'unisex_blend', row 0: a blend is only valid"),
+    ({"unisex_blend": [None, 1.5]}, r"column 'unisex_blend', row 1: 1.5 is not in \[0.0, 1.0\]"),
+    ({"table_name": [1, 2]}, "column 'table_name' must hold text"),
+    (GEN | {"cohort": [None, None]}, "column 'cohort', row 1: a generational table needs a year of birth"),
+    (GEN | {"age": None, "issue_age": [40, 2], "cohort": [None, 1960], "issue_year": [None, 1970]},
+     "column 'cohort', row 1: 1960 disagrees with issue_year - issue_age = 1968"),
+]
+# pandas marks a missing text with NaN in an object column; a number there is no table name.
+BAD_ARGUMENTS = [  # policies, keyword arguments, the exception, its message
+    (BASE, {"years": 0}, ValueError, "years must be a whole number"),
+    (BASE, {"what": ("qx", "ex")}, ValueError, "what must name one or more of"),
+    (BASE, {"block_size": 0}, ValueError, "block_size must be a positive whole number"),
+    ([1, 2, 3], {}, TypeError, "policies must be a polars or pandas DataFrame"),
+    (BASE, {"workers": 0}, ValueError, "workers must be a positive whole number or None, got 0"),
+    (BASE, {"workers": 2.5}, ValueError, "workers must be a positive whole number or None, got 2.5"),
+    (MappingProxyType(BASE | {"age": [40]}), {}, ValueError, "policies: the columns do not make a frame"),
+    (pd.DataFrame(ONE | {"table_name": ["SULT", None]}), {}, ValueError,
+     "'table_name', row 1: missing value"),
+    (pd.DataFrame(ONE | {"table_name": ["SULT", 5]}), {}, ValueError, "'table_name' mixes kinds of values"),
+    (pd.DataFrame([["SULT", "u", 40, 41]], columns=[*ONE, "age"]), {}, ValueError, "column names repeat"),
+]
+# fmt: on
 
 
-@pytest.mark.parametrize(
-    ("change", "message"),
-    [
-        ({"sex": None}, r"columns needed: 'sex';"),
-        ({"age": None}, "columns needed: one of 'age' \\(at the start\\) and 'issue_age'"),
-        ({"issue_age": [40, 50]}, "one of 'age' .* and 'issue_age' .*, not both"),
-        ({"issue_year": [2000, 2000]}, "'issue_year' is the calendar year of issue and needs 'issue_age'"),
-        ({"table_name": ["SULT", "NOPE"]}, "column 'table_name', row 1: unknown table 'NOPE'"),
-        ({"sex": ["u", "x"]}, "column 'sex', row 1: 'x' is not one of"),
-        ({"age": [40, -1]}, "column 'age', row 1: -1 is negative"),
-        ({"age": [40.5, 50.0]}, "column 'age', row 0: 40.5 is not a whole number"),
-        ({"age": [40.0, 1e300]}, r"column 'age', row 1: 1e\+300 is out of range"),
-        (
-            {"duration": pl.Series([None, 2**63], dtype=pl.UInt64)},
-            "column 'duration', row 1: .* out of range",
-        ),
-        ({"age": [None, 50]}, "column 'age', row 0: missing value"),
-        ({"duration": [None, None]}, "column 'duration', row 1: a select table needs a select duration"),
-        ({"duration": [None, 0]}, "column 'duration', row 1: 0 is below the table's first select duration 1"),
-        (
-            {"age": None, "issue_age": [40, 50], "duration": [0, 1]},
-            "column 'duration', row 0: 0 is not a policy year",
-        ),
-        ({"sex": ["m", "u"]}, "row 0: table 'SULT' cannot be built for sex 'm'"),
-        (
-            {"unisex_blend": [0.5, None], "sex": ["m", "u"]},
-            "column 'unisex_blend', row 0: a blend is only valid",
-        ),
-        ({"unisex_blend": [None, 1.5]}, r"column 'unisex_blend', row 1: 1.5 is not in \[0.0, 1.0\]"),
-        ({"table_name": [1, 2]}, "column 'table_name' must hold text"),
-        (
-            GEN | {"cohort": [None, None]},
-            "column 'cohort', row 1: a generational table needs a year of birth",
-        ),
-        (
-            GEN | {"age": None, "issue_age": [40, 2], "cohort": [None, 1960], "issue_year": [None, 1970]},
-            "column 'cohort', row 1: 1960 disagrees with issue_year - issue_age = 1968",
-        ),
-    ],
-)
+@pytest.mark.parametrize(("change", "message"), BAD_POLICIES)
 def test_bad_policies_name_column_and_row(standard, change, message):
     columns = {**BASE, **change}
     frame = pl.DataFrame({k: v for k, v in columns.items() if v is not None}, strict=False)
@@ -192,32 +185,7 @@ def test_bad_policies_name_column_and_row(standard, change, message):
         project(frame, 3)
 
 
-@pytest.mark.parametrize(
-    ("policies", "kwargs", "error", "message"),
-    [
-        (BASE, {"years": 0}, ValueError, "years must be a whole number"),
-        (BASE, {"what": ("qx", "ex")}, ValueError, "what must name one or more of"),
-        (BASE, {"block_size": 0}, ValueError, "block_size must be a positive whole number"),
-        ([1, 2, 3], {}, TypeError, "policies must be a polars or pandas DataFrame"),
-        (BASE, {"workers": 0}, ValueError, "workers must be a positive whole number or None, got 0"),
-        (BASE, {"workers": 2.5}, ValueError, "workers must be a positive whole number or None, got 2.5"),
-        (MappingProxyType(BASE | {"age": [40]}), {}, ValueError, "policies: the columns do not make a frame"),
-        # pandas marks a missing text with NaN in an object column; a number there is no table name.
-        (
-            pd.DataFrame(ONE | {"table_name": ["SULT", None]}),
-            {},
-            ValueError,
-            "'table_name', row 1: missing value",
-        ),
-        (
-            pd.DataFrame(ONE | {"table_name": ["SULT", 5]}),
-            {},
-            ValueError,
-            "'table_name' mixes kinds of values",
-        ),
-        (pd.DataFrame([["SULT", "u", 40, 41]], columns=[*ONE, "age"]), {}, ValueError, "column names repeat"),
-    ],
-)
+@pytest.mark.parametrize(("policies", "kwargs", "error", "message"), BAD_ARGUMENTS)
 def test_bad_arguments(policies, kwargs, error, message):
     with pytest.raises(error, match=message):
         project(pl.DataFrame(policies) if isinstance(policies, dict) else policies, **{"years": 3, **kwargs})

@@ -4,6 +4,7 @@ half-right, never a crash, a hang or a huge allocation."""
 from __future__ import annotations
 
 import os
+import re
 from pathlib import Path
 
 import polars as pl
@@ -86,14 +87,9 @@ def test_usual_number_forms_and_a_byte_order_mark_load(tables):
 @pytest.mark.parametrize("age", [1e20, -(2.0**70), 10**18])
 def test_ages_beyond_int64_are_refused(tables, age):
     message = _frame_refusal({}, age=[0.0, age], qx_u=[0.1, 1.0])
-    assert message.startswith("table 'mem': column 'age', row 2: age ") and message.endswith(
-        " is out of range"
-    )
+    assert re.fullmatch(r"table 'mem': column 'age', row 2: age .* is out of range", message, re.S)
     _pair(tables.directory, LIFE_M, f"age,qx_m\n0,0.1\n{int(age)},0.2\n")
-    with pytest.raises(
-        ValueError, match=r"column 'age', line 3: age .* is (out of range|not a whole number)"
-    ):
-        TableSource("T")
+    assert re.search(r"column 'age', line 3: age .* is (out of range|not a whole number)", _refusal())
 
 
 # -- encodings and nesting --------------------------------------------------------------------------
@@ -181,15 +177,10 @@ def test_metadata_out_of_bounds_is_refused(tables, toml, key, problem):
     assert message.startswith(f"{path}: key {key!r}: ") and problem in message
 
 
-@pytest.mark.parametrize(
-    "toml",
-    [
-        GEN + "base_year = 1000\n",
-        GEN + "base_year = 3000\n",
-        YEARS + "[1000, 3000]\n",
-        SEL + "period = 200\nstart_duration = 200\n",
-    ],
-)
+AT_BOUNDS = [GEN + "base_year = 1000\n", GEN + "base_year = 3000\n", YEARS + "[1000, 3000]\n"]
+
+
+@pytest.mark.parametrize("toml", [*AT_BOUNDS, SEL + "period = 200\nstart_duration = 200\n"])
 def test_metadata_at_the_bounds_loads(tables, toml):
     columns = "qx_m_ult" if "[select]" in toml else "qx_m"
     _pair(tables.directory, toml, f"age,{columns}\n0,0.1\n")

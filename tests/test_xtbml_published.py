@@ -62,9 +62,8 @@ def test_2017_cso_gives_the_published_rate_at_every_issue_age_and_duration(out, 
             want = [select[(i, d)] for i in issue]
             np.testing.assert_array_equal(LifeTable("CSO", sex, duration=d).qx(issue + d - 1), want)
         ages = np.array(sorted(a for (a,) in ultimate))
-        np.testing.assert_array_equal(
-            LifeTable("CSO", sex, duration=26).qx(ages), [ultimate[(a,)] for a in ages]
-        )
+        want = [ultimate[(a,)] for a in ages]
+        np.testing.assert_array_equal(LifeTable("CSO", sex, duration=26).qx(ages), want)
 
 
 def test_2012_iam_with_scale_g2_projects_compound(out):
@@ -80,11 +79,8 @@ def test_2012_iam_with_scale_g2_projects_compound(out):
 def test_pri_2012_with_mp_2020_projects_year_by_year(out):
     import_xtbml(SOA / "t3534.xml", "PRI", out, scale=SOA / "t3610.xml")
     got = TableSource("PRI")
-    assert (got.start_age, got.base_year, got.generational_formula_type) == (
-        50,
-        2012,
-        "projected_improvement",
-    )
+    want = (50, 2012, "projected_improvement")
+    assert (got.start_age, got.base_year, got.generational_formula_type) == want
     base, mp = cells("t3534"), cells("t3610")
     table = LifeTable("PRI", "m", cohort=1955)
     age = 70  # calendar year 2025
