@@ -172,9 +172,10 @@ def test_process_errors_and_warnings_are_single_lines(tmp_path):
 
 
 def test_tables_search_ignores_case_and_needs_every_word(capsys, tables):
-    tables.write("ALPHA", {"table_type": "life", "description": "Select Assured Lives"}, {"qx_u": [0.1, 1.0]})
+    # Bundled tables hold "select" too, none "wombat": every word must match.
+    tables.write("ALPHA", {"table_type": "life", "description": "Select Wombat Lives"}, {"qx_u": [0.1, 1.0]})
     tables.write("BETA", {"table_type": "life", "description": "Quokka colony"}, {"qx_u": [0.1, 1.0]})
-    for words, names in [(["assured", "SELECT"], ["ALPHA"]), (["QUOKKA"], ["BETA"])]:
+    for words, names in [(["wombat", "SELECT"], ["ALPHA"]), (["QUOKKA"], ["BETA"])]:
         code, out, _ = run(capsys, "tables", "--search", *words)
         assert code == 0 and [line.split()[0] for line in out.splitlines()[1:]] == names
     assert run(capsys, "tables", "--search", "nothing-like-it")[1] == "No tables match.\n"
