@@ -2,10 +2,12 @@
 
 from __future__ import annotations
 
+import csv
 import importlib.util
 import math
 import sys
 import xml.etree.ElementTree as ET
+from decimal import ROUND_HALF_UP, Decimal
 from pathlib import Path
 
 import numpy as np
@@ -41,6 +43,23 @@ def xtbml_values(name: str, block: int = 0) -> np.ndarray:
     return np.array([float(y.text) for y in table.iter("Y")])
 
 
+def xtbml_cells(name: str, block: int = 0) -> dict[tuple[int, ...], float]:
+    """The cells of an XTbML table keyed by their labels, outer axis first: (age,), (issue age,
+    duration) or (age, year) (read here without the project's reader, like ``xtbml_values``)."""
+    cells: dict[tuple[int, ...], float] = {}
+
+    def walk(node: ET.Element, key: tuple[int, ...]) -> None:
+        for child in node:
+            label = (int(child.get("t")),) if child.get("t") else ()
+            if child.tag == "Y":
+                cells[key + label] = float(child.text)
+            else:
+                walk(child, key + label)
+
+    walk(ET.parse(RAW / "soa-xtbml" / name).getroot().findall("Table")[block].find("Values"), ())
+    return cells
+
+
 @needs_raw
 def test_bundled_files_are_what_the_raw_files_give():
     assert generator().main(["--check", str(RAW)]) == 0
@@ -60,12 +79,14 @@ def test_avoe_columns_are_the_published_ones(sex, base_file, trend_file):
 
 DAMPED = lambda lam, years: math.exp(-lam * 100 * math.atan(years / 100))  # noqa: E731
 LOG_LINEAR = lambda lam, years: math.exp(-lam * years)  # noqa: E731
+COMPOUND = lambda lam, years: (1 - lam) ** years  # noqa: E731
 
 
 @pytest.mark.parametrize(
     ("name", "sex", "base_year", "factor"),
     [("AVOE2005R", sex, 2001, DAMPED) for sex in "mfu"]
-    + [("DAV2004R", sex, 1999, LOG_LINEAR) for sex in "mf"],
+    + [("DAV2004R", sex, 1999, LOG_LINEAR) for sex in "mf"]
+    + [("GAR94", sex, 1994, COMPOUND) for sex in "mf"],
 )
 def test_generational_cohorts_follow_the_publisher_formula(name, sex, base_year, factor):
     data = TableSource(name).data
@@ -116,3 +137,68 @@ def test_dav1994r_cohort_1935_rates_and_annuities_are_the_published_ones():
         table = LifeTable("DAV1994R", sex, cohort=1935)
         np.testing.assert_allclose(table.qx(ages), printed[:, column], rtol=0, atol=5e-13)
         np.testing.assert_allclose(annuity(table, ages, i=0.04), printed[:, 2 + column], rtol=1e-13, atol=0)
+
+
+@needs_raw
+def test_am92_columns_are_the_published_cells():
+    data = TableSource("AM92").data
+    select, ultimate = xtbml_cells("t2360.xml"), xtbml_cells("t2360.xml", block=1)
+    # Select columns by attained age: issue age x in policy year d is row x + d - 1.
+    assert {(x, d): data[f"qx_m_s{d}"][x + d - 1] for x, d in select} == select
+    assert {(x,): data["qx_m_ult"][x] for (x,) in ultimate} == ultimate
+    # The other printing of AM92, ages 17-90: its column is q_[x], the first policy year's rate
+    # (0.001971 at 50), not the ultimate q_x (0.002508).
+    printed = np.genfromtxt(RAW / "lifecontingencies" / "demoUk.csv", delimiter=",", skip_header=1)
+    assert printed[0, 0] == 17 and printed[-1, 0] == 90
+    np.testing.assert_array_equal(LifeTable("AM92", "m", duration=1).qx(printed[:, 0]), printed[:, 1])
+
+
+@needs_raw
+@pytest.mark.parametrize(("sex", "second", "first"), [("m", 4, 7), ("f", 14, 17)])
+def test_dav2008t_is_the_second_order_aggregate_table_loaded_by_34_percent(sex, second, first):
+    path = RAW / "r-mortality-tables" / "Germany_Endowments_DAV2008T.csv"
+    with path.open(encoding="utf-8", newline="") as handle:
+        rows = list(csv.reader(handle))[5:]
+    ours = LifeTable("DAV2008T", sex).qx(np.arange(len(rows), dtype=float))
+    np.testing.assert_array_equal(ours, [float(row[first]) for row in rows])
+    # Exact decimal arithmetic: 1.34 q ends in a 5 at some ages, and the printed rates round it up.
+    loaded = [
+        (Decimal(row[second]) * Decimal("1.34")).quantize(Decimal("1e-6"), ROUND_HALF_UP) for row in rows
+    ]
+    np.testing.assert_array_equal(ours, [float(min(q, Decimal(1))) for q in loaded])
+
+
+@needs_raw
+def test_gar94_columns_are_the_published_ones_from_age_1():
+    printed = np.genfromtxt(
+        RAW / "r-mortality-tables" / "USA_Annuities_1994GAR.csv", delimiter=",", skip_header=4
+    )
+    assert printed[0, 0] == 1
+    source = TableSource("GAR94")
+    assert (source.start_age, source.w) == (1, 120)
+    for sex, (q, aa) in {"m": (1, 2), "f": (3, 4)}.items():
+        np.testing.assert_array_equal(source.data[f"qx_{sex}"].to_numpy(), [0.0, *printed[:, q]])
+        np.testing.assert_array_equal(source.data[f"mi_{sex}"].to_numpy()[1:], printed[:, aa])
+
+
+@needs_raw
+@pytest.mark.parametrize(
+    ("sex", "base_file", "scale_file"), [("m", "t3534.xml", "t3610.xml"), ("f", "t3533.xml", "t3609.xml")]
+)
+def test_pri2012r_projects_year_by_year_with_mp2020(sex, base_file, scale_file):
+    base, mp = xtbml_cells(base_file), xtbml_cells(scale_file)
+    last = max(year for _, year in mp)  # the scale: "rates for years after 2036 are equal to [those of] 2036"
+
+    def kept(age: int, years: range) -> float:
+        return math.prod(1 - mp[age, min(year, last)] for year in years)
+
+    for cohort in (1925, 1950, 1962, 1990):  # calendar years 1975 to 2109
+        table = LifeTable("PRI2012R", sex, cohort=cohort)
+        for age in (50, 65, 80, 95, 119):
+            year = cohort + age
+            if year >= 2012:
+                want = base[age,] * kept(age, range(2013, year + 1))
+            else:  # back from 2012 through the scale's historical rates
+                want = base[age,] / kept(age, range(year + 1, 2013))
+            assert table.qx(age) == pytest.approx(want, rel=1e-11, abs=1e-12)
+        assert (table.qx(49), table.qx(table.w)) == (0.0, 1.0)

@@ -59,10 +59,16 @@ def column(rows: list[list[str]], index: int) -> list[float]:
 
 
 def ages_of(rows: list[list[str]]) -> list[int]:
+    """The rows' ages: whole numbers from the first published age, without gaps."""
     ages = [int(row[0]) for row in rows]
-    if ages != list(range(len(ages))):
-        raise ValueError(f"ages must run 0, 1, 2, ... without gaps, got {ages[:5]}...")
+    if not ages or ages != list(range(ages[0], ages[0] + len(ages))):
+        raise ValueError(f"ages must run on by one without gaps, got {ages[:5]}...")
     return ages
+
+
+def from_age_0(values: list[float], first: int) -> list[float]:
+    """A column published from age ``first``, with 0 below it, where the table says nothing."""
+    return [0.0] * first + values
 
 
 # -- the entries -------------------------------------------------------------------------------
@@ -76,20 +82,26 @@ def generational(
 ) -> Built:
     """A generational life table whose base rates and trends are columns of the rows given.
 
-    ``columns_by_sex`` maps each sex to (rate column, trend column).
+    ``columns_by_sex`` maps each sex to (rate column, trend column). Rows that start above age 0
+    make a table from age 0 with ``start_age`` at the first published age.
     """
-    ages = ages_of(rates)
-    if ages_of(trends) != ages:
+    published = ages_of(rates)
+    if ages_of(trends) != published:
         raise ValueError(f"{source['name']}: the rate and trend rows cover different ages")
-    columns: Columns = {"age": ages}
-    columns |= {f"qx_{sex}": column(rates, q) for sex, (q, _) in columns_by_sex.items()}
-    columns |= {f"mi_{sex}": column(trends, mi) for sex, (_, mi) in columns_by_sex.items()}
+    first, omega = published[0], published[-1]
+    columns: Columns = {"age": list(range(omega + 1))}
+    for kind, rows, index in (("qx", rates, 0), ("mi", trends, 1)):
+        columns |= {
+            f"{kind}_{sex}": from_age_0(column(rows, pair[index]), first)
+            for sex, pair in columns_by_sex.items()
+        }
     metadata = {
         "table_type": "life",
         "description": description,
         "sexes": list(columns_by_sex),
         "sex_independent": False,
-        "omega": ages[-1],
+        "omega": omega,
+        **({"start_age": first} if first else {}),
         "generational": generation,
         "source": source,
     }
@@ -186,6 +198,66 @@ def iam_2012_g2(raw: Path) -> Built:
     )
 
 
+def gar_1994_aa(raw: Path) -> Built:
+    """1994 GAR with Projection Scale AA, generational from 1994; published from age 1."""
+    rows = csv_rows(raw / "r-mortality-tables" / "USA_Annuities_1994GAR.csv", 4)
+    # Columns: age, q (m), AA (m), q (f), AA (f), then the unloaded 1994 GAM Basic (m, f), not used.
+    return generational(
+        rows,
+        rows,
+        {"m": (1, 2), "f": (3, 4)},
+        {"formula_type": "compound", "base_year": 1994},
+        "1994 Group Annuity Reserving Table with Projection Scale AA, generational: the 1994 GAR "
+        "rates (the loaded valuation table; the file's unloaded 1994 GAM Basic is not bundled) "
+        "projected with Scale AA, q(x, Y) = q(x, 1994) (1 - AA(x))^(Y - 1994) for Y = cohort + x. "
+        "Published from age 1 to 120, closed by q(120) = 1; rates are 0 at age 0 (start_age), "
+        "where the table says nothing.",
+        {
+            "name": "1994 Group Annuity Reserving Table (1994 GAR) with Projection Scale AA",
+            "authority": "Society of Actuaries, Group Annuity Valuation Table Task Force; "
+            "adopted by the NAIC",
+            "reference": "1994 Group Annuity Mortality Table and 1994 Group Annuity Reserving Table "
+            "(Transactions of the Society of Actuaries, 1995), with Projection Scale AA",
+            "year": 1994,
+        },
+    )
+
+
+def dav_2008t(raw: Path) -> Built:
+    """DAV 2008 T aggregate table, first order: a period table for death benefits."""
+    rows = csv_rows(raw / "r-mortality-tables" / "Germany_Endowments_DAV2008T.csv", 5)
+    # Men in columns 0-9, women in 10-19, each: age, smoker share, smoker excess mortality,
+    # non-smoker factor, second order (aggregate, non-smoker, smoker), first order (the same three).
+    ages = ages_of(rows)
+    if ages[0] != 0 or [int(row[10]) for row in rows] != ages:
+        raise ValueError("DAV 2008 T: the men's and women's blocks must both run from age 0")
+    q = {"m": column(rows, 7), "f": column(rows, 17)}
+    certain = {
+        sex: next(x for x, rate in zip(ages, rates, strict=True) if rate >= 1) for sex, rates in q.items()
+    }
+    metadata = {
+        "table_type": "life",
+        "description": (
+            "DAV 2008 T mortality for death benefits, aggregate table (smokers and non-smokers "
+            "together), first order (valuation basis): the second-order aggregate rates with the "
+            "34 % safety loading, q = min(1, 1.34 q2(x)) rounded to 6 decimals. A period table, "
+            f"ages 0-{ages[-1]}; the loading makes the rates 1 from age {certain['m']} (men) and "
+            f"{certain['f']} (women)."
+        ),
+        "sexes": ["m", "f"],
+        "sex_independent": False,
+        "omega": ages[-1],
+        "source": {
+            "name": "DAV-Sterbetafel 2008 T (Aggregattafel, 1. Ordnung)",
+            "authority": "Deutsche Aktuarvereinigung (DAV)",
+            "reference": "DAV 2008 T: aggregate, non-smoker and smoker tables, second order and first "
+            "order (aggregate: 34 % loading)",
+            "year": 2008,
+        },
+    }
+    return metadata, {"age": ages} | {f"qx_{sex}": rates for sex, rates in q.items()}
+
+
 def rp_2014_healthy_annuitant(raw: Path) -> Built:
     """RP-2014 healthy annuitant rates (total dataset), ages 50-120."""
     rows = csv_rows(raw / "r-mortality-tables" / "USA_PensionPlans_RP2014.csv", 4)
@@ -218,15 +290,30 @@ def rp_2014_healthy_annuitant(raw: Path) -> Built:
     return metadata, columns
 
 
-def from_xtbml(files: tuple[str, ...], description: str, **options: Any) -> Callable[[Path], Built]:
-    """An entry read by the XTbML importer from the SOA table service files, one per sex."""
+def from_xtbml(
+    files: tuple[str, ...],
+    description: str,
+    source: dict[str, Any] | None = None,
+    *,
+    scales: tuple[str, ...] = (),
+    **options: Any,
+) -> Callable[[Path], Built]:
+    """An entry read by the XTbML importer from the SOA table service files, one per sex.
+
+    ``source`` adds to (or replaces keys of) the ``[source]`` the importer reads from the files;
+    ``scales`` are projection-scale files of the same folder, one per sex.
+    """
 
     def build(raw: Path) -> Built:
         from veltrane.tables.xtbml import read_xtbml
 
-        table = read_xtbml([raw / "soa-xtbml" / f for f in files], "CATALOGUE", **options)
+        folder = raw / "soa-xtbml"
+        scale = {"scale": [folder / f for f in scales]} if scales else {}
+        table = read_xtbml([folder / f for f in files], "CATALOGUE", **scale, **options)
         metadata = {**table.metadata, "description": description}
         metadata["sex_independent"] = False
+        if source:
+            metadata["source"] = {**metadata["source"], **source}
         return metadata, {k: v.tolist() for k, v in table.columns.items()}
 
     return build
@@ -255,6 +342,19 @@ RP_2014_DISABLED = (
     "disabled state, read as a life table; it is not a table of disability incidence."
 )
 
+AM_92 = (
+    "AM92 assured lives mortality, males, from the 1991-94 experience of permanent assurances "
+    "(whole life and endowment): 2-year select period by issue age 17-90, select columns by "
+    "attained age, ultimate rates from age 19; ages 17-120, closed by q(120) = 1."
+)
+PRI_2012_RETIREE = (
+    "Pri-2012 retiree mortality (amount-weighted, total dataset) with Scale MP-2020, generational: "
+    "the 2012 rates projected year by year, q(x, Y) = q(x, 2012) prod_{y=2013..Y} (1 - MP(x, y)) "
+    "for Y = cohort + x after 2012 (and divided by prod_{y=Y+1..2012} (1 - MP(x, y)) before it); "
+    "the scale's 2036 rates hold for later years, as the scale says. Published from age 50 to 120, "
+    "closed by q(120) = 1; rates are 0 below age 50 (start_age), where the table says nothing."
+)
+
 
 CATALOGUE: tuple[Entry, ...] = (
     Entry(
@@ -274,6 +374,30 @@ CATALOGUE: tuple[Entry, ...] = (
     Entry("IAM2012", iam_2012_g2),
     Entry("RP2014HA", rp_2014_healthy_annuitant),
     Entry("RP2014DR", from_xtbml(("t3123.xml", "t3124.xml"), RP_2014_DISABLED, part=3)),
+    Entry(
+        "AM92",
+        from_xtbml(
+            ("t2360.xml",),
+            AM_92,
+            {
+                "authority": "Continuous Mortality Investigation (Institute and Faculty of Actuaries)",
+                "year": 1999,
+            },
+            sex="m",  # the file's name, "AM92", states no sex
+        ),
+    ),
+    Entry("DAV2008T", dav_2008t),
+    Entry("GAR94", gar_1994_aa),
+    Entry(
+        "PRI2012R",
+        from_xtbml(
+            ("t3534.xml", "t3533.xml"),
+            PRI_2012_RETIREE,
+            {"authority": "Society of Actuaries, Retirement Plans Experience Committee", "year": 2020},
+            scales=("t3610.xml", "t3609.xml"),
+            base_year=2012,
+        ),
+    ),
 )
 
 
