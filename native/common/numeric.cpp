@@ -362,4 +362,26 @@ bool all_integer_valued(std::span<const double> values) noexcept {
     return true;
 }
 
+std::string number_text(double v) {
+    if (std::isfinite(v) && v == std::floor(v) && std::fabs(v) < 1e15) {
+        return std::to_string(static_cast<long long>(v));
+    }
+    py::ref f = py::check(PyFloat_FromDouble(v));
+    py::ref r = py::check(PyObject_Repr(f.get()));
+    Py_ssize_t size = 0;
+    const char* text = PyUnicode_AsUTF8AndSize(r.get(), &size);
+    if (text == nullptr) py::throw_error_set();
+    return std::string(text, static_cast<std::size_t>(size));
+}
+
+int payment_frequency(PyObject* m, std::string_view method) {
+    static constexpr int kFrequencies[] = {1, 2, 3, 4, 6, 12};
+    const double v = validate_scalar(m, "m", method);
+    for (int f : kFrequencies) {
+        if (v == f) return f;
+    }
+    py::raise_str(PyExc_ValueError,
+                  "[" + std::string(method) + "] m must be one of 1, 2, 3, 4, 6, 12, got " + number_text(v));
+}
+
 }  // namespace veltrane::numeric

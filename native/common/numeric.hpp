@@ -7,6 +7,7 @@
 #include "pyutil/numpy.hpp"
 
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace veltrane::numeric {
@@ -54,6 +55,15 @@ py::ref as_f64_read_only(PyObject* value);
 // [-eps, 1 + eps] (or NaN); otherwise clamps every element into [0, 1] in place.
 void check_unit_interval(std::span<double> p, std::string_view caller);
 [[noreturn]] void raise_outside_unit_interval(double p, std::string_view caller);
+
+// A number as messages show it: a whole number without a decimal point, anything else as
+// Python's repr of the float.
+std::string number_text(double v);
+
+// The payment frequency m per year: one of 1, 2, 3, 4, 6, 12 (the choices of
+// `PaymentFrequencyLiteral` in veltrane.base; a test keeps the two lists in step). Raises
+// ValueError "[method] m must be one of 1, 2, 3, 4, 6, 12, got {m}" otherwise.
+int payment_frequency(PyObject* m, std::string_view method);
 
 bool all_finite(std::span<const double> values) noexcept;
 bool all_integer_valued(std::span<const double> values) noexcept;

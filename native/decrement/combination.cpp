@@ -7,6 +7,7 @@
 
 #include "decrement/arguments.hpp"
 #include "kernels/modify.hpp"
+#include "pyutil/module_functions.hpp"
 
 #include <memory>
 
@@ -508,12 +509,6 @@ PyMethodDef helper_defs[] = {
 
 }  // namespace
 
-void bind_combination_helpers(PyObject* module) {
-    py::ref module_name = py::check(PyModule_GetNameObject(module));
-    for (PyMethodDef& def : helper_defs) {
-        py::ref function = py::check(PyCMethod_New(&def, module, module_name.get(), nullptr));
-        py::require(PyModule_AddObjectRef(module, def.ml_name, function.get()));
-    }
-}
+void bind_combination_helpers(PyObject* module) { py::add_functions(module, helper_defs); }
 
 }  // namespace veltrane::decrement

@@ -4,6 +4,7 @@
 #include "decrement/contingencies.hpp"
 
 #include "decrement/arguments.hpp"
+#include "pyutil/module_functions.hpp"
 
 #include <cmath>
 #include <string>
@@ -13,16 +14,7 @@ namespace contingencies {
 
 namespace {
 
-constexpr int kFrequencies[] = {1, 2, 3, 4, 6, 12};
-
-std::string number_text(double v) {
-    if (std::isfinite(v) && v == std::floor(v) && std::fabs(v) < 1e15) {
-        return std::to_string(static_cast<long long>(v));
-    }
-    py::ref f = py::check(PyFloat_FromDouble(v));
-    py::ref r = py::check(PyObject_Repr(f.get()));
-    return utf8(r.get());
-}
+using numeric::number_text;
 
 [[noreturn]] void refuse(std::string_view method, const std::string& what, double got) {
     py::raise_str(PyExc_ValueError, "[" + std::string(method) + "] " + what + ", got " + number_text(got));
@@ -93,14 +85,6 @@ kernels::Interest interest(PyObject* table, PyObject* i, const char* method) {
     const double rate = numeric::validate_scalar(i, "i", method);
     if (rate < 0.0) refuse(method, from_table ? "i (the table's interest_rate) must be >= 0" : "i must be >= 0", rate);
     return kernels::Interest(rate);
-}
-
-int frequency(PyObject* m, const char* method) {
-    const double v = numeric::validate_scalar(m, "m", method);
-    for (int f : kFrequencies) {
-        if (v == f) return f;
-    }
-    refuse(method, "m must be one of 1, 2, 3, 4, 6, 12", v);
 }
 
 // A number of years >= 0 that is a whole number of periods of 1/per_year years.
@@ -185,7 +169,7 @@ PyObject* annuity(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyO
         const actuarial::Values x = checked_ages(t, a.values[1], "annuity");
         const kernels::Interest r = interest(a.values[0], a.values[3], "annuity");
         const bool due = a.given(4) ? flag(a.values[4], "annuity", "due") : true;
-        const int m = a.given(5) ? frequency(a.values[5], "annuity") : 1;
+        const int m = a.given(5) ? numeric::payment_frequency(a.values[5], "annuity") : 1;
         const Method method = annuity_method(a.values[7]);
         // The exact sums take terms in payment periods; the approximations work on annual annuities.
         const int per_year = method == Method::exact ? m : 1;
@@ -216,7 +200,7 @@ PyObject* insurance(PyObject* module, PyObject* const* args, Py_ssize_t nargs, P
         const kernels::Interest r = interest(a.values[0], a.values[3], "insurance");
         // m = None: paid at the moment of death.
         const bool continuous = a.given(4) && a.values[4] == Py_None;
-        const int m = a.given(4) && !continuous ? frequency(a.values[4], "insurance") : 1;
+        const int m = a.given(4) && !continuous ? numeric::payment_frequency(a.values[4], "insurance") : 1;
         const actuarial::Values n = term(a.values[2], 1, "insurance");
         const double defer = deferment(a.values[5], 1, "insurance");
         const bool endowment = a.given(6) ? flag(a.values[6], "insurance", "endowment") : false;
@@ -294,12 +278,6 @@ PyMethodDef functions[] = {
 }  // namespace
 }  // namespace contingencies
 
-void bind_contingencies(PyObject* module) {
-    py::ref name = py::check(PyModule_GetNameObject(module));
-    for (PyMethodDef& def : contingencies::functions) {
-        py::ref function = py::check(PyCMethod_New(&def, module, name.get(), nullptr));
-        py::require(PyModule_AddObjectRef(module, def.ml_name, function.get()));
-    }
-}
+void bind_contingencies(PyObject* module) { py::add_functions(module, contingencies::functions); }
 
 }  // namespace veltrane::decrement

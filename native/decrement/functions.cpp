@@ -15,35 +15,6 @@ namespace actuarial {
 
 namespace {
 
-// The payment frequencies of `PaymentFrequencyLiteral` (veltrane.base); a test keeps the two
-// lists in step.
-constexpr double kFrequencies[] = {1, 2, 3, 4, 6, 12};
-
-std::string frequencies_text() {
-    std::string text;
-    for (double f : kFrequencies) text += (text.empty() ? "" : ", ") + std::to_string(static_cast<int>(f));
-    return text;
-}
-
-std::string number_text(double v) {
-    if (std::isfinite(v) && v == std::floor(v) && std::fabs(v) < 1e15) {
-        return std::to_string(static_cast<long long>(v));
-    }
-    py::ref f = py::check(PyFloat_FromDouble(v));
-    py::ref r = py::check(PyObject_Repr(f.get()));
-    return utf8(r.get());
-}
-
-// The payment frequency m, one of kFrequencies.
-double frequency(PyObject* m, std::string_view method) {
-    const double v = numeric::validate_scalar(m, "m", method);
-    for (double f : kFrequencies) {
-        if (v == f) return v;
-    }
-    py::raise_str(PyExc_ValueError, "[" + std::string(method) + "] m must be one of " + frequencies_text() +
-                                        ", got " + number_text(v));
-}
-
 bool truthy(PyObject* o) { return py::require(PyObject_IsTrue(o)) == 1; }
 
 const char* probability_name(Probability kind) { return kind == Probability::px ? "px" : "qx"; }
@@ -231,7 +202,7 @@ PyObject* one_period(PyObject* self, PyObject* const* args, Py_ssize_t nargs, Py
         PyObject* x = a.get(0, Py_None);
         if (x == Py_None) return cached_vector(t, kind);
         const Values ages = validated(x, name, "x");
-        const double m = a.given(1) ? frequency(a.values[1], name) : 1.0;
+        const double m = a.given(1) ? numeric::payment_frequency(a.values[1], name) : 1.0;
         if (any_negative(ages.view())) raise_negative_ages(t, "");
         return decrement_interval(t, kind, ages, m, false, ages.scalar).release();
     });
@@ -266,7 +237,7 @@ PyObject* Table_prob_decrement_interval(PyObject* self, PyObject* const* args, P
         const bool validate = truthy(a.get(3, Py_True));
         const bool use_raw = truthy(a.get(4, Py_False));
         Values ages = validate ? validated(a.values[1], name, "x") : converted(a.values[1]);
-        const double m = a.given(2) ? frequency(a.values[2], name) : 1.0;
+        const double m = a.given(2) ? numeric::payment_frequency(a.values[2], name) : 1.0;
         if (validate) {
             if (any_negative(ages.view())) raise_negative_ages(t, "");
         } else {

@@ -5,6 +5,7 @@
 #include "decrement/contingencies.hpp"
 #include "decrement/projection.hpp"
 #include "decrement/table.hpp"
+#include "pyutil/module_functions.hpp"
 #include "pyutil/module_slots.hpp"
 
 #include <cstring>
@@ -108,12 +109,6 @@ PyMethodDef configure_all_def = {
     "configure_all(tables, sex=None, cohort=None, duration=None, unisex_blend=None, interest_rate=None)\n--\n\n"
     "Call ``configure`` with the given settings on every table of ``tables`` (a dict's values, or any\n"
     "iterable) and return ``tables``. Each table is configured atomically; there is no global rollback."};
-
-void bind_function(PyObject* module, PyMethodDef* def) {
-    py::ref name = py::check(PyModule_GetNameObject(module));
-    py::ref function = py::check(PyCMethod_New(def, module, name.get(), nullptr));
-    py::require(PyModule_AddObjectRef(module, def->ml_name, function.get()));
-}
 
 // Binds `name` in the module to `value` (a new reference is taken).
 void bind(PyObject* module, const char* name, PyObject* value) { py::require(PyModule_AddObjectRef(module, name, value)); }
@@ -316,7 +311,7 @@ int decrement_exec(PyObject* module) {
         py::ref sentinel = py::check(PyObject_CallNoArgs(reinterpret_cast<PyObject*>(&PyBaseObject_Type)));
         bind(module, "_CONFIGURE_UNSET", sentinel.get());
         st->sentinel = sentinel.release();
-        bind_function(module, &clear_cache_def);
+        py::add_function(module, clear_cache_def);
         py::ref clear = py::check(PyObject_GetAttrString(module, "_clear_cohort_unisex_cache"));
         py::ref reset_callbacks = py::check(PyObject_GetAttrString(module, "_reset_callbacks"));
         py::require(PyList_Append(reset_callbacks.get(), clear.get()));
@@ -337,7 +332,7 @@ int decrement_exec(PyObject* module) {
         // Settings changes reach the snapshot through the configuration's change hook.
         py::ref config_module = import("veltrane.config");
         py::ref change_callbacks = py::check(PyObject_GetAttrString(config_module.get(), "_change_callbacks"));
-        bind_function(module, &config_changed_def);
+        py::add_function(module, config_changed_def);
         py::ref changed = py::check(PyObject_GetAttrString(module, "_config_changed"));
         py::require(PyList_Append(change_callbacks.get(), changed.get()));
 
@@ -349,7 +344,7 @@ int decrement_exec(PyObject* module) {
         st->public_class = public_class.release();
         st->batch_type = make_batch_type(module);
         bind(module, "_BatchUpdateContext", reinterpret_cast<PyObject*>(st->batch_type));
-        bind_function(module, &configure_all_def);
+        py::add_function(module, configure_all_def);
         bind_registry(module);
         bind_contingencies(module);
         return 0;

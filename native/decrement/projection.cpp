@@ -6,6 +6,7 @@
 
 #include "decrement/columns.hpp"
 #include "kernels/generational.hpp"
+#include "pyutil/module_functions.hpp"
 
 #include <string>
 
@@ -126,10 +127,6 @@ PyMethodDef set_fast_paths_def = {
 
 }  // namespace
 
-void bind_fast_path_switch(PyObject* module) {
-    py::ref name = py::check(PyModule_GetNameObject(module));
-    py::ref function = py::check(PyCMethod_New(&set_fast_paths_def, module, name.get(), nullptr));
-    py::require(PyModule_AddObjectRef(module, set_fast_paths_def.ml_name, function.get()));
-}
+void bind_fast_path_switch(PyObject* module) { py::add_function(module, set_fast_paths_def); }
 
 }  // namespace veltrane::decrement

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "pyutil/members.hpp"
+#include "pyutil/module_functions.hpp"
 
 namespace veltrane::decrement {
 namespace {
@@ -445,9 +446,7 @@ PyMethodDef validate_def = {
 }  // namespace
 
 void bind_registry(PyObject* module) {
-    py::ref module_name = py::check(PyModule_GetNameObject(module));
-    py::ref function = py::check(PyCMethod_New(&validate_def, module, module_name.get(), nullptr));
-    py::require(PyModule_AddObjectRef(module, validate_def.ml_name, function.get()));
+    py::add_function(module, validate_def);
 
     py::ref type = py::check(PyType_FromModuleAndSpec(module, &registry_spec, nullptr));
     py::ref maxsize = py::check(PyLong_FromLong(kDefaultMaxsize));

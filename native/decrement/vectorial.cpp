@@ -5,6 +5,7 @@
 #include "decrement/arguments.hpp"
 #include "decrement/stamping.hpp"
 #include "decrement/table.hpp"
+#include "pyutil/module_functions.hpp"
 
 #include <array>
 #include <cstdio>
@@ -668,11 +669,7 @@ PyMethodDef vectorial_functions[] = {
 }  // namespace
 
 void bind_vectorial_helpers(PyObject* module) {
-    py::ref module_name = py::check(PyModule_GetNameObject(module));
-    for (PyMethodDef* def = vectorial_functions; def->ml_name != nullptr; ++def) {
-        py::ref function = py::check(PyCMethod_New(def, module, module_name.get(), nullptr));
-        py::require(PyModule_AddObjectRef(module, def->ml_name, function.get()));
-    }
+    py::add_functions(module, std::span(vectorial_functions).first(std::size(vectorial_functions) - 1));  // no sentinel
 }
 
 }  // namespace veltrane::decrement
