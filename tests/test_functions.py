@@ -334,9 +334,6 @@ def test_interpolation_map_holds_the_routines():
     for name in ("linear", "exponential"):
         with Config().override(lx_interpolation=name):
             np.testing.assert_array_equal(mapping[name](lives, idx, frac), table._lx_at(idx + frac))
-    assert mapping["exponential"](lives, [120], [0.5]).tolist() == [lives[120]]
-    with pytest.raises(IndexError):
-        mapping["linear"](lives, [120], [0.5])
 
 
 def test_pending_table_is_refused(tables):

@@ -10,13 +10,11 @@ from __future__ import annotations
 import gc
 import re
 import sys
-import xml.etree.ElementTree as ET
 from contextlib import nullcontext
 
 import numpy as np
 import pytest
 
-from conftest import RAW
 from veltrane.tables import decrement as dm
 from veltrane.tables.disability import DisabilityTable
 from veltrane.tables.exit import ExitTable
@@ -417,16 +415,3 @@ def test_no_references_leak(kinds):
             t.modify_qx({**mods, AR: -1})
     gc.collect()
     assert [sys.getrefcount(o) for o in watched] == before
-
-
-@pytest.mark.skipif(not (RAW / "soa-xtbml" / "t2581.xml").exists(), reason="published tables not present")
-def test_rating_up_a_published_table(tables):
-    # 2012 IAM basic, male: rates level off at 0.4 from age 105 to 120 (an open table).
-    q = np.array([float(y.text) for y in ET.parse(RAW / "soa-xtbml" / "t2581.xml").getroot().iter("Y")])
-    write(tables, "IAM2012M", q, kind="life")
-    t = LifeTable("IAM2012M", "m")
-    t.modify_qx({AS: 5, MU: 2.5})  # rated up 5 years, mortality 250%
-    # 2.5 * 0.4 reaches certainty and stays there: ones to the end are no reason to cut the table.
-    assert t.w == 115 and t._decrement[-16:].tolist() == [1.0] * 16 and t._decrement[-17] < 1.0
-    np.testing.assert_array_equal(t._decrement, final(q[5:] * 2.5))
-    np.testing.assert_allclose(t.lx(60), RADIX * np.prod(1 - final(q[5:] * 2.5)[:60]), rtol=1e-12)
