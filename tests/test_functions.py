@@ -318,16 +318,6 @@ def test_whole_table_vectors_are_fresh_copies():
     assert table.lx().tolist() == table.lx(ages).tolist() and table.dx().tolist() == table.dx(ages).tolist()
 
 
-def test_internal_engines():
-    table, ages = LifeTable("SULT", "u"), np.array([50.0, 60.5])
-    np.testing.assert_array_equal(table._prob_decrement_interval("px", ages, validate=False), table.px(ages))
-    assert table._prob_decrement_interval("px", [50.0], validate=False, is_scalar_x_hint=True) == table.px(50)
-    assert table._prob_life_interval("tpx", [50.0], t=[10.0], validate=False) == table.tpx(50, 10)
-    raw = table._prob_life_interval("tpx", 50.5, 10, use_raw=True)
-    assert raw == pytest.approx(table.tpx(50.5, 10), abs=1e-12)
-    assert table._lx_at(np.array([np.nan, 50.0]))[1] == table.lx(50.0)
-
-
 def test_interpolation_map_holds_the_routines():
     mapping, table = decrement.DecrementTable._LX_INTERPOLATION_MAP, LifeTable("SULT", "u")
     lives, idx, frac = table.lx(), np.array([50, 119]), np.array([0.25, 0.5])

@@ -11,7 +11,6 @@ import pytest
 
 from conftest import exactly
 from veltrane.config import Config
-from veltrane.tables import decrement
 from veltrane.tables.base import _current_calendar_year
 from veltrane.tables.life import LifeTable
 from veltrane.tables.source import TableSource
@@ -216,19 +215,6 @@ def test_chained_rebuilds_quiet(standard, flag, suspended):
 
 
 # -- rebuild machinery -------------------------------------------------------------------------
-
-
-def test_apply_and_rebuild(standard):
-    t = LifeTable("GEN", "m", cohort=1970)
-    before = state(t)
-    t._apply_and_rebuild()  # all unset: one rebuild of the same keys
-    t._apply_and_rebuild(sex=decrement._CONFIGURE_UNSET, cohort=decrement._CONFIGURE_UNSET)
-    assert state(t)[:-1] == before[:-1]
-    t._decrement[0], t._modified, t._w_mod = 1.0, True, 2
-    t._apply_and_rebuild(sex="f", cohort=1980)
-    expected = LifeTable("GEN", "f", cohort=1980)._decrement
-    np.testing.assert_array_equal(t._decrement, expected)
-    assert (t.sex, t.cohort, t.modified, t.w, t._rebuilds_since_calc) == ("f", 1980, False, 7, 0)
 
 
 def test_reset_modifications_and_invalidate(standard):
