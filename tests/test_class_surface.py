@@ -64,12 +64,6 @@ def test_argument_errors_do_not_name_the_base(call, message):
         call(LifeTable("SULT", "u"))
 
 
-def test_samples_by_keyword():
-    t, lines = LifeTable("SULT", "u"), []
-    t._append_decrement_rate_sample_summary(lines=lines, rate_symbol="qx", decimals=12, rate_at_age=t.qx)
-    assert lines[:2] == ["Sample qx values (first 5):", f"  qx(0) = {t.qx(0)}"]
-
-
 # -- an instance that __init__ never reached -------------------------------------------------------
 
 

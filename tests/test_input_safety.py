@@ -135,19 +135,15 @@ def test_values_replaced_by_python_code_midway_stay_alive(code):
 
 # -- the vector entry points, each taking one array -------------------------------------------------
 
+# fmt: off
 CALLS = {
-    "qx": TABLE.qx,
-    "qx whole ages": lambda a: TABLE.qx(np.floor(a)),
-    "px m=12": lambda a: TABLE.px(a, m=12),
-    "lx": TABLE.lx,
-    "dx": TABLE.dx,
-    "tpx t": lambda a: TABLE.tpx(50.5, a),
-    "tqx x": lambda a: TABLE.tqx(a, 7.5),
-    "tqx two rows": lambda a: TABLE.tqx([0.5, 70.25], a),
-    "_lx_at": lambda a: TABLE._lx_at(a, use_raw=True),
+    "qx": TABLE.qx, "qx whole ages": lambda a: TABLE.qx(np.floor(a)), "px m=12": lambda a: TABLE.px(a, m=12),
+    "lx": TABLE.lx, "dx": TABLE.dx, "tpx t": lambda a: TABLE.tpx(50.5, a),
+    "tqx x": lambda a: TABLE.tqx(a, 7.5), "_as_f64_safe": helpers._as_f64_safe,
+    "tqx two rows": lambda a: TABLE.tqx([0.5, 70.25], a), "_lx_at": lambda a: TABLE._lx_at(a, use_raw=True),
     "_validate_numeric_input": lambda a: helpers._validate_numeric_input(a)[0],
-    "_as_f64_safe": helpers._as_f64_safe,
 }
+# fmt: on
 # np.floor would read the mask itself: the checks below go to the entry points directly
 CHECKS = {k: f for k, f in CALLS.items() if k != "qx whole ages"} | {
     "_is_finite_f64_array": helpers._is_finite_f64_array,
@@ -219,13 +215,13 @@ def test_validation_reads_a_float64_array_in_place():
     assert result.nbytes <= peak < 1.5 * durations.nbytes
 
 
-LAYOUTS = {
-    "plain": lambda a: a,
-    "read-only": lambda a: np.lib.stride_tricks.as_strided(a, writeable=False),
-    "swapped": lambda a: a.astype(">f8"),  # the other byte order
-    "strided": lambda a: np.repeat(a, 2)[::2],
+# fmt: off
+LAYOUTS = {  # "swapped": the other byte order
+    "plain": lambda a: a, "read-only": lambda a: np.lib.stride_tricks.as_strided(a, writeable=False),
+    "swapped": lambda a: a.astype(">f8"), "strided": lambda a: np.repeat(a, 2)[::2],
     "misaligned": lambda a: np.frombuffer(b"\0" + a.tobytes(), dtype=np.float64, offset=1),
 }
+# fmt: on
 
 
 @pytest.mark.parametrize("call", list(CALLS))
@@ -248,8 +244,7 @@ def test_a_vector_longer_than_a_piece_equals_its_parts(call):
     np.testing.assert_array_equal(CALLS[call](ages), np.concatenate(parts, axis=-1))
 
 
-@pytest.mark.parametrize("position", [0, PIECE - 1, PIECE + 3])
-@pytest.mark.parametrize("bad", [np.nan, np.inf, -np.inf])
+@pytest.mark.parametrize(("position", "bad"), [(0, np.nan), (PIECE - 1, np.inf), (PIECE + 3, -np.inf)])
 def test_a_non_finite_value_anywhere_in_a_big_array_is_refused(position, bad):
     ages = np.full(PIECE + 10, 50.0)
     ages[position] = bad

@@ -11,7 +11,6 @@ import pytest
 
 from conftest import exactly
 from veltrane.config import Config
-from veltrane.tables import decrement
 from veltrane.tables.base import _current_calendar_year
 from veltrane.tables.life import LifeTable
 from veltrane.tables.source import TableSource
@@ -111,14 +110,10 @@ def test_unchanged_keys_do_nothing(standard, duration, attr, value):
 # fmt: off
 INVALID_KEYS = [
     ("GSEL", "sex", "x", ValueError, "Invalid sex 'x' for table 'GSEL'. Valid options: ['m', 'f']."),
-    ("GSEL", "sex", 5, ValueError, "Invalid sex '5' for table 'GSEL'. Valid options: ['m', 'f']."),
     ("GSEL", "sex", "u", ValueError, "Invalid sex 'u' for table 'GSEL'. Valid options: ['m', 'f']."),
     ("GSEL", "cohort", 1899, ValueError, f"Cohort year must be between 1900 and {YEAR}."),
     ("GSEL", "cohort", True, TypeError, "cohort must be int, got bool"),
-    ("GSEL", "cohort", "1970", ValueError, "Cohort year must be an integer."),
     ("GSEL", "duration", 0, ValueError, "duration must be an integer >= 1 or 'ult', got 0."),
-    ("GSEL", "duration", "x", ValueError, "duration must be an integer >= 1 or 'ult', got 'x'."),
-    ("GSEL", "duration", True, TypeError, "duration must be int, 'ult', or None, got bool"),
     ("GSEL", "duration", None, ValueError,
      "Table 'GSEL' is a select-ultimate table: 'duration' must be a positive integer or 'ult', "
      "got None. Use duration='ult' for the ultimate column."),
@@ -129,9 +124,7 @@ INVALID_KEYS = [
     ("PER", "duration", 1, ValueError,
      "duration can only be set on select tables. Table 'PER' is not a select table."),
     ("BLEND", "unisex_blend", 1.5, ValueError, "unisex_blend must be in [0.0, 1.0], got 1.5."),
-    ("BLEND", "unisex_blend", -0.0001, ValueError, "unisex_blend must be in [0.0, 1.0], got -0.0001."),
     ("BLEND", "unisex_blend", "0.5", TypeError, None),  # the validator's own message
-    ("BLEND", "unisex_blend", float("nan"), ValueError, None),
 ]
 # fmt: on
 
@@ -224,35 +217,6 @@ def test_chained_rebuilds_quiet(standard, flag, suspended):
 # -- rebuild machinery -------------------------------------------------------------------------
 
 
-def test_apply_and_rebuild(standard):
-    t = LifeTable("GEN", "m", cohort=1970)
-    before = state(t)
-    t._apply_and_rebuild()  # all unset: one rebuild of the same keys
-    t._apply_and_rebuild(sex=decrement._CONFIGURE_UNSET, cohort=decrement._CONFIGURE_UNSET)
-    assert state(t)[:-1] == before[:-1]
-    t._decrement[0], t._modified, t._w_mod = 1.0, True, 2
-    t._apply_and_rebuild(sex="f", cohort=1980)
-    expected = LifeTable("GEN", "f", cohort=1980)._decrement
-    np.testing.assert_array_equal(t._decrement, expected)
-    assert (t.sex, t.cohort, t.modified, t.w, t._rebuilds_since_calc) == ("f", 1980, False, 7, 0)
-    with pytest.raises(TypeError):
-        t._apply_and_rebuild("m")
-    with pytest.raises(TypeError):
-        t._apply_and_rebuild(duration=1)
-
-
-def test_apply_and_rebuild_on_pending_select(standard):
-    t = LifeTable("GSEL", pending=True)
-    t._apply_and_rebuild(sex="m", duration_internal=1)
-    # A select table with sex and duration leaves the pending state early, rates still missing.
-    assert not t.metadata_pending and t._decrement is None and not t._check_metadata_complete()
-    pending = "assign 'cohort' before calculations (lt.configure(cohort=...), called from _compute_lx)."
-    with exactly(ValueError, "Table 'GSEL' is not ready: " + pending):
-        t._compute_lx()
-    t._apply_and_rebuild(cohort=1970)
-    np.testing.assert_array_equal(t._decrement, LifeTable("GSEL", "m", cohort=1970, duration=1)._decrement)
-
-
 def test_reset_modifications_and_invalidate(standard):
     t = LifeTable("GEN", "m", cohort=1970)
     base = t._decrement_base
@@ -266,11 +230,6 @@ def test_reset_modifications_and_invalidate(standard):
     assert t._decrement_base is base and t._decrement is not base
     assert (t.modified, t.w, t.modifications_applied, t._rebuilds_since_calc) == (False, 7, [], 1)
     assert (t._lx, t._lx_raw, t._px, t._qx, t._decimals_decrement_cache) == (None,) * 5
-    t._lx = t._px = np.ones(8)
-    t._decimals_decrement_cache = 6
-    t._decrement[0] = 0.5
-    t._invalidate_caches()
-    assert (t._lx, t._px, t._decimals_decrement_cache) == (None,) * 3 and t._decrement[0] == 0.5
 
 
 # -- identity and copies -------------------------------------------------------------------------

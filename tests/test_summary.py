@@ -86,7 +86,6 @@ def configured_without_cohort():
 PENDING = [  # the shell, its name, the keys it lacks, its sex
     (lambda: LifeTable("GEN", pending=True), "GEN", "sex, cohort", "None"),
     (configured_without_cohort, "GSEL", "cohort", "m"),
-    (lambda: LifeTable("GSEL", "m", duration=1, pending=True), "GSEL", "cohort", "m"),
 ]
 
 

@@ -50,7 +50,6 @@ STEPS = [
     ("SEL", "f", {"duration": 2}, 1e9, {"duration": "ult"}),
     ("GEN", "m", {"cohort": 1960}, 2.5, {"cohort": 1962}),
     ("GSEL", "f", {"cohort": 1960, "duration": 1}, 2, {"cohort": 1962, "duration": "ult"}),
-    ("SEL", "u", {"duration": 1, "unisex_blend": 0.7}, 1, {"duration": 2, "unisex_blend": 0.7}),
     ("GSEL", "u", {"cohort": 1960, "duration": 1, "unisex_blend": 0.4}, 1,
      {"cohort": 1961, "duration": 2, "unisex_blend": 0.4}),
 ]
