@@ -90,7 +90,6 @@ ERRORS = [  # the command line, what its one-line message says
     (["--tables-path", "/no/dir", "tables"], "argument --tables-path: no such directory: '/no/dir'"),
     (["show", "SULT", "--tables-path", __file__], "argument --tables-path: not a directory"),
     (["show", "sult", "--sex", "u"], "(did you mean 'SULT'?)"),
-    (["eval", "SULTT", "--sex", "u", "qx", "50"], "(did you mean 'SULT'?)"),
     # The tables' own messages suggest Python calls; the command line shows its options instead.
     (["show", "SSSM"], "--duration is required. Pass --duration N with N >= 1, or --duration ult"),
     (["show", "SSSM", "--duration", "0"], "--duration must be an integer >= 1 or 'ult'"),
