@@ -101,9 +101,6 @@ def test_avoe_2005_r_base_and_lambda_project_with_the_damped_trend(out):
 
 
 def test_quirky_files(out):
-    # t2360: ultimate block with a Duration[3-3] axis written as a plain age list.
-    import_xtbml(SOA / "t2360.xml", "AM92", out)
-    assert LifeTable("AM92", "u", duration="ult").qx(50) == cells("t2360", 1)[(50, 3)]
     # t1076: ultimate from age 16 while the select block starts at 0.
     imported = read_xtbml(SOA / "t1076.xml", "SP")
     assert imported.metadata["start_age"] == 0
