@@ -17,26 +17,19 @@ from veltrane.tables.exit import ExitTable
 from veltrane.tables.life import LifeTable
 from veltrane.tables.source import TableSource
 
-CLASSES = {"LAPSE": ExitTable}
-
 
 def reference_rates(row: dict, years: int) -> np.ndarray:
     """One policy, one table per year: the select column of duration d + k at age x + k."""
-    cls = CLASSES.get(row["table_name"], LifeTable)
-    source = TableSource(row["table_name"])
-    keys = {}
-    if source.generational:
-        keys["cohort"] = row["cohort"]
+    cls, source = ExitTable if row["table_name"] == "LAPSE" else LifeTable, TableSource(row["table_name"])
+    keys = {"cohort": row["cohort"]} if source.generational else {}
     if row["sex"] == "u" and row.get("unisex_blend") is not None:
         keys["unisex_blend"] = row["unisex_blend"]
     out = []
     for k in range(years):
         if source.select:
-            start = source.start_duration or 1
-            d = row["duration"] + k
+            d, start = row["duration"] + k, source.start_duration or 1
             keys["duration"] = d if d < start + source.select_period else "ult"
-        table = cls(row["table_name"], row["sex"], **keys)
-        age = row["age"] + k
+        table, age = cls(row["table_name"], row["sex"], **keys), row["age"] + k
         out.append(table._decrement[age] if age < table.w else 1.0)  # the table's qx is 1 at w
     return np.array(out)
 
@@ -51,11 +44,9 @@ def book(standard, tables):
     rows = []
     for i in range(45):
         name, sex, *blend = specs[i % len(specs)]
-        age = rng.integers(20, 115) if name in ("SSSM", "SULT") else rng.integers(0, 8)
-        years = {"duration": int(rng.integers(1, 5)), "cohort": int(rng.integers(1940, 1990))}
-        rows.append(
-            {"table_name": name, "sex": sex, "age": int(age), **years, "unisex_blend": (blend or [None])[0]}
-        )
+        age = int(rng.integers(20, 115) if name in ("SSSM", "SULT") else rng.integers(0, 8))
+        row = {"table_name": name, "sex": sex, "age": age, "duration": int(rng.integers(1, 5))}
+        rows.append(row | {"cohort": int(rng.integers(1940, 1990)), "unisex_blend": (blend or [None])[0]})
     return pl.DataFrame(rows, schema_overrides={"unisex_blend": pl.Float64})
 
 
