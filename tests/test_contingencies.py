@@ -193,8 +193,6 @@ def test_insurances_sum_every_year(sult, method, x, n, defer):
         pure = ref.endowment(x, defer + n)
         got = insurance(sult, x, n, i=RATE, defer=defer, endowment=True)
         assert got == pytest.approx(term + pure, rel=RTOL)
-        deferred = pure_endowment(sult, x + defer, n, i=RATE) * ref.endowment(x, defer)
-        assert deferred == pytest.approx(pure, rel=RTOL)
 
 
 def test_pure_endowment(sult, method):
