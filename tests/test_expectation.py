@@ -101,19 +101,10 @@ def test_hand_values_under_udd(hand, x, complete, expected):
     assert hand.ex(x, complete=complete) == pytest.approx(expected, rel=1e-12)
 
 
-@pytest.mark.parametrize(
-    ("name", "l_half", "rest"),  # l(0.5), and the rest of its year by the interpolation's own formula
-    [
-        ("exponential", 0.9**0.5, (0.9 - 0.9**0.5) / math.log(0.9)),  # the integral of 0.9^t over [0.5, 1]
-        ("hyperbolic", 1 / (0.5 + 0.5 / 0.9), 9 * math.log(1 / 0.95)),  # ... of 0.9 / (0.9 + 0.1 t)
-    ],
-)
-def test_hand_values_under_the_other_interpolations(hand, name, l_half, rest):
-    with Config().override(lx_interpolation=name):
-        later = 0.9 * year_integral(0.8, name) + 0.72 * year_integral(0.5, name) + 0.18
-        assert hand.ex(0.5, complete=True) == pytest.approx((rest + later) / l_half, rel=1e-12)
-        curtate = (hand.lx(1.5) + hand.lx(2.5) + 180_000.0) / hand.lx(0.5)
-        assert hand.ex(0.5) == pytest.approx(curtate, rel=1e-9)
+def test_curtate_at_a_fractional_age_under_every_interpolation(hand, method):
+    # The complete expectation at fractional ages: the numerical integration above.
+    curtate = (hand.lx(1.5) + hand.lx(2.5) + 180_000.0) / hand.lx(0.5)
+    assert hand.ex(0.5) == pytest.approx(curtate, rel=1e-9)
 
 
 def test_vector_inputs_and_shapes(sult):  # every kind of vector: test_functions, through the same converter
