@@ -26,9 +26,7 @@ def run(capsys, command: str) -> tuple[int, str, str]:
     ("command", "expected"),
     [
         (EX + "65", f"{SULT.ex(65)!r}\n"),
-        (EX + "65 --complete", f"{SULT.ex(65, complete=True)!r}\n"),
         (EX + "60,120 --complete", f"60\t{SULT.ex(60, complete=True)!r}\n120\t0.5\n"),
-        (ANNUITY + "65 --rate 0.05", f"{annuity(SULT, 65, i=0.05)!r}\n"),
         (ANNUITY + "65 --rate 0.05 --term 10 --m 12", f"{annuity(SULT, 65, 10, i=0.05, m=12)!r}\n"),
         (
             ANNUITY + "60,65 --rate 0.04 --immediate --method udd",
