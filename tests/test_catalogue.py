@@ -13,7 +13,7 @@ from pathlib import Path
 import numpy as np
 import pytest
 
-from conftest import RAW
+from conftest import RAW, improved
 from veltrane import LifeTable
 from veltrane.contingencies import annuity
 from veltrane.tables.source import TableSource
@@ -36,16 +36,10 @@ def generator():
     return module
 
 
-def xtbml_values(name: str, block: int = 0) -> np.ndarray:
-    """The values of a one-dimensional XTbML table, by age from its first age (read here on purpose
-    without the project's reader, as an independent witness)."""
-    table = ET.parse(RAW / "soa-xtbml" / name).getroot().findall("Table")[block]
-    return np.array([float(y.text) for y in table.iter("Y")])
-
-
 def xtbml_cells(name: str, block: int = 0) -> dict[tuple[int, ...], float]:
     """The cells of an XTbML table keyed by their labels, outer axis first: (age,), (issue age,
-    duration) or (age, year) (read here without the project's reader, like ``xtbml_values``)."""
+    duration) or (age, year) (read here on purpose without the project's reader, as an independent
+    witness)."""
     cells: dict[tuple[int, ...], float] = {}
 
     def walk(node: ET.Element, key: tuple[int, ...]) -> None:
@@ -58,6 +52,11 @@ def xtbml_cells(name: str, block: int = 0) -> dict[tuple[int, ...], float]:
 
     walk(ET.parse(RAW / "soa-xtbml" / name).getroot().findall("Table")[block].find("Values"), ())
     return cells
+
+
+def xtbml_values(name: str, block: int = 0) -> np.ndarray:
+    """The values of a one-dimensional XTbML table, in the file's order: by age from its first age."""
+    return np.array(list(xtbml_cells(name, block).values()))
 
 
 @needs_raw
@@ -77,25 +76,19 @@ def test_avoe_columns_are_the_published_ones(sex, base_file, trend_file):
     np.testing.assert_allclose(data[f"mi_{sex}"].to_numpy()[: trend.size], trend, rtol=0, atol=5e-9)
 
 
-DAMPED = lambda lam, years: math.exp(-lam * 100 * math.atan(years / 100))  # noqa: E731
-LOG_LINEAR = lambda lam, years: math.exp(-lam * years)  # noqa: E731
-COMPOUND = lambda lam, years: (1 - lam) ** years  # noqa: E731
-
-
 @pytest.mark.parametrize(
-    ("name", "sex", "base_year", "factor"),
-    [("AVOE2005R", sex, 2001, DAMPED) for sex in "mfu"]
-    + [("DAV2004R", sex, 1999, LOG_LINEAR) for sex in "mf"]
-    + [("GAR94", sex, 1994, COMPOUND) for sex in "mf"],
+    ("name", "sex", "base_year", "formula"),
+    [("AVOE2005R", sex, 2001, "exponential_damped") for sex in "mfu"]
+    + [("DAV2004R", sex, 1999, "exponential") for sex in "mf"]
+    + [("GAR94", sex, 1994, "compound") for sex in "mf"],
 )
-def test_generational_cohorts_follow_the_publisher_formula(name, sex, base_year, factor):
+def test_generational_cohorts_follow_the_publisher_formula(name, sex, base_year, formula):
     data = TableSource(name).data
-    q, lam = data[f"qx_{sex}"].to_numpy(), data[f"mi_{sex}"].to_numpy()
+    q, lam, ages = data[f"qx_{sex}"].to_numpy(), data[f"mi_{sex}"].to_numpy(), [0, 40, 65, 90, 110]
     for cohort in (1930, 1965, 2001):
         table = LifeTable(name, sex, cohort=cohort)
-        for age in (0, 40, 65, 90, 110):
-            expected = q[age] * factor(lam[age], cohort + age - base_year)
-            assert table.qx(age) == pytest.approx(expected, rel=1e-11, abs=1e-12)
+        expected = improved(formula, q, lam, cohort, base_year)[ages]
+        assert table.qx(np.array(ages, dtype=float)) == pytest.approx(expected, rel=1e-11, abs=1e-12)
         # The calendar year of the base: the published base rate itself.
         assert LifeTable(name, sex, cohort=base_year - 65).qx(65) == round(q[65], 12)
     assert table.qx(table.w) == 1.0

@@ -79,7 +79,6 @@ ERRORS = [  # the command line, what its one-line message says
     (["eval", "NOPE", "--sex", "u", "lx", "5"], "table 'NOPE' not found"),
     (["show", "SULT", "--sex", "m"], "Invalid sex 'm' for table 'SULT'"),
     (["eval", *SULT_U, "lx", "-5"], "[lx] All ages x must be >= 0 for table 'SULT'."),
-    (["eval", *SULT_U, "tqx", "50", "-1"], "[tqx]: t must be >= 0"),
     (["eval", *SULT_U, "px", "50", "--m", "5"], "argument --m: invalid choice: 5"),
     (["eval", *SULT_U, "px", "fifty"], "argument X: not a number: 'fifty'"),
     (["eval", *SULT_U, "lx", "50", "10"], "lx takes no duration T"),
@@ -90,7 +89,6 @@ ERRORS = [  # the command line, what its one-line message says
     (["--tables-path", "/no/dir", "tables"], "argument --tables-path: no such directory: '/no/dir'"),
     (["show", "SULT", "--tables-path", __file__], "argument --tables-path: not a directory"),
     (["show", "sult", "--sex", "u"], "(did you mean 'SULT'?)"),
-    (["eval", "SULTT", "--sex", "u", "qx", "50"], "(did you mean 'SULT'?)"),
     # The tables' own messages suggest Python calls; the command line shows its options instead.
     (["show", "SSSM"], "--duration is required. Pass --duration N with N >= 1, or --duration ult"),
     (["show", "SSSM", "--duration", "0"], "--duration must be an integer >= 1 or 'ult'"),

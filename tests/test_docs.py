@@ -28,22 +28,16 @@ FLAGS = doctest.ELLIPSIS | doctest.NORMALIZE_WHITESPACE
 
 def python_lines(text: str) -> tuple[str, list[str]]:
     """The page with everything but the inside of ```python blocks blanked; the blocks' texts."""
-    kept, blocks, block = [], [], None
+    kept, blocks, block = [], [], None  # block: the lines of an open python block, False in another
     for line in text.splitlines():
         fence = FENCE.match(line)
-        if fence and block is None:
-            block = [] if fence.group(1) == "python" else False
-            kept.append("")
-        elif fence and fence.group(1) == "":
+        if fence and (block is None or not fence.group(1)):  # an opening fence, or a closing one
             if block:
                 blocks.append("\n".join(block))
-            block = None
-            kept.append("")
-        elif block is False or block is None:
-            kept.append("")
-        else:
+            block = ([] if fence.group(1) == "python" else False) if block is None else None
+        elif isinstance(block, list):
             block.append(line)
-            kept.append(line)
+        kept.append(line if isinstance(block, list) and not fence else "")
     return "\n".join(kept) + "\n", blocks
 
 

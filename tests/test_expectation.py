@@ -11,7 +11,6 @@ from __future__ import annotations
 import math
 
 import numpy as np
-import pandas as pd
 import polars as pl
 import pytest
 
@@ -87,63 +86,45 @@ def test_complete_at_fractional_ages_against_numerical_integration(sult, method)
         assert sult.ex(x, complete=True) == pytest.approx(expected, rel=1e-11)
 
 
-@pytest.mark.parametrize(
-    ("x", "complete", "expected"),
-    [
-        (0, False, 0.9 + 0.72 + 0.36),
-        (1, False, (0.72 + 0.36) / 0.9),
-        (3, False, 0.0),
-        (3, True, 0.5),
-        (0, True, 0.95 + 0.81 + 0.54 + 0.18),
-        (0.5, False, (0.81 + 0.54 + 0.18) / 0.95),  # l(3.5) = 0.36 / 2 in the year after w
-        (0.5, True, (0.5 * (0.95 + 0.9) / 2 + 0.81 + 0.54 + 0.18) / 0.95),
-        (2.5, True, (0.5 * (0.54 + 0.36) / 2 + 0.18) / 0.54),
-    ],
-)
+# fmt: off
+HAND_UDD = [  # x, complete, the value by hand
+    (0, False, 0.9 + 0.72 + 0.36), (3, False, 0.0), (3, True, 0.5), (0, True, 0.95 + 0.81 + 0.54 + 0.18),
+    (0.5, False, (0.81 + 0.54 + 0.18) / 0.95),  # l(3.5) = 0.36 / 2 in the year after w
+    (0.5, True, (0.5 * (0.95 + 0.9) / 2 + 0.81 + 0.54 + 0.18) / 0.95),
+    (2.5, True, (0.5 * (0.54 + 0.36) / 2 + 0.18) / 0.54),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize(("x", "complete", "expected"), HAND_UDD)
 def test_hand_values_under_udd(hand, x, complete, expected):
     assert hand.ex(x, complete=complete) == pytest.approx(expected, rel=1e-12)
 
 
-@pytest.mark.parametrize(
-    ("name", "l_half", "rest"),  # l(0.5), and the rest of its year by the interpolation's own formula
-    [
-        ("exponential", 0.9**0.5, (0.9 - 0.9**0.5) / math.log(0.9)),  # the integral of 0.9^t over [0.5, 1]
-        ("hyperbolic", 1 / (0.5 + 0.5 / 0.9), 9 * math.log(1 / 0.95)),  # ... of 0.9 / (0.9 + 0.1 t)
-    ],
-)
-def test_hand_values_under_the_other_interpolations(hand, name, l_half, rest):
-    with Config().override(lx_interpolation=name):
-        later = 0.9 * year_integral(0.8, name) + 0.72 * year_integral(0.5, name) + 0.18
-        assert hand.ex(0.5, complete=True) == pytest.approx((rest + later) / l_half, rel=1e-12)
-        curtate = (hand.lx(1.5) + hand.lx(2.5) + 180_000.0) / hand.lx(0.5)
-        assert hand.ex(0.5) == pytest.approx(curtate, rel=1e-9)
+def test_curtate_at_a_fractional_age_under_every_interpolation(hand, method):
+    # The complete expectation at fractional ages: the numerical integration above.
+    curtate = (hand.lx(1.5) + hand.lx(2.5) + 180_000.0) / hand.lx(0.5)
+    assert hand.ex(0.5) == pytest.approx(curtate, rel=1e-9)
 
 
-@pytest.mark.parametrize(
-    "ages", [[50, 65.5], (50, 65.5), np.array([50, 65.5]), pd.Series([50, 65.5]), pl.Series([50.0, 65.5])]
-)
-def test_vector_inputs_and_shapes(sult, ages):
-    out = sult.ex(ages, complete=True)
+def test_vector_inputs_and_shapes(sult):  # every kind of vector: test_functions, through the same converter
+    out = sult.ex(pl.Series([50.0, 65.5]), complete=True)
     assert isinstance(out, np.ndarray) and out.dtype == np.float64
     assert out.tolist() == [sult.ex(50, complete=True), sult.ex(65.5, complete=True)]
     assert isinstance(sult.ex(np.float64(65)), float) and sult.ex([65]).shape == (1,)
     assert sult.ex([]).shape == (0,) and sult.ex().shape == (121,)
 
 
+# The other refusals of x come from the age validator of every table function (test_functions).
 @pytest.mark.parametrize(
     ("kwargs", "exc", "message"),
     [
-        ({"x": 121}, ValueError, "[ex] All ages x must be <= w (120) for table 'SULT', got 121."),
-        ({"x": [60, 120.5]}, ValueError, "[ex] All ages x must be <= w (120) for table 'SULT', got 120.5."),
-        ({"x": -1}, ValueError, "[ex] All ages x must be >= 0 for table 'SULT'."),
-        ({"x": float("nan")}, ValueError, "[ex] x must be finite, got nan"),
-        ({"x": [65, math.inf]}, ValueError, "[ex] x[1] must be finite, got inf"),
-        ({"x": "65"}, TypeError, "[ex] x must be a number or a sequence of numbers, got str"),
-        ({"x": 65, "complete": 1}, TypeError, "[ex] complete must be True or False, got int"),
+        ({"x": [60, 120.5]}, ValueError, "All ages x must be <= w (120) for table 'SULT', got 120.5."),
+        ({"x": 65, "complete": 1}, TypeError, "complete must be True or False, got int"),
     ],
 )
 def test_bad_input(sult, kwargs, exc, message):
-    with exactly(exc, message):
+    with exactly(exc, f"[ex] {message}"):
         sult.ex(**kwargs)
 
 
@@ -157,7 +138,6 @@ def test_truncated_and_exhausted_tables(tables, method):
     doubled.modify_qx({"decrement_multiplier": 2.0})  # certain long before 120, w stays 120
     doubled.lx()
     gone = int(np.argmax(doubled._lx_raw == 0.0))  # the first age without survivors
-    assert 0 < gone < 120
     assert doubled.ex([gone, gone + 0.5, 120], complete=True).tolist() == [0.0, 0.0, 0.0]
     assert doubled.ex(gone - 1, complete=True) == 0.5  # all leave within the year, uniformly
 
@@ -167,8 +147,6 @@ def test_follows_modifications_and_leaves_the_table_alone(sult, tables):
     t.modify_qx({"age_shift": 3})
     assert t.ex(65, complete=True) == pytest.approx(sult.ex(68, complete=True), rel=1e-12)
     t.reset_modifications()
-    with pytest.raises(ValueError):
-        t.ex(200)
     np.testing.assert_array_equal(t._decrement, sult._decrement)
     assert t.ex(65, complete=True) == sult.ex(65, complete=True)
     tables.select()

@@ -20,11 +20,10 @@ from veltrane.tables.source import TableSource, write_table
 RADIX = 1_000_000.0
 REFUSED = (TypeError, ValueError, OverflowError)
 
+# fmt: off
 numbers = st.one_of(
-    st.floats(allow_nan=True, allow_infinity=True),
-    st.floats(min_value=-5.0, max_value=130.0),
-    st.floats(min_value=0.0, max_value=1e-300),
-    st.integers(min_value=-(10**20), max_value=10**20),
+    st.floats(allow_nan=True, allow_infinity=True), st.floats(min_value=-5.0, max_value=130.0),
+    st.floats(min_value=0.0, max_value=1e-300), st.integers(min_value=-(10**20), max_value=10**20),
     st.integers(min_value=0, max_value=130),
     st.sampled_from([10**400, -(10**400), 49.9999999999, 120.0000000001, 1e308, -0.0]),
     st.builds(np.float64, st.floats(min_value=0.0, max_value=130.0)),
@@ -32,22 +31,16 @@ numbers = st.one_of(
 )
 odd_scalars = st.one_of(st.none(), st.booleans(), st.text(max_size=3), st.complex_numbers(max_magnitude=10))
 scalars = st.one_of(numbers, odd_scalars)
-flat = st.lists(numbers, max_size=12)
+flat, ages = st.lists(numbers, max_size=12), st.lists(st.floats(min_value=0.0, max_value=130.0), max_size=8)
 values = st.one_of(
-    scalars,
-    flat,
-    flat.map(tuple),
-    st.lists(scalars, max_size=4),
+    scalars, flat, flat.map(tuple), st.lists(scalars, max_size=4),
     st.lists(st.lists(numbers, max_size=2), max_size=2),
-    hnp.arrays(
-        st.sampled_from([np.float64, np.float32, np.int64, np.bool_]),
-        hnp.array_shapes(min_dims=0, max_dims=2, max_side=5),
-    ),
-    st.lists(st.floats(min_value=0.0, max_value=130.0), max_size=8).map(pd.Series),
-    st.lists(st.floats(min_value=0.0, max_value=130.0), max_size=8).map(
-        lambda v: pl.Series(v, dtype=pl.Float64)
-    ),
+    hnp.arrays(st.sampled_from([np.float64, np.float32, np.int64, np.bool_]),
+               hnp.array_shapes(min_dims=0, max_dims=2, max_side=5)),
+    ages.map(pd.Series), ages.map(lambda v: pl.Series(v, dtype=pl.Float64)),
 )
+far_ages = st.lists(st.floats(min_value=0.0, max_value=1e6), max_size=30)
+# fmt: on
 frequencies = st.one_of(st.sampled_from(PAYMENT_FREQUENCIES), scalars)
 
 
@@ -79,14 +72,8 @@ FUZZ = settings(
 
 
 @FUZZ
-@given(
-    which=st.integers(0, 1),
-    exponential=st.booleans(),
-    x=values,
-    t=values,
-    m=frequencies,
-    name=st.sampled_from(["lx", "dx", "px", "qx", "tpx", "tqx"]),
-)
+@given(which=st.integers(0, 1), exponential=st.booleans(), x=values, t=values, m=frequencies,
+       name=st.sampled_from(["lx", "dx", "px", "qx", "tpx", "tqx"]))  # fmt: skip
 def test_public_functions_never_crash(subjects, which, exponential, x, t, m, name):
     table = subjects[which]
     with Config().override(lx_interpolation="exponential" if exponential else "linear"):
@@ -99,11 +86,7 @@ def test_public_functions_never_crash(subjects, which, exponential, x, t, m, nam
 
 
 @FUZZ
-@given(
-    x=st.lists(st.floats(min_value=0.0, max_value=1e6), max_size=30),
-    t=st.lists(st.floats(min_value=0.0, max_value=1e6), max_size=30),
-    exponential=st.booleans(),
-)
+@given(x=far_ages, t=far_ages, exponential=st.booleans())
 def test_valid_inputs_give_probabilities(subjects, x, t, exponential):
     for table in subjects:
         with Config().override(lx_interpolation="exponential" if exponential else "linear"):

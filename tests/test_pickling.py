@@ -64,33 +64,28 @@ def kinds(tables):
     return tables
 
 
-@pytest.mark.parametrize(
-    ("name", "keys"),
-    [
-        ("SULT", {"sex": "u"}),
-        ("SULT", {"sex": "u", "interest_rate": 0.025}),
-        *[("SSSM", {"sex": "u", "duration": d, "interest_rate": 0.025}) for d in (1, 2, 7, "ult")],
-        ("PER", {"sex": "f"}),
-        ("GEN", {"sex": "m", "cohort": 1961}),
-        ("GEN", {"sex": "u", "cohort": 1955, "unisex_blend": 0.3}),
-        ("YRS", {"sex": "f", "cohort": 1990}),
-        ("SEL", {"sex": "m", "duration": 2}),
-        ("SEL", {"sex": "u", "duration": "ult", "unisex_blend": 0.75}),
-        ("GSEL", {"sex": "f", "duration": 1, "cohort": 1970}),
-        ("GEN", {"sex": "m", "pending": True}),
-        ("SEL", {"cohort": None, "pending": True}),
-        ("GEN", {"unisex_blend": 0.4, "pending": True}),
-    ],
-)
+# fmt: off
+STRUCTURES = [  # a table of each structure, unisex blends, and pending shells
+    ("SULT", {"sex": "u", "interest_rate": 0.025}), ("PER", {"sex": "f"}),
+    ("YRS", {"sex": "f", "cohort": 1990}),
+    *[("SSSM", {"sex": "u", "duration": d, "interest_rate": 0.025}) for d in (1, 7, "ult")],
+    ("GEN", {"sex": "u", "cohort": 1955, "unisex_blend": 0.3}), ("SEL", {"sex": "m", "duration": 2}),
+    ("SEL", {"sex": "u", "duration": "ult", "unisex_blend": 0.75}),
+    ("GSEL", {"sex": "f", "duration": 1, "cohort": 1970}), ("GEN", {"sex": "m", "pending": True}),
+    ("SEL", {"cohort": None, "pending": True}), ("GEN", {"unisex_blend": 0.4, "pending": True}),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize(("name", "keys"), STRUCTURES)
 def test_bundled_tables_and_every_structure_round_trip(standard, name, keys):
     table = LifeTable(name, **keys)
     back = roundtrip(table)
     assert_same(table, back)
     assert back.interest_rate == table.interest_rate
     if table.metadata_pending:  # the shell completes like the original
-        rest = {"sex": "m", "duration": 1} if name == "SEL" else {"cohort": 1960}
-        if table.unisex_blend is not None:
-            rest["sex"] = "u"
+        sex = "m" if table.unisex_blend is None else "u"
+        rest = {"sex": sex} | ({"duration": 1} if name == "SEL" else {"cohort": 1960})
         table.configure(**rest)
         back.configure(**rest)
         assert_same(table, back)
@@ -102,23 +97,20 @@ def merged(names):
     return make(names) if isinstance(names, str) else type(names)(map(make, names))
 
 
+# fmt: off
 MODIFICATIONS = [
-    {"age_shift": 3},
-    {"decrement_multiplier": 1.37},
-    {"decrement_multiplier": np.int64(2)},
-    {"decrement_geometric_increase": (0.05, 10)},
-    {"decrement_geometric_increase": [1, 20]},
-    {"aggravated_risk": 2.5},
+    {"age_shift": 3}, {"decrement_multiplier": 1.37}, {"decrement_multiplier": np.int64(2)},
+    {"decrement_geometric_increase": (0.05, 10)}, {"aggravated_risk": 2.5},
     {"decrement_multiplier": 40.0},  # cut at certainty
     {"age_shift": 2, "aggravated_risk": 1.5, "decrement_multiplier": 0.8},
 ]
 COMBINATIONS = [
-    {"table_combination": "LAPSE"},
     {"table_combination": ["LAPSE"], "combination_mode": "udd"},
     {"combination_mode": "independent", "table_combination": ("LAPSE",)},
     {"table_combination": ["DIS", "LAPSE"]},
     {"age_shift": 4, "table_combination": "LAPSE", "aggravated_risk": 1.2},
 ]
+# fmt: on
 KINDS = [(LifeTable, "LIFE"), (ExitTable, "LAPSE2"), (DisabilityTable, "DIS")]
 
 
