@@ -120,8 +120,6 @@ BUILD_REFUSALS = [
      "Table 'BAD': year_indexed mi_structure requires grid_years metadata."),
     ({"formula_type": "projected_improvement", "base_year": 2000}, None, ("qx_m", "mi_m"),
      "Table 'BAD': projected_improvement requires year-indexed mi_{sex}_YYYY columns but none found."),
-    (None, 2, ("qx_m_s1", "qx_m_ult"),
-     "Column 'qx_m_s2' not found in table 'BAD'. duration=2, select_period=2."),
 ]
 # fmt: on
 
