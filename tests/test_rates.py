@@ -79,10 +79,8 @@ def test_formula_receives_the_documented_arguments(tables, monkeypatch, born):
 # -- select tables -----------------------------------------------------------------------------------
 
 
-# fmt: off
 SELECT_COLUMNS = [(1, 1, "s1"), (1, 2, "s2"), (1, 3, "ult"), (1, 40, "ult"), (1, "ult", "ult"),
-                  (0, 0, "s0"), (0, 1, "s1"), (0, 2, "ult")]
-# fmt: on
+                  (0, 0, "s0"), (0, 1, "s1"), (0, 2, "ult")]  # fmt: skip
 
 
 @pytest.mark.parametrize(("start", "duration", "suffix"), SELECT_COLUMNS)
@@ -106,7 +104,6 @@ def test_select_improvement_by_duration(tables, duration, suffix):
 
 SELECT_GEN = ("qx_m_s1", "qx_m_s2", "qx_m_ult", "mi_m_s1", "mi_m_s2", "mi_m_ult")
 YEARS = {"base_year": 2000, "mi_structure": "year_indexed"}
-# fmt: off
 BUILD_REFUSALS = [
     ({"formula_type": "compound"}, None, ("qx_m", "mi_m"), "base_year metadata missing in table 'BAD'."),
     ({}, None, ("qx_m", "mi_m"), "generational_formula_type metadata missing in table 'BAD'."),  # asked first
@@ -120,36 +117,31 @@ BUILD_REFUSALS = [
      "Table 'BAD': year_indexed mi_structure requires grid_years metadata."),
     ({"formula_type": "projected_improvement", "base_year": 2000}, None, ("qx_m", "mi_m"),
      "Table 'BAD': projected_improvement requires year-indexed mi_{sex}_YYYY columns but none found."),
-]
-# fmt: on
+]  # fmt: skip
 
 
 @pytest.mark.parametrize(("generational", "select", "columns", "message"), BUILD_REFUSALS)
 def test_rate_construction_refuses(tables, generational, select, columns, message):
-    meta: dict = {"table_type": "life", "sexes": ["m"]}
-    if generational is not None:
-        meta["generational"] = generational
+    meta: dict = {"table_type": "life", "sexes": ["m"], "generational": generational}
     if select is not None:
         meta["select"] = {"period": select}
     tables.write("BAD", meta, {c: tables.rates(0.0, 0.0) for c in columns})
     with exactly(ValueError, message):
-        LifeTable("BAD", "m", cohort=1970 if generational is not None else None, duration=select)
+        LifeTable("BAD", "m", cohort=1970, duration=select)
 
 
-# fmt: off
-COHORTS = [(1900, 1900), (YEAR, YEAR), (np.int64(1970), 1970), (1899, "between"), (YEAR + 1, "between"),
-           (2**70, "between"), (True, TypeError), (np.True_, "integer"), (1970.0, "integer"), ("1970", "integer")]
-COHORT_REFUSALS = {TypeError: (TypeError, "cohort must be int, got bool"),
-                   "between": (ValueError, f"Cohort year must be between 1900 and {YEAR}."),
-                   "integer": (ValueError, "Cohort year must be an integer.")}
-# fmt: on
+BETWEEN = (ValueError, f"Cohort year must be between 1900 and {YEAR}.")
+NOT_INT = (ValueError, "Cohort year must be an integer.")
+COHORTS = [(1900, 1900), (YEAR, YEAR), (np.int64(1970), 1970), (1899, BETWEEN), (YEAR + 1, BETWEEN),
+           (2**70, BETWEEN), (True, (TypeError, "cohort must be int, got bool")), (np.True_, NOT_INT),
+           (1970.0, NOT_INT), ("1970", NOT_INT)]  # fmt: skip
 
 
 @pytest.mark.parametrize(("value", "result"), COHORTS)
 def test_cohort_year_validation(value, result):
     t = LifeTable("SULT", "u")
-    if result in COHORT_REFUSALS:
-        with exactly(*COHORT_REFUSALS[result]):
+    if isinstance(result, tuple):
+        with exactly(*result):
             t._validate_cohort_year(value)
     else:
         got = t._validate_cohort_year(value)
