@@ -105,7 +105,6 @@ BLEND_WITH_SEX = (
 )
 
 
-# fmt: off
 INIT_REFUSALS = [
     ("PER", {"sex": "m", "cohort": [1970, 1971]}, TypeError,
      "cohort in __init__ must be int or None, got sequence of length 2"),
@@ -153,8 +152,7 @@ INIT_REFUSALS = [
      "unisex_blend must be in [0.0, 1.0], got 1.5."),
     ("SEL", {"sex": None, "duration": 0, "pending": True}, ValueError,
      "duration must be an integer >= 1 or 'ult', got 0."),
-]
-# fmt: on
+]  # fmt: skip
 
 
 @pytest.mark.parametrize(("name", "kwargs", "exc", "message"), INIT_REFUSALS)
@@ -177,7 +175,6 @@ def test_cohort_sequence_holds_an_integer(kinds, element):
     np.testing.assert_array_equal(ready._decrement_base, LifeTable("GEN", "m", cohort=1970)._decrement_base)
 
 
-# fmt: off
 PUBLIC_REFUSALS = [
     (lambda: LifeTable("DIS", "m"), ValueError, "Table 'DIS' is of type 'disability', expected 'life'."),
     (lambda: LifeTable("PER", "u", unisex_blend=True), TypeError,
@@ -188,8 +185,7 @@ PUBLIC_REFUSALS = [
     (lambda: LifeTable("PER", "m", cohort=1970.0), TypeError, "cohort must be exact int, got 1970.0"),
     (lambda: LifeTable("PER", "m", duration=True), TypeError,
      "duration must be int, 'ult', or sequence of int/'ult', got bool"),
-]
-# fmt: on
+]  # fmt: skip
 
 
 @pytest.mark.parametrize(("call", "exc", "message"), PUBLIC_REFUSALS)
@@ -207,7 +203,6 @@ def test_unknown_table_type(kinds, monkeypatch):
 # -- successful construction ---------------------------------------------------------------------
 
 
-# fmt: off
 READY = [
     (LifeTable, "PER", {"sex": "F"}, None, None),
     (DisabilityTable, "DIS", {"sex": "m"}, None, None),
@@ -217,8 +212,7 @@ READY = [
     (LifeTable, "SEL0", {"sex": "m", "duration": 0}, None, 0),
     (LifeTable, "SEL", {"sex": "m", "duration": "ult"}, None, "ult"),
     (LifeTable, "USEL", {"sex": "u", "duration": 1}, None, 1),  # native unisex select columns
-]
-# fmt: on
+]  # fmt: skip
 
 
 @pytest.mark.parametrize(("cls", "name", "kwargs", "cohort", "duration"), READY)
