@@ -237,14 +237,6 @@ def test_select_blend_follows_the_duration(tables):
     assert ("GSEL", "m", 1970, "compound", 2) in decrement._COHORT_ADJUSTED_QX_CACHE_UNISEX
 
 
-def test_unisex_cache_forgets_rewritten_tables(tables):
-    tables.flat()
-    before = LifeTable("GEN", "u", cohort=1970, unisex_blend=0.5)._decrement_base.copy()
-    tables.flat()  # the same name, new rates
-    after = LifeTable("GEN", "u", cohort=1970, unisex_blend=0.5)._decrement_base
-    assert not np.array_equal(before, after)
-
-
 def test_unisex_cache_is_first_in_first_out(tables):
     tables.flat()
     LifeTable("GEN", "m", cohort=1970)  # load the source first: a (re)load empties the cache
