@@ -46,8 +46,8 @@ def batch_cohort(t):
         t.cohort = BAD_COHORT
 
 
-def gen(sex="m", cohort=1960, **kw):
-    return lambda: LifeTable("GEN", sex, cohort=cohort, **kw)
+def gen(sex="m", cohort=1960, name="GEN", **kw):
+    return lambda: LifeTable(name, sex, cohort=cohort, **kw)
 
 
 # (table, change): each change asks for a cohort whose rates cannot be built.
@@ -55,15 +55,12 @@ CHANGES = [
     (gen(), set_cohort),
     (gen(), lambda t: t.configure(sex="f", cohort=BAD_COHORT)),
     (gen(), batch_cohort),
-    (
-        lambda: LifeTable("GSEL", "m", cohort=1960, duration=1),
-        lambda t: t.configure(cohort=BAD_COHORT, duration=2),
-    ),
+    (gen(name="GSEL", duration=1), lambda t: t.configure(cohort=BAD_COHORT, duration=2)),
     (gen("u", unisex_blend=0.3), set_cohort),
     (gen("u", unisex_blend=0.3), batch_cohort),
     (gen(cohort=BAD_COHORT - 1), lambda t: t._advance_actuarial_state_for_ts(1)),
     (gen("u", BAD_COHORT - 3, unisex_blend=0.3), lambda t: t._advance_actuarial_state_for_ts(3)),
-]
+]  # fmt: skip
 
 
 @pytest.mark.parametrize(("make", "change"), CHANGES)
@@ -126,10 +123,8 @@ def test_a_blended_generational_table_steps_past_the_current_year(standard):
     t = LifeTable("GEN", "u", cohort=year - 1, unisex_blend=0.25)
     t._advance_actuarial_state_for_ts(5)
     assert t.cohort == year + 4
-    cols = standard["GEN"]
-    m, f = (
-        base._gen_exponential(cols[f"qx_{s}"], cols[f"mi_{s}"], np.arange(8.0), year + 4, 2000) for s in "mf"
-    )
+    g = standard["GEN"]
+    m, f = (base._gen_exponential(g[f"qx_{s}"], g[f"mi_{s}"], np.arange(8.0), year + 4, 2000) for s in "mf")
     np.testing.assert_array_equal(t._decrement, blend(0.25, m, f))
 
 

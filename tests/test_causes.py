@@ -124,7 +124,6 @@ def test_time_steps_keep_the_split_of_the_vector_they_restore(causes):
     assert g.cause_rates().equals(before)
 
 
-# fmt: off
 SPLITS = [  # written by hand: (the total it splits, cause names, udd mode, rates by cause and age)
     (lambda q: (q, ("PER",), False, np.zeros((1, 8))), MALFORMED),
     (lambda q: (q, ("PER", 3), False, np.zeros((2, 8))), MALFORMED),
@@ -132,8 +131,7 @@ SPLITS = [  # written by hand: (the total it splits, cause names, udd mode, rate
     (lambda q: (q, ("PER", "EX"), False, [[0.0] * 8] * 2), MALFORMED),
     (lambda q: (np.zeros(8), ("PER", "EX"), False, np.zeros((2, 8))), NONE_IN_FORCE),
     (lambda q: "nonsense", NONE_IN_FORCE),
-]
-# fmt: on
+]  # fmt: skip
 
 
 @pytest.mark.parametrize(("split", "message"), SPLITS)

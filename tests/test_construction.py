@@ -11,12 +11,9 @@ import pytest
 from conftest import exactly
 from veltrane.config import Config
 from veltrane.tables import DecrementTable, decrement
-from veltrane.tables.base import _current_calendar_year
 from veltrane.tables.disability import DisabilityTable
 from veltrane.tables.life import LifeTable
 from veltrane.tables.source import TableSource
-
-YEAR = _current_calendar_year()
 
 
 @pytest.fixture
@@ -49,7 +46,6 @@ def fresh(cls=LifeTable):
 
 def test_reset_hook_empties_the_unisex_cache():
     cache = decrement._COHORT_ADJUSTED_QX_CACHE_UNISEX
-    assert decrement._clear_cohort_unisex_cache() is None  # empty: nothing to do, nothing raised
     before = LifeTable("SULT", "u")._instance_id
     cache[("key",)] = np.zeros(1)
     with Config():
@@ -67,8 +63,6 @@ def test_abstract_base():
 
     with pytest.raises(TypeError) as host:
         Reference()
-    assert issubclass(DecrementTable, abc.ABC) and isinstance(DecrementTable, abc.ABCMeta)
-    assert "table_type" in DecrementTable.__abstractmethods__
     untyped = type("Untyped", (DecrementTable,), {"__slots__": ()})
     for cls in (DecrementTable, untyped):
         with exactly(TypeError, str(host.value).replace("Reference", cls.__name__)):
@@ -86,8 +80,6 @@ def test_instances_have_fixed_fields():
     assert not hasattr(t, "__dict__")
     with pytest.raises(AttributeError):
         t.no_such_field = 1
-    with pytest.raises(AttributeError):
-        t.omega = 3
 
 
 # -- __init__: every refusal, with its message ---------------------------------------------------
@@ -100,21 +92,13 @@ PERIOD_PENDING = (
     "pending=True has no effect on static period table 'PER'. A static period table requires no "
     "deferred metadata (cohort, duration). Use the normal constructor instead."
 )
-DURATION_REQUIRED = (
-    "Table '{}' is a select-ultimate table (select_period=2, start_duration={s}): 'duration' is required. "
-    "Pass an integer >= {s} or duration='ult' for the ultimate column."
-)
 NO_NATIVE_U = (
     "unisex_blend parameter is required when sex='u' because table '{0}' lacks native unisex column '{1}'. "
     "Example: LifeTable('{0}', sex='u', unisex_blend=0.5)"
 )
 STATIC_COHORT = "Cohort should not be specified for static tables."
-BLEND_WITH_SEX = (
-    "Cannot specify unisex_blend=0.5 when sex='m' is explicitly set. Use sex='u' to apply unisex blending."
-)
 
 
-# fmt: off
 INIT_REFUSALS = [
     ("PER", {"sex": "m", "cohort": [1970, 1971]}, TypeError,
      "cohort in __init__ must be int or None, got sequence of length 2"),
@@ -138,11 +122,11 @@ INIT_REFUSALS = [
     ("GSEL", {"sex": "m", "duration": 1}, ValueError,
      "Table 'GSEL' is a generational table (mi_structure='select_period'): "
      "'cohort' (year of birth) is required."),
-    ("GEN", {"sex": "m", "cohort": 1899}, ValueError, f"Cohort year must be between 1900 and {YEAR}."),
     ("PER", {"sex": "m", "cohort": 1970}, ValueError, STATIC_COHORT),
     ("PER", {"sex": "m", "cohort": [1970]}, ValueError, STATIC_COHORT),
-    ("SEL", {"sex": "m"}, ValueError, DURATION_REQUIRED.format("SEL", s=1)),
-    ("SEL0", {"sex": "m"}, ValueError, DURATION_REQUIRED.format("SEL0", s=0)),
+    ("SEL0", {"sex": "m"}, ValueError,
+     "Table 'SEL0' is a select-ultimate table (select_period=2, start_duration=0): 'duration' is required. "
+     "Pass an integer >= 0 or duration='ult' for the ultimate column."),
     ("SEL", {"sex": "m", "duration": True}, TypeError, "duration must be int, 'ult', or None, got bool"),
     ("SEL", {"sex": "m", "duration": 0}, ValueError,
      "duration must be an integer >= 1 or 'ult' for select tables, got 0."),
@@ -150,22 +134,19 @@ INIT_REFUSALS = [
      "duration must be an integer >= 1 or 'ult' for select tables, got 1.0."),
     ("PER", {"sex": "m", "duration": 1}, ValueError,
      "duration is only valid for select tables. Table 'PER' is not a select table."),
-    ("PER", {"sex": "M", "unisex_blend": 0.5}, ValueError, BLEND_WITH_SEX),
+    ("PER", {"sex": "M", "unisex_blend": 0.5}, ValueError,
+     "Cannot specify unisex_blend=0.5 when sex='m' is explicitly set. Use sex='u' to apply unisex blending."),
     ("PER", {"sex": "u"}, ValueError, NO_NATIVE_U.format("PER", "qx_u")),
     ("SEL", {"sex": "u", "duration": 1}, ValueError, NO_NATIVE_U.format("SEL", "qx_u_s1")),
     ("PER", {"sex": "x"}, ValueError, "Invalid sex 'x' for table 'PER'. Valid options: ['m', 'f']."),
     # Pending shells check their blend too (the public constructor would refuse it first).
-    ("GEN", {"sex": "m", "unisex_blend": 0.5, "pending": True}, ValueError, BLEND_WITH_SEX),
     ("GEN", {"sex": "u", "unisex_blend": True, "pending": True}, TypeError,
      "unisex_blend must be numeric, not bool."),
     ("GEN", {"sex": "u", "unisex_blend": 1.5, "pending": True}, ValueError,
      "unisex_blend must be in [0.0, 1.0], got 1.5."),
-    ("GEN", {"sex": "m", "cohort": 2 * YEAR, "pending": True}, ValueError,
-     f"Cohort year must be between 1900 and {YEAR}."),
     ("SEL", {"sex": None, "duration": 0, "pending": True}, ValueError,
      "duration must be an integer >= 1 or 'ult', got 0."),
-]
-# fmt: on
+]  # fmt: skip
 
 
 @pytest.mark.parametrize(("name", "kwargs", "exc", "message"), INIT_REFUSALS)
@@ -188,10 +169,8 @@ def test_cohort_sequence_holds_an_integer(kinds, element):
     np.testing.assert_array_equal(ready._decrement_base, LifeTable("GEN", "m", cohort=1970)._decrement_base)
 
 
-# fmt: off
 PUBLIC_REFUSALS = [
     (lambda: LifeTable("DIS", "m"), ValueError, "Table 'DIS' is of type 'disability', expected 'life'."),
-    (lambda: LifeTable("PER", "m", unisex_blend=0.5), ValueError, BLEND_WITH_SEX),
     (lambda: LifeTable("PER", "u", unisex_blend=True), TypeError,
      "Expected numeric input for unisex_blend"),
     (lambda: LifeTable("PER", "u", unisex_blend=1.5), ValueError,
@@ -200,8 +179,7 @@ PUBLIC_REFUSALS = [
     (lambda: LifeTable("PER", "m", cohort=1970.0), TypeError, "cohort must be exact int, got 1970.0"),
     (lambda: LifeTable("PER", "m", duration=True), TypeError,
      "duration must be int, 'ult', or sequence of int/'ult', got bool"),
-]
-# fmt: on
+]  # fmt: skip
 
 
 @pytest.mark.parametrize(("call", "exc", "message"), PUBLIC_REFUSALS)
@@ -210,9 +188,7 @@ def test_public_constructor_refuses(kinds, call, exc, message):
         call()
 
 
-def test_unknown_table_and_unknown_type(kinds, monkeypatch):
-    with pytest.raises(FileNotFoundError, match="NOPE"):
-        LifeTable("NOPE", "m")
+def test_unknown_table_type(kinds, monkeypatch):
     monkeypatch.setattr(TableSource, "table_type", property(lambda self: "bogus"))
     with exactly(ValueError, "Unknown table_type 'bogus' in table 'PER'."):
         DecrementTable.__init__(fresh(), "PER", "m")
@@ -221,7 +197,6 @@ def test_unknown_table_and_unknown_type(kinds, monkeypatch):
 # -- successful construction ---------------------------------------------------------------------
 
 
-# fmt: off
 READY = [
     (LifeTable, "PER", {"sex": "F"}, None, None),
     (DisabilityTable, "DIS", {"sex": "m"}, None, None),
@@ -231,8 +206,7 @@ READY = [
     (LifeTable, "SEL0", {"sex": "m", "duration": 0}, None, 0),
     (LifeTable, "SEL", {"sex": "m", "duration": "ult"}, None, "ult"),
     (LifeTable, "USEL", {"sex": "u", "duration": 1}, None, 1),  # native unisex select columns
-]
-# fmt: on
+]  # fmt: skip
 
 
 @pytest.mark.parametrize(("cls", "name", "kwargs", "cohort", "duration"), READY)
@@ -279,7 +253,6 @@ BAD_RATES = [
     (True, TypeError, "interest_rate must be a real number, got bool"),
     ("0.03", TypeError, "interest_rate must be a real number, got str"),
     (math.nan, ValueError, "interest_rate must be a finite number > -1, got nan"),
-    (math.inf, ValueError, "interest_rate must be a finite number > -1, got inf"),
     (-1, ValueError, "interest_rate must be a finite number > -1, got -1"),
 ]
 

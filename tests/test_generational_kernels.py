@@ -109,15 +109,19 @@ def test_a_refused_improvement_raises_the_python_message(tables):
         LifeTable("BAD", "m", cohort=1990)
 
 
-def test_columns_are_read_again_after_a_reload(tables):
+def test_columns_and_unisex_rates_are_read_again_after_a_reload(tables):
     first = tables.flat("GEN")
     old = LifeTable("GEN", "m", cohort=1970)
-    second = tables.flat("GEN")  # rewritten: the cached source and its columns are dropped
+    LifeTable("GEN", "u", cohort=1970, unisex_blend=0.5)  # fills the unisex cache
+    second = tables.flat("GEN")  # rewritten: the cached source, its columns and unisex rates are dropped
     new = LifeTable("GEN", "m", cohort=1970)
     want = base._gen_exponential(second["qx_m"], second["mi_m"], np.arange(8.0), 1970, 2000)
     np.testing.assert_array_equal(new._decrement_base, want)
     assert not np.array_equal(old._decrement_base, new._decrement_base)
     assert not np.array_equal(first["qx_m"], second["qx_m"])
+    f = LifeTable("GEN", "f", cohort=1970)._decrement_base
+    blend = np.clip(0.5 * np.round(want, 12) + 0.5 * np.round(f, 12), 0.0, 1.0)
+    np.testing.assert_array_equal(LifeTable("GEN", "u", cohort=1970, unisex_blend=0.5)._decrement_base, blend)
 
 
 def test_tables_never_share_the_cached_columns(tables):

@@ -70,10 +70,6 @@ def test_tables_in_cycles_are_collected(standard):
     assert [r() for r in refs] == [None, None]
 
 
-def fresh_int(text: str) -> int:
-    return int(text)  # a new object, not a cached small int
-
-
 def keeps_no_reference(operation, *inputs) -> None:
     def attempt():
         with contextlib.suppress(TypeError, ValueError):
@@ -90,8 +86,8 @@ def keeps_no_reference(operation, *inputs) -> None:
 
 def _operations(t_gen, t_sel, t_blend, pending):
     name, sex, other = "".join(["GE", "N"]), "".join(["M"]), "".join(["f"])
-    cohort, cohort2, bad = fresh_int("1970"), fresh_int("1985"), fresh_int("1850")
-    duration, year, weight, method = np.int64(2), np.int64(1975), float("0.375"), "".join(["p", "x"])
+    cohort, cohort2, bad = int("1970"), int("1985"), int("1850")  # new objects, not cached small ints
+    duration, weight, method = np.int64(2), float("0.375"), "".join(["p", "x"])
 
     def alternate(obj, attr, a, b):
         return lambda: (setattr(obj, attr, a), setattr(obj, attr, b))
@@ -109,7 +105,6 @@ def _operations(t_gen, t_sel, t_blend, pending):
 
         return run
 
-    # fmt: off
     return {  # name: (call, the inputs it must not keep)
         "construct": (lambda: LifeTable(name, sex, cohort=cohort), name, sex, cohort),
         "construct_select": (lambda: LifeTable("GSEL", sex, cohort=cohort, duration=duration),
@@ -126,20 +121,12 @@ def _operations(t_gen, t_sel, t_blend, pending):
         "set_cohort_refused": (lambda: setattr(t_gen, "cohort", bad), bad),
         "set_duration": (alternate(t_sel, "duration", duration, "ult"), duration),
         "set_blend": (alternate(t_blend, "unisex_blend", weight, 0.5), weight),
-        "apply_and_rebuild": (lambda: t_gen._apply_and_rebuild(sex=other, cohort=cohort2), other, cohort2),
         "ensure_ready_refused": (lambda: pending._ensure_ready(method), pending, method),
-        "validate_cohort": (lambda: (t_gen._validate_cohort_year(year), t_gen._validate_cohort_year(bad)),
-                            year, bad),
-        "column_names": (lambda: (t_sel._get_select_col(other, duration), t_sel._get_mi_col(other, duration)),
-                         other, duration),
-        "generate_unisex": (lambda: t_blend._generate_unisex_decrement(weight), weight),
         "copy": (lambda: (t_blend.copy(), t_blend.modifications_applied), t_blend),
         "configure": (lambda: t_gen.configure(sex=other, cohort=cohort2), other, cohort2),
         "configure_refused": (lambda: contextlib.suppress(ValueError)(t_gen.configure)(cohort=bad), bad),
         "batch_update": (batch(t_gen, cohort, cohort2), cohort, cohort2),
-        "batch_restore": (lambda: t_gen._restore_batch_snapshot(t_gen._capture_batch_snapshot()), t_gen),
-    }
-    # fmt: on
+    }  # fmt: skip
 
 
 OPERATIONS = list(_operations(None, None, None, None))

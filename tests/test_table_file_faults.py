@@ -97,11 +97,9 @@ ENCODINGS = {  # how the file is written, what the message says
     "utf-16": (lambda text: text.encode("utf-16"), "the file is UTF-16 text"),
     "utf-16-be": (lambda text: b"\xfe\xff" + text.encode("utf-16-be"), "the file is UTF-16 text"),
     "utf-16-no-bom": (lambda text: text.encode("utf-16-le"), "line 1: a NUL byte"),
-    "latin-1": (
-        lambda text: (text + "# caf\u00e9\n").encode("latin-1"),
-        "line 3: byte 0xe9, which is not UTF-8",
-    ),
-}
+    "latin-1": (lambda text: (text + "# caf\u00e9\n").encode("latin-1"),
+                "line 3: byte 0xe9, which is not UTF-8"),
+}  # fmt: skip
 
 
 @pytest.mark.parametrize("which", ["toml", "csv"])
@@ -129,12 +127,9 @@ NOT_FILES = {  # maker, exception type, what the message calls it
     "directory": (Path.mkdir, IsADirectoryError, "is a directory, not a file"),
     "fifo": (os.mkfifo, OSError, "is a FIFO (named pipe), not a regular file"),
     "symlink-loop": (lambda p: os.symlink(p.name, p), OSError, "is a symbolic link loop"),
-    "dangling-symlink": (
-        lambda p: os.symlink("nowhere.csv", p),
-        FileNotFoundError,
-        "is a symbolic link to nowhere.csv, which does not exist",
-    ),
-}
+    "dangling-symlink": (lambda p: os.symlink("nowhere.csv", p), FileNotFoundError,
+                         "is a symbolic link to nowhere.csv, which does not exist"),
+}  # fmt: skip
 
 
 @pytest.mark.skipif(not hasattr(os, "mkfifo"), reason="needs POSIX file types")
@@ -160,11 +155,9 @@ YEARS = GEN + 'mi_structure = "year_indexed"\ngrid_years = '
 HUGE_METADATA = [
     (GEN + "base_year = 10000000\n", "generational.base_year", "in 1000..3000, got 10000000"),
     (GEN + "base_year = 999\n", "generational.base_year", "got 999"),
-    (GEN + "base_year = -2000\n", "generational.base_year", "got -2000"),
     (YEARS + "[2000, 10000000]\n", "generational.grid_years", "1000"),
     (YEARS + "[-5, 2000]\n", "generational.grid_years", "1000"),
     (SEL + "period = 201\n", "select.period", "in 1..200, got 201"),
-    (SEL + "period = 1000000000\n", "select.period", "got 1000000000"),
     (SEL + "period = 2\nstart_duration = 201\n", "select.start_duration", "in 0..200, got 201"),
     (SEL + "period = 2\nstart_duration = 9223372036854775807\n", "select.start_duration", "0..200"),
 ]
