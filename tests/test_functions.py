@@ -2,8 +2,8 @@
 
 ``Reference`` recomputes every function from the bundled Makeham rates with whole-vector NumPy
 (survivorship by cumulative product, masked divisions, ``np.round``; powers from the C library),
-under both interpolations; the tables must agree with it bit for bit. The closed form of Makeham's law and a published
-l column check the actuarial meaning independently of both.
+under both interpolations; the tables must agree with it bit for bit. The closed form of
+Makeham's law and a published l column check the actuarial meaning independently of both.
 """
 
 from __future__ import annotations

@@ -9,12 +9,11 @@ C library (``math``), the functions the kernels call: the comparison then holds 
 
 from __future__ import annotations
 
+import math
 from collections.abc import Callable
 from functools import partial
 from types import SimpleNamespace
 from unittest import mock
-
-import math
 
 import numpy as np
 import pytest
