@@ -81,6 +81,7 @@ ERRORS = [  # the command line, what its one-line message says
     (["eval", *SULT_U, "lx", "-5"], "[lx] All ages x must be >= 0 for table 'SULT'."),
     (["eval", *SULT_U, "px", "50", "--m", "5"], "argument --m: invalid choice: "),  # the value is quoted from 3.14 on
     (["eval", *SULT_U, "px", "fifty"], "argument X: not a number: 'fifty'"),
+    (["eval", *SULT_U, "qx", ","], "argument X: no number in ','"),
     (["eval", *SULT_U, "lx", "50", "10"], "lx takes no duration T"),
     (["eval", *SULT_U, "tpx", "50", "--m", "12"], "--m applies to px and qx only"),
     (["eval", *SULT_U, "ax", "50"], "argument FUNCTION: invalid choice: 'ax'"),

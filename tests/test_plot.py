@@ -71,3 +71,27 @@ def test_the_command_writes_a_png(standard, tmp_path, capsys):
 def test_the_command_refuses(standard, command, message, capsys):
     assert main(command.split()) == 2
     assert capsys.readouterr().err.startswith(message)
+
+
+def test_names_are_drawn_literally(tables, tmp_path, capsys):
+    """Dollar signs are not mathematical text, and a leading underscore stays in the legend."""
+    for name in ("A$x^$B", "_LOW"):
+        tables.period(name=name, sexes=("u",))
+    out = tmp_path / "chart.png"
+    assert main(["plot", "A$x^$B", "_LOW", "-o", str(out)]) == 0
+    assert out.read_bytes()[:4] == b"\x89PNG" and capsys.readouterr().err == ""
+    ax = Figure().add_subplot()
+    LifeTable("A$x^$B", "u").plot(ax=ax)
+    LifeTable("_LOW", "u").plot(ax=ax)
+    legend = [text.get_text() for text in ax.get_legend().get_texts()]
+    assert legend == [r"A\$x^\$B u", "\u200b_LOW u"]
+
+
+def test_a_failure_of_the_plotting_library_is_one_line(standard, tmp_path, capsys, monkeypatch):
+    def broken(*args, **kwargs):
+        raise RuntimeError("renderer\nlost")
+
+    monkeypatch.setattr(Figure, "savefig", broken)
+    assert main(["plot", "SULT", "-o", str(tmp_path / "c.png")]) == 2
+    err = capsys.readouterr().err
+    assert err == "veltrane plot: error: cannot draw the chart: RuntimeError: renderer lost\n"

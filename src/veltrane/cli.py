@@ -41,6 +41,7 @@ from veltrane import __version__
 from veltrane.base import PAYMENT_FREQUENCIES
 from veltrane.cli_import import add_import_command, run_import
 from veltrane.config import Config
+from veltrane.tables.plotting import literal_text
 
 if TYPE_CHECKING:
     from veltrane.tables.decrement import DecrementTable
@@ -77,7 +78,15 @@ def _numbers(text: str) -> int | float | list[int | float]:
     """One number, or a comma-separated list of them (a list even when it holds one)."""
     if "," not in text:
         return _number(text)
-    return [_number(part) for part in text.split(",") if part.strip()]
+    numbers = [_number(part) for part in text.split(",") if part.strip()]
+    if not numbers:
+        raise argparse.ArgumentTypeError(f"no number in {text!r}")
+    return numbers
+
+
+def _one_line(exc: BaseException) -> str:
+    text = " ".join(str(exc).split())
+    return f"{type(exc).__name__}: {text}" if text else type(exc).__name__
 
 
 def _duration(text: str) -> int | str:
@@ -397,11 +406,13 @@ def _plot(args: argparse.Namespace) -> int:
             table.plot(ax=axes, log=not args.linear, what=args.what)
     except (ValueError, TypeError) as exc:
         raise _RefusedError(_cli_message(str(exc))) from exc
-    axes.set_title(", ".join(dict.fromkeys([args.name, *args.more])))
+    axes.set_title(literal_text(", ".join(dict.fromkeys([args.name, *args.more]))))
     try:
         figure.savefig(args.output, format="png")
     except OSError as exc:
         raise _RefusedError(f"cannot write {str(args.output)!r}: {exc.strerror or exc}") from exc
+    except Exception as exc:  # the plotting library's own failures: one line, not a traceback
+        raise _RefusedError(f"cannot draw the chart: {_one_line(exc)}") from exc
     print(args.output)
     return 0
 

@@ -9,7 +9,7 @@ import numpy as np
 if TYPE_CHECKING:
     from matplotlib.axes import Axes
 
-__all__ = ["plot", "table_label"]
+__all__ = ["literal_text", "plot", "table_label"]
 
 PlotWhat = Literal["qx", "lx", "ex"]
 _SYMBOLS = {"life": "q", "disability": "i", "exit": "o"}
@@ -24,6 +24,16 @@ def _axes(ax: Axes | None) -> Axes:
         return ax
     _, new = plt.subplots()
     return new
+
+
+def literal_text(text: str) -> str:
+    """``text`` as matplotlib shows it literally in a title or a legend.
+
+    Dollar signs would start mathematical text (and fail on names such as ``A$x^$B``), and a
+    legend leaves out a label that starts with an underscore: a zero-width space keeps it.
+    """
+    text = text.replace("$", r"\$")
+    return "\u200b" + text if text.startswith("_") else text
 
 
 def table_label(table: Any) -> str:
@@ -81,7 +91,7 @@ def plot(self: Any, ax: Axes | None = None, log: bool = True, what: PlotWhat = "
         keep = values > 0
         ages, values = ages[keep], values[keep]
         axes.set_yscale("log")
-    axes.plot(ages, values, label=table_label(self))
+    axes.plot(ages, values, label=literal_text(table_label(self)))
     axes.set_xlabel("age")
     axes.set_ylabel(ylabel)
     axes.legend()
