@@ -79,7 +79,7 @@ ERRORS = [  # the command line, what its one-line message says
     (["eval", "NOPE", "--sex", "u", "lx", "5"], "table 'NOPE' not found"),
     (["show", "SULT", "--sex", "m"], "Invalid sex 'm' for table 'SULT'"),
     (["eval", *SULT_U, "lx", "-5"], "[lx] All ages x must be >= 0 for table 'SULT'."),
-    (["eval", *SULT_U, "px", "50", "--m", "5"], "argument --m: invalid choice: "),  # the value is quoted from 3.14 on
+    (["eval", *SULT_U, "px", "50", "--m", "5"], "argument --m: invalid choice: "),  # 3.14 quotes the value
     (["eval", *SULT_U, "px", "fifty"], "argument X: not a number: 'fifty'"),
     (["eval", *SULT_U, "qx", ","], "argument X: no number in ','"),
     (["eval", *SULT_U, "lx", "50", "10"], "lx takes no duration T"),
