@@ -9,7 +9,7 @@ SOURCES := pyproject.toml CMakeLists.txt $(shell find native src -type f \( -nam
 ASAN_VENV := .venv-asan
 ASAN_BIN  := $(ASAN_VENV)/bin
 
-.PHONY: demo test test-asan bench lint clean
+.PHONY: demo test test-asan test-matrix bench lint clean
 
 demo: $(VENV)/.installed
 	$(BIN)/veltrane tables
@@ -21,6 +21,10 @@ test: $(VENV)/.installed lint
 lint: $(VENV)/.deps
 	$(BIN)/ruff check src tests tools bench
 	$(BIN)/ruff format --check src tests tools bench
+
+# The suite on every CPython 3.11-3.14 found here (pyenv's, and 3.14 through ../shared/tools).
+test-matrix:
+	tools/test_matrix.sh
 
 bench: $(VENV)/.installed
 	$(BIN)/python bench/run.py
@@ -55,4 +59,4 @@ $(ASAN_VENV)/.installed: $(ASAN_VENV)/.deps $(SOURCES)
 	touch $@
 
 clean:
-	rm -rf build $(VENV) $(ASAN_VENV)
+	rm -rf build $(VENV) $(ASAN_VENV) .venv-3.1[1-3]
