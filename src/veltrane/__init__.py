@@ -12,6 +12,7 @@ from veltrane.base import PaymentFrequencyLiteral, TableKey
 from veltrane.config import Config
 
 if TYPE_CHECKING:
+    from veltrane.contingencies import annuity, commutation, insurance, net_premium, pure_endowment
     from veltrane.tables import DecrementTable, DisabilityTable, ExitTable, LifeTable, TableRegistry
     from veltrane.tables.source import TableSource, register_table, write_table
 
@@ -25,12 +26,18 @@ __all__ = [
     "TableKey",
     "TableRegistry",
     "TableSource",
+    "annuity",
+    "commutation",
+    "insurance",
+    "net_premium",
+    "pure_endowment",
     "register_table",
     "write_table",
 ]
 __version__ = "0.1.0"
 
 _TABLE_EXPORTS = frozenset({"DecrementTable", "DisabilityTable", "ExitTable", "LifeTable", "TableRegistry"})
+_CONTINGENCY_EXPORTS = frozenset({"annuity", "commutation", "insurance", "net_premium", "pure_endowment"})
 
 
 def __getattr__(name: str) -> Any:
@@ -38,8 +45,17 @@ def __getattr__(name: str) -> Any:
         from veltrane import tables
 
         return getattr(tables, name)
+    if name in _CONTINGENCY_EXPORTS:
+        from veltrane import contingencies
+
+        return getattr(contingencies, name)
     if name in ("write_table", "register_table", "TableSource"):  # Polars, not the compiled extension
         from veltrane.tables import source
 
         return getattr(source, name)
     raise AttributeError(f"module 'veltrane' has no attribute {name!r}")
+
+
+def __dir__() -> list[str]:
+    # The lazily loaded names too, so that dir(), help() and tab completion show them.
+    return sorted({*globals(), *__all__})

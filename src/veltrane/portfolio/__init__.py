@@ -23,3 +23,8 @@ def __getattr__(name: str) -> Any:
 
         return project_dask
     raise AttributeError(f"module 'veltrane.portfolio' has no attribute {name!r}")
+
+
+def __dir__() -> list[str]:
+    # The lazily loaded names too, so that dir(), help() and tab completion show them.
+    return sorted({*globals(), *__all__})

@@ -30,3 +30,8 @@ def __getattr__(name: str) -> Any:
     import importlib
 
     return getattr(importlib.import_module(home), name)
+
+
+def __dir__() -> list[str]:
+    # The lazily loaded names too, so that dir(), help() and tab completion show them.
+    return sorted({*globals(), *__all__})
