@@ -6,7 +6,7 @@ import math
 from numbers import Real
 from typing import ClassVar
 
-from veltrane.tables.typed import TypedTable
+from veltrane.tables.typed import Blends, Cohorts, Durations, Sexes, TableNames, TypedTable
 
 __all__ = ["LifeTable"]
 
@@ -47,11 +47,11 @@ class LifeTable(TypedTable):
 
     def __init__(
         self,
-        table_name: str,
-        sex: str | None = None,
-        cohort: int | None = None,
-        unisex_blend: float | None = None,
-        duration: int | str | None = None,
+        table_name: TableNames,
+        sex: Sexes = None,
+        cohort: Cohorts = None,
+        unisex_blend: Blends = None,
+        duration: Durations = None,
         cartesian: bool = False,
         return_dict: bool = False,
         pending: bool = False,

@@ -2,9 +2,20 @@
 
 from __future__ import annotations
 
-from typing import ClassVar
+from collections.abc import Sequence
+from typing import Any, ClassVar, TypeAlias
+
+from numpy.typing import NDArray
 
 from veltrane.tables.decrement import DecrementTable
+
+# What a constructor call accepts: one value per key for one table, or sequences of them for many
+# (each instance's __init__ then sees one value of each).
+TableNames: TypeAlias = str | Sequence[str]
+Sexes: TypeAlias = str | Sequence[str] | None
+Cohorts: TypeAlias = int | Sequence[int] | NDArray[Any] | None
+Blends: TypeAlias = float | Sequence[float] | None
+Durations: TypeAlias = int | str | Sequence[int | str] | None
 
 
 class TypedTable(DecrementTable):
@@ -21,20 +32,20 @@ class TypedTable(DecrementTable):
 
     def __init__(
         self,
-        table_name: str,
-        sex: str | None = None,
-        cohort: int | None = None,
-        unisex_blend: float | None = None,
-        duration: int | str | None = None,
+        table_name: TableNames,
+        sex: Sexes = None,
+        cohort: Cohorts = None,
+        unisex_blend: Blends = None,
+        duration: Durations = None,
         cartesian: bool = False,
         return_dict: bool = False,
         pending: bool = False,
     ) -> None:
         DecrementTable.__init__(
             self,
-            table_name,
-            sex,
-            cohort,
+            table_name,  # type: ignore[arg-type]  # one value each here: the many-table call fans out
+            sex,  # type: ignore[arg-type]
+            cohort,  # type: ignore[arg-type]
             expected_table_type=self._TABLE_TYPE,
             unisex_blend=unisex_blend,
             duration=duration,
