@@ -14,6 +14,7 @@ from veltrane.config import Config
 if TYPE_CHECKING:
     from veltrane.contingencies import annuity, commutation, insurance, net_premium, pure_endowment
     from veltrane.tables import DecrementTable, DisabilityTable, ExitTable, LifeTable, TableRegistry
+    from veltrane.tables.listing import catalogue
     from veltrane.tables.source import TableSource, register_table, write_table
 
 __all__ = [
@@ -27,6 +28,7 @@ __all__ = [
     "TableRegistry",
     "TableSource",
     "annuity",
+    "catalogue",
     "commutation",
     "insurance",
     "net_premium",
@@ -49,6 +51,10 @@ def __getattr__(name: str) -> Any:
         from veltrane import contingencies
 
         return getattr(contingencies, name)
+    if name == "catalogue":
+        from veltrane.tables.listing import catalogue
+
+        return catalogue
     if name in ("write_table", "register_table", "TableSource"):  # Polars, not the compiled extension
         from veltrane.tables import source
 

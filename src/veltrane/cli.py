@@ -26,7 +26,6 @@ warnings are printed there as one line each. Output cut short by a closed pipe
 from __future__ import annotations
 
 import argparse
-import difflib
 import os
 import re
 import sys
@@ -41,6 +40,7 @@ from veltrane import __version__
 from veltrane.base import PAYMENT_FREQUENCIES
 from veltrane.cli_import import add_import_command, run_import
 from veltrane.config import Config
+from veltrane.tables.listing import catalogue, did_you_mean
 from veltrane.tables.plotting import literal_text
 
 if TYPE_CHECKING:
@@ -180,53 +180,15 @@ def _build_parser() -> _Parser:
 
 
 # -- tables ---------------------------------------------------------------------------------------
-def _table_files() -> list[tuple[str, Path]]:
-    """(name, directory) of every table pair, in search order; a shadowed name is listed once."""
-    from veltrane.tables.source import BUNDLED_TABLES_DIR
-
-    found: dict[str, Path] = {}
-    for directory in (*Config().tables_path, BUNDLED_TABLES_DIR):
-        if not directory.is_dir():
-            continue
-        for toml in sorted(directory.glob("*.toml")):
-            # Whatever has the name is listed; loading it says what is wrong with it.
-            if os.path.lexists(toml.with_suffix(".csv")):
-                found.setdefault(toml.stem, directory)
-    return list(found.items())
-
-
-def _matches(words: list[str] | None, *texts: str) -> bool:
-    """Whether every word occurs in the texts, ignoring case."""
-    haystack = " ".join(texts).casefold()
-    return all(word.casefold() in haystack for word in words or ())
-
-
 def _list_tables(search: list[str] | None = None) -> int:
-    from veltrane.tables.source import BUNDLED_TABLES_DIR, TableSource
-
-    rows = []
-    listed = [(name, "registered") for name in TableSource.registered()]
-    listed += [(n, "bundled" if d == BUNDLED_TABLES_DIR else str(d)) for n, d in _table_files()]
-    for name, where in _first_wins(listed):
-        try:
-            source = TableSource(name)
-        except (OSError, ValueError) as exc:
-            if _matches(search, name):
-                rows.append((name, "?", "?", f"unreadable: {exc}", where))
-            continue
-        if not _matches(
-            search, name, source.description, str(source.metadata.get("source", {}).get("name", ""))
-        ):
-            continue
-        structure = next((ln for ln in source._taxonomy_lines() if ln.startswith("Structure: ")), "")
-        sexes = ",".join(source.valid_sexes)
-        rows.append((name, source.table_type, sexes, structure.removeprefix("Structure: "), where))
-    if not rows:
+    rows = catalogue(search).iter_rows(named=True)
+    table = [(r["name"], r["type"], ",".join(r["sexes"] or ()), r["structure"], r["location"]) for r in rows]
+    if not table:
         print("No tables match." if search else "No tables found.")
         return 0
     header = ("NAME", "TYPE", "SEXES", "STRUCTURE", "WHERE")
-    widths = [max(len(str(row[i])) for row in (header, *rows)) for i in range(len(header) - 1)]
-    for row in (header, *rows):
+    widths = [max(len(str(row[i])) for row in (header, *table)) for i in range(len(header) - 1)]
+    for row in (header, *table):
         cells = [str(cell).ljust(width) for cell, width in zip(row, widths, strict=False)]
         print("  ".join([*cells, str(row[-1])]).rstrip())
     return 0
@@ -273,23 +235,9 @@ def _default_sex(name: str, sexes: list[str]) -> str:
     raise _RefusedError(f"table {name!r} has sexes {listed}: choose one with --sex")
 
 
-def _first_wins(listed: list[tuple[str, str]]) -> list[tuple[str, str]]:
-    """(name, where) in order, each name once: the first place holding it is the one used."""
-    found: dict[str, str] = {}
-    for name, where in listed:
-        found.setdefault(name, where)
-    return list(found.items())
-
-
 def _did_you_mean(name: str) -> str:
     """A hint naming the tables whose names are close to ``name`` (case ignored), or ""."""
-    from veltrane.tables.source import TableSource
-
-    names = list(dict.fromkeys([*TableSource.registered(), *(n for n, _ in _table_files())]))
-    same = [n for n in names if n.casefold() == name.casefold()]
-    folded = {n.casefold(): n for n in names}
-    close = [folded[n] for n in difflib.get_close_matches(name.casefold(), list(folded), n=3, cutoff=0.6)]
-    found = list(dict.fromkeys([*same, *close]))
+    found = did_you_mean(name)
     return f" (did you mean {' or '.join(repr(n) for n in found)}?)" if found else ""
 
 
