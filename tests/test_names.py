@@ -6,6 +6,8 @@ import importlib
 
 import pytest
 
+from veltrane import LifeTable
+
 
 @pytest.mark.parametrize("module", ["veltrane", "veltrane.tables", "veltrane.portfolio"])
 def test_lazy_names_are_listed_and_load(module):
@@ -55,3 +57,27 @@ def test_close_names_are_suggested(name, suggested):
     from veltrane.tables.listing import did_you_mean
 
     assert did_you_mean(name)[: len(suggested) or None] == suggested
+
+
+@pytest.mark.parametrize(
+    ("build", "shown"),
+    [
+        (lambda: LifeTable("CSO2017", "m", duration=1), ["LifeTable CSO2017", "duration</th><td>1<", "<svg"]),
+        (
+            lambda: LifeTable("CSO2017", "m", duration=1).select_path(45),
+            ["ages</th><td>45-120<", "<td>45</td>"],
+        ),
+        (lambda: LifeTable("DAV2004R", "m", pending=True), ["pending"]),
+        (lambda: LifeTable("SULT", "u", interest_rate=0.05), ["interest</th><td>0.05<", "<td>20</td>"]),
+    ],
+)
+def test_tables_show_themselves_in_a_notebook(build, shown):
+    page = build()._repr_html_()
+    assert all(text in page for text in shown), page
+
+
+def test_the_notebook_card_shows_the_rates_the_table_gives():
+    table = LifeTable("SULT", "u")
+    table.modify_qx({"decrement_multiplier": 1.5})
+    page = table._repr_html_()
+    assert f"<td>60</td><td>{table.qx(60)!r}</td>" in page and "decrement_multiplier" in page

@@ -52,6 +52,12 @@ class TypedTable(DecrementTable):
             pending=pending,
         )
 
+    def _repr_html_(self) -> str:
+        """What a notebook shows: the table's identity, structure, sample rates and their shape."""
+        from veltrane.tables.display import table_html
+
+        return table_html(self)
+
     def summary(self) -> str:
         """A report of the table, then five sample rates from each end of it.
 
