@@ -152,7 +152,7 @@ class _DecimalsConfig:
     def __repr__(self) -> str:
         decimals = Config().decimals
         inner = ", ".join(f"{name}={getattr(decimals, name)}" for name in _DECIMALS_NAMES)
-        return f"{type(self).__name__}({inner}) [from Config().decimals]"
+        return f"<table decimals, read from Config().decimals: {inner}>"
 
 
 # -- input checks -------------------------------------------------------------------------
