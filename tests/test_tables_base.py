@@ -124,10 +124,8 @@ def test_decimals_view_forwards_and_is_read_only():
     view = base._DecimalsConfig()
     with Config().override(decimals={"qx": 6, "lx": 3}):
         assert (view.qx, view.lx) == (6, 3)
-        assert (
-            repr(view)
-            == "<table decimals, read from Config().decimals: qx=6, ix=12, ox=12, px=12, tpx=12, tqx=12, lx=3, dx=9>"
-        )
+        shown = "qx=6, ix=12, ox=12, px=12, tpx=12, tqx=12, lx=3, dx=9"
+        assert repr(view) == f"<table decimals, read from Config().decimals: {shown}>"
     assert view.qx == Config().decimals.qx
     with pytest.raises(AttributeError, match=r"Config\(\)\.decimals\.qx"):
         view.qx = 4
