@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import io
+
 import polars as pl
 import pytest
 
@@ -48,8 +50,13 @@ def test_commutation_printed_and_written(capsys, tmp_path):
     code, out, _ = run(capsys, COMMUTATION + "0.03")
     lines = out.splitlines()
     frame = commutation(SULT, i=0.03)
-    assert code == 0 and lines[0].split("\t") == frame.columns and len(lines) == 122
-    assert lines[66].split("\t") == ["65", *(repr(v) for v in frame.row(65)[1:])]
+    # An aligned table with two decimals: every line as wide as the header, the columns right-aligned.
+    assert code == 0 and lines[0].split() == frame.columns and len(lines) == 122
+    assert {len(line) for line in lines} == {len(lines[0])} and len(lines[0]) <= 120
+    assert lines[66].split() == ["65", *(f"{v:.2f}" for v in frame.row(65)[1:])]
+    # --csv prints every digit, as -o writes it.
+    code, out, _ = run(capsys, COMMUTATION + "0.03 --csv")
+    assert code == 0 and pl.read_csv(io.StringIO(out)).equals(frame)
     target = tmp_path / "sult.csv"
     assert run(capsys, f"{COMMUTATION}0.03 -o {target}")[:2] == (0, "")
     written = pl.read_csv(target)

@@ -10,6 +10,7 @@ import pytest
 from conftest import exactly
 from veltrane.cli import main
 from veltrane.tables.life import LifeTable
+from veltrane.tables.plotting import table_label
 
 matplotlib = pytest.importorskip("matplotlib")
 matplotlib.use("Agg")
@@ -37,6 +38,7 @@ def test_several_tables_share_one_chart(standard):
     LifeTable("GEN", "m", cohort=1960).plot(ax=ax)
     LifeTable("SEL", "f", duration=1).plot(ax=ax, log=False)
     assert [line.get_label() for line in ax.get_lines()] == ["GEN m, born 1960", "SEL f, duration 1"]
+    assert ax.get_title() == "GEN m, born 1960"
 
 
 @pytest.mark.parametrize(
@@ -61,10 +63,26 @@ def test_the_command_writes_a_png(standard, tmp_path, capsys):
     assert main(f"plot SULT SSSM --sex u --duration 1 --what lx -o {out}".split()) == 0
 
 
+@pytest.mark.parametrize(("suffix", "magic"), [(".svg", b"<?xml"), (".pdf", b"%PDF")])
+def test_each_table_takes_its_own_keys(standard, tmp_path, capsys, suffix, magic, monkeypatch):
+    drawn = []
+    monkeypatch.setattr(LifeTable, "plot", lambda self, **kw: drawn.append(table_label(self)))
+    out = tmp_path / f"chart{suffix}"
+    # The shared --sex m goes to the tables that have it; SULT keeps its single sex.
+    assert main(["plot", "SULT", "GEN:f:1970", "GEN", "--sex", "m", "--cohort", "1960", "-o", str(out)]) == 0
+    assert drawn == ["SULT u", "GEN f, born 1970", "GEN m, born 1960"]
+    assert out.read_bytes().startswith(magic)
+
+
 @pytest.mark.parametrize(
     ("command", "message"),
     [
-        ("plot SULT -o chart.svg", "veltrane plot: error: -o must name a .png file, got 'chart.svg'"),
+        (
+            "plot SULT -o chart.gif",
+            "veltrane plot: error: -o must name a .png, .pdf or .svg file, got 'chart.gif'",
+        ),
+        ("plot SULT:u:1960:x -o c.png", "veltrane plot: error: a table is NAME, NAME:SEX or NAME:SEX:COHORT"),
+        ("plot GEN:m:later -o c.png", "veltrane plot: error: the cohort of 'GEN:m:later' must be a year"),
         ("plot SULT -o /nonexistent/dir/c.png", "veltrane plot: error: cannot write"),
     ],
 )

@@ -67,7 +67,8 @@ def plot(self: Any, ax: Axes | None = None, log: bool = True, what: PlotWhat = "
     Returns
     -------
     matplotlib.axes.Axes
-        The axes drawn on, with a labelled line for this table.
+        The axes drawn on, with a labelled line for this table, titled after the first table
+        drawn on it unless it had a title already.
     """
     if what not in ("qx", "lx", "ex"):
         raise ValueError(f"what must be 'qx', 'lx' or 'ex', got {what!r}")
@@ -92,6 +93,8 @@ def plot(self: Any, ax: Axes | None = None, log: bool = True, what: PlotWhat = "
         ages, values = ages[keep], values[keep]
         axes.set_yscale("log")
     axes.plot(ages, values, label=literal_text(table_label(self)))
+    if not axes.get_title():  # the first table drawn names the chart; later ones join the legend
+        axes.set_title(literal_text(table_label(self)))
     axes.set_xlabel("age")
     axes.set_ylabel(ylabel)
     axes.legend()
