@@ -5,16 +5,17 @@
 # Prints one summary line per interpreter and exits non-zero if any suite failed.
 set -uo pipefail
 cd "$(dirname "$0")/.."
-deps=(numpy polars scikit-build-core cmake ninja pytest hypothesis pandas matplotlib 'dask[distributed]')
+deps=(numpy polars scikit-build-core cmake ninja pytest hypothesis pandas matplotlib 'dask[distributed]' mypy)
 pyenv_root=${PYENV_ROOT:-$HOME/.pyenv}
 summary=()
 status=0
 
-interpreter() {  # the newest python3.X on PATH or under pyenv
+interpreter() {  # the newest python3.X under pyenv, else on PATH; one that runs
   local minor=$1 found
-  found=$(command -v "python3.$minor" 2>/dev/null) && { echo "$found"; return; }
-  found=$(ls -d "$pyenv_root"/versions/3."$minor".*/bin/python 2>/dev/null | sort -V | tail -n 1)
-  [ -n "$found" ] && echo "$found"
+  for found in $(ls -d "$pyenv_root"/versions/3."$minor".*/bin/python 2>/dev/null | sort -rV) \
+               $(command -v "python3.$minor" 2>/dev/null); do
+    "$found" -c 'import sys' >/dev/null 2>&1 && { echo "$found"; return; }
+  done
 }
 
 for minor in 11 12 13; do
