@@ -89,6 +89,8 @@ class TableSource:
     ``TableSource(name)`` returns the shared, cached source of the table ``name`` (bare file name,
     no extension): the same object for as long as the name and ``Config().tables_path`` stay the
     same, until ``TableSource.clear_cache()``, ``Config().reset()`` or ``write_table`` of that name.
+    The cache is bounded: it keeps the sources of the search paths in force or to be restored by
+    an open ``with`` block, at most ``_CACHE_MAX`` of them, and reads a dropped one again.
 
     Parameters
     ----------
