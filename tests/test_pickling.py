@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import copy
 import multiprocessing
 import pickle
 from concurrent.futures import ProcessPoolExecutor
@@ -275,3 +276,38 @@ def test_damaged_recipes_and_registries_are_refused_without_touching_the_core(ki
     for damaged in (((1, 2),), entries * 2, 5):
         with pytest.raises(ValueError, match="damaged"):
             rebuild_registry(cls, 1, damaged)
+
+
+@pytest.mark.parametrize("bad", ["abc", -5, float("nan"), float("inf"), True])
+def test_a_recipe_slot_is_checked_as_its_argument_is(kinds, bad):
+    function, (good,) = LifeTable("LIFE", "m", interest_rate=0.03).__reduce__()
+    with pytest.raises(ValueError, match=r"'_interest_rate' to a value the table refuses .*damaged"):
+        function(good._replace(slots=(("_interest_rate", bad),)))
+    assert function(good._replace(slots=(("_interest_rate", 2),))).interest_rate == 2.0
+
+
+def test_registry_entries_must_hold_the_table_of_their_key(kinds):
+    registry = TableRegistry(LifeTable)
+    for name in ("LIFE", "SULT"):
+        registry.get_or_create(None, name, "m" if name == "LIFE" else "u")
+    rebuild_registry, (cls, maxsize, entries) = registry.__reduce__()
+    (k1, t1), (k2, t2) = entries
+    swapped = ((k1, t2), (k2, t1))
+    lapse = (((ExitTable, *k1[1:]), t1),)  # the class of the key is not the table's
+    not_a_table_class = (((int, *k1[1:]), t1),)
+    for damaged in (swapped, lapse, not_a_table_class):
+        with pytest.raises(ValueError, match=r"cannot unpickle a TableRegistry.*damaged"):
+            rebuild_registry(cls, maxsize, damaged)
+
+
+@pytest.mark.parametrize("copy_of", [roundtrip, copy.copy, copy.deepcopy])
+@pytest.mark.parametrize("sex", ["m", "f"])
+def test_a_blend_accepted_on_a_single_sex_table_is_kept_by_copies(kinds, copy_of, sex):
+    table = LifeTable("LIFE", sex).configure(unisex_blend=0.3)
+    back = copy_of(table)
+    assert back.unisex_blend == 0.3
+    assert_same(table, back)
+    back.configure(sex="u")  # the blend applies once the sex is unisex
+    np.testing.assert_array_equal(
+        back._decrement_base, LifeTable("LIFE", "u", unisex_blend=0.3)._decrement_base
+    )

@@ -5,7 +5,7 @@ from __future__ import annotations
 import numpy as np
 import pytest
 
-from conftest import exactly, improved, projected
+from conftest import TableWriter, exactly, improved, projected
 from veltrane.config import Config
 from veltrane.tables import base, decrement
 from veltrane.tables.life import LifeTable
@@ -239,7 +239,6 @@ def test_select_blend_follows_the_duration(tables):
 
 def test_unisex_cache_is_first_in_first_out(tables):
     tables.flat()
-    LifeTable("GEN", "m", cohort=1970)  # load the source first: a (re)load empties the cache
     cache = decrement._COHORT_ADJUSTED_QX_CACHE_UNISEX
     for i in range(decrement._COHORT_ADJUSTED_QX_CACHE_MAX):
         cache[("filler", i)] = np.zeros(8)
@@ -248,3 +247,51 @@ def test_unisex_cache_is_first_in_first_out(tables):
     order = list(cache)
     LifeTable("GEN", "u", cohort=1970, unisex_blend=0.7)  # hits neither move nor refresh
     assert list(cache) == order and order[-2:] == [("GEN", s, 1970, "exponential", None) for s in "mf"]
+
+
+def blend_of(name: str, w: float, **keys) -> np.ndarray:
+    return LifeTable(name, "u", unisex_blend=w, **keys)._decrement_base
+
+
+def single_sex_blend(name: str, w: float, **keys) -> np.ndarray:
+    m, f = (np.round(LifeTable(name, s, **keys)._decrement_base, 12) for s in "mf")
+    return np.clip(w * m + (1.0 - w) * f, 0.0, 1.0)
+
+
+def test_unisex_entries_outlive_other_names_and_search_paths(tables, tmp_path):
+    TableSource.clear_cache()
+    blend_of("DAV2004R", 0.5, cohort=1960)
+    cache = decrement._COHORT_ADJUSTED_QX_CACHE_UNISEX
+    kept = list(cache)
+    assert [k[0] for k in kept] == ["DAV2004R", "DAV2004R"]
+    LifeTable("SULT", "u")  # the first load of another name
+    tables.flat()
+    blend_of("GEN", 0.5, cohort=1960)
+    with Config().override(tables_path=[tmp_path / "elsewhere"]):
+        blend_of("DAV2004R", 0.3, cohort=1960)  # the same file through another search path
+    TableSource.clear_cache()  # read again: the same data
+    blend_of("DAV2004R", 0.7, cohort=1960)
+    assert list(cache)[:2] == kept and len(cache) == 4
+
+
+def test_a_name_that_finds_other_data_drops_its_own_unisex_entries_only(tables, tmp_path):
+    tables.flat()
+    tables.flat("OTHER")
+    shadow = TableWriter(tmp_path / "shadow")
+    shadow.rng = np.random.default_rng(7)  # other rates under the same name, formula and keys
+    shadow.flat()
+    outer = blend_of("GEN", 0.5, cohort=1970)
+    blend_of("OTHER", 0.5, cohort=1970)
+    cache = decrement._COHORT_ADJUSTED_QX_CACHE_UNISEX
+    others = [k for k in cache if k[0] == "OTHER"]
+    with Config().override(tables_path=[shadow.directory, tables.directory]):
+        np.testing.assert_array_equal(
+            blend_of("GEN", 0.5, cohort=1970), single_sex_blend("GEN", 0.5, cohort=1970)
+        )
+    np.testing.assert_array_equal(blend_of("GEN", 0.5, cohort=1970), outer)  # the outer file's rates again
+    tables.flat("OTHER")  # rewritten
+    assert [k for k in cache if k[0] == "OTHER"] == [] and len(cache) == 2
+    np.testing.assert_array_equal(
+        blend_of("OTHER", 0.5, cohort=1970), single_sex_blend("OTHER", 0.5, cohort=1970)
+    )
+    assert others == [k for k in cache if k[0] == "OTHER"]

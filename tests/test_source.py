@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import copy
+import dataclasses
 import math
 import os
 import pickle
@@ -15,6 +16,7 @@ import polars as pl
 import pytest
 
 from veltrane.config import Config
+from veltrane.tables import source as source_module
 from veltrane.tables.life import LifeTable
 from veltrane.tables.source import BUNDLED_TABLES_DIR, TableSource, write_table
 
@@ -228,13 +230,13 @@ def test_copies_and_pickling():
     src = TableSource.from_frame("mem", {"table_type": "life"}, pl.DataFrame({"age": [0], "qx_u": [0.5]}))
     shallow = copy.copy(src)
     assert shallow is not src and shallow.data is src.data
-    shallow._data = shallow.data.with_columns(qx_u=pl.lit(0.25))
-    shallow._valid_sexes = ["m"]
+    shallow._data = shallow.data.with_columns(qx_u=pl.lit(0.25), qx_m=pl.lit(0.75))
+    shallow._valid_sexes = ["m", "u"]  # as a blend adds a sex to a table's own copy
     assert (src.data["qx_u"][0], src.valid_sexes) == (0.5, ["u"])
     deep = copy.deepcopy(shallow)
     assert deep.data is not shallow.data and deep.data.equals(shallow.data)
     restored = pickle.loads(pickle.dumps(shallow))
-    assert (restored.data["qx_u"][0], restored.valid_sexes, restored.table_type) == (0.25, ["m"], "life")
+    assert (restored.data["qx_m"][0], restored.valid_sexes, restored.table_type) == (0.75, ["m", "u"], "life")
     src.metadata["table_type"] = "exit"
     assert src.metadata["table_type"] == "life"
 
@@ -253,3 +255,89 @@ def test_bundled_tables_follow_their_laws():
     assert sssm.data["qx_u_ult"].to_list() == q.tolist()
     for column, factor in (("qx_u_s1", 0.81), ("qx_u_s2", 0.9)):
         assert sssm.data[column].to_list() == [1.0 if x == 1.0 else factor * x for x in q.tolist()]
+
+
+def cached_names() -> list[str]:
+    return [name for name, _ in source_module._cache]
+
+
+def test_sources_of_search_paths_that_no_longer_apply_are_dropped(tables, tmp_path):
+    outer = TableSource("SULT")
+    before = cached_names().count("SULT")  # one per search path in force or to be restored
+    for i in range(20):  # each block searches a directory of its own first
+        with Config().override(tables_path=[tmp_path / str(i)]):
+            TableSource("SULT")
+            with Config().override(tables_path=[tmp_path / "inner"]):
+                TableSource("SULT")  # the paths of the open blocks still apply after this one
+            assert cached_names().count("SULT") == before + 2
+    assert TableSource("SULT") is outer  # its path applied again after every block
+    write_table(tables.directory, "T", {"table_type": "life"}, {"age": [0], "qx_u": [0.1]})
+    TableSource("T")  # a load drops what the blocks left behind
+    assert cached_names().count("SULT") == before
+
+
+def test_the_cache_keeps_the_most_recently_loaded_sources(tables, monkeypatch):
+    monkeypatch.setattr(source_module, "_CACHE_MAX", 3)
+    for name in "ABCD":
+        write_table(tables.directory, name, {"table_type": "life"}, {"age": [0], "qx_u": [0.1]})
+    first = TableSource("A")
+    for name in "BCD":
+        TableSource(name)
+    assert cached_names() == ["B", "C", "D"]
+    assert TableSource("A") is not first and first.data.equals(TableSource("A").data)
+
+
+@pytest.mark.parametrize("given_by", ["setting", "variable"])
+def test_relative_tables_path_entries_mean_the_directory_of_when_they_were_given(
+    tmp_path, monkeypatch, given_by
+):
+    for folder, rate in (("a", 0.1), ("b", 0.2)):
+        write_table(tmp_path / folder / "tables", "REL", {"table_type": "life"}, {"age": [0], "qx_u": [rate]})
+
+    def give(entry: str) -> None:
+        if given_by == "setting":
+            Config().tables_path = [entry]
+        else:
+            monkeypatch.setenv("VELTRANE_TABLES_PATH", entry)
+            Config().reset()
+
+    with Config():
+        for folder, rate in (("a", 0.1), ("b", 0.2)):
+            monkeypatch.chdir(tmp_path / folder)
+            give("tables")
+            assert Config().tables_path == (tmp_path / folder / "tables",)
+            assert TableSource("REL").data["qx_u"][0] == rate
+        monkeypatch.chdir(tmp_path / "a")
+        assert TableSource("REL").data["qx_u"][0] == 0.2  # still b's directory
+    TableSource.clear_cache()
+
+
+def five_rates() -> TableSource:
+    return TableSource.from_rates("FIVE", [0.1, 0.2, 0.3, 0.4, 1.0])
+
+
+def damaged(edit) -> TableSource:
+    src = copy.copy(five_rates())
+    edit(src)
+    return src
+
+
+@pytest.mark.parametrize(
+    ("edit", "message"),
+    [
+        (lambda s: setattr(s, "_w", 120), "last age \\(w = 120\\) disagree"),
+        (lambda s: setattr(s, "_data", s._data.head(0)), "the table has no rows"),
+        (lambda s: setattr(s, "_meta", dataclasses.replace(s._meta, start_age=-5)), "parsed metadata"),
+        (lambda s: setattr(s, "_metadata", {**s._metadata, "start_age": -5}), "must not be negative"),
+        (lambda s: setattr(s, "_data", s._data.with_columns(qx_u=pl.lit(1.5))), "rate 1.5 outside"),
+        (lambda s: setattr(s, "_valid_sexes", ["m"]), "not among the declared sexes"),
+        (lambda s: setattr(s, "_file_name", "OTHER"), "damaged"),
+    ],
+)
+def test_a_damaged_source_pickle_is_refused_as_a_damaged_file_would_be(edit, message):
+    data = pickle.dumps(damaged(edit))
+    with pytest.raises(ValueError, match=message):
+        pickle.loads(data)
+    back = pickle.loads(pickle.dumps(five_rates()))
+    assert (back.w, back.start_age, back.valid_sexes) == (4, 0, ["u"])
+    assert back._digest() == five_rates()._digest()

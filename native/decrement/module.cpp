@@ -315,10 +315,12 @@ int decrement_exec(PyObject* module) {
         py::ref clear = py::check(PyObject_GetAttrString(module, "_clear_cohort_unisex_cache"));
         py::ref reset_callbacks = py::check(PyObject_GetAttrString(module, "_reset_callbacks"));
         py::require(PyList_Append(reset_callbacks.get(), clear.get()));
-        // The cache is keyed by table name: empty it whenever a name may come to mean other data.
+        // The cache is keyed by table name: drop a name's entries when the name comes to mean other data.
+        py::add_function(module, forget_unisex_name_def);
+        py::ref forget = py::check(PyObject_GetAttrString(module, "_forget_cohort_unisex_name"));
         py::ref source_module = import("veltrane.tables.source");
         py::ref invalidation = py::check(PyObject_GetAttrString(source_module.get(), "_invalidation_callbacks"));
-        py::require(PyList_Append(invalidation.get(), clear.get()));
+        py::require(PyList_Append(invalidation.get(), forget.get()));
         py::ref itertools = import("itertools");
         py::ref counter = py::check(PyObject_CallMethod(itertools.get(), "count", nullptr));
         bind(module, "_table_instance_counter", counter.get());

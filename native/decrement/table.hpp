@@ -112,5 +112,8 @@ void bind_registry(PyObject* module);
 void generate_unisex(TableObject* t, PyObject* blend);
 int decimals_for_decrement(TableObject* t);
 extern PyMethodDef unisex_methods[];
+// _forget_cohort_unisex_name(name): drops the cohort cache's entries of one table name; run by
+// the table sources for a name whose data changed.
+extern PyMethodDef forget_unisex_name_def;
 
 }  // namespace veltrane::decrement

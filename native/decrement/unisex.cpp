@@ -210,6 +210,22 @@ void generate_unisex(TableObject* t, PyObject* blend) {
 
 namespace {
 
+PyObject* forget_unisex_name(PyObject* module, PyObject* name) {
+    return py::guard([&]() -> PyObject* {
+        // Held: deleting an entry may release the last reference to the cache's contents.
+        py::ref cache = py::ref::borrow(state_of(module)->unisex_cache);
+        py::ref keys = py::check(PySequence_List(cache.get()));
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(keys.get()); ++i) {
+            PyObject* key = PyList_GET_ITEM(keys.get(), i);
+            if (!PyTuple_Check(key) || PyTuple_GET_SIZE(key) == 0) continue;
+            if (py::require(PyObject_RichCompareBool(PyTuple_GET_ITEM(key, 0), name, Py_EQ)) == 1) {
+                py::require(PyObject_DelItem(cache.get(), key));
+            }
+        }
+        Py_RETURN_NONE;
+    });
+}
+
 PyObject* Table_generate_unisex(PyObject* self, PyObject* blend) {
     return py::guard([&]() -> PyObject* {
         generate_unisex(as_table(self), blend);
@@ -218,6 +234,11 @@ PyObject* Table_generate_unisex(PyObject* self, PyObject* blend) {
 }
 
 }  // namespace
+
+PyMethodDef forget_unisex_name_def = {
+    "_forget_cohort_unisex_name", forget_unisex_name, METH_O,
+    "_forget_cohort_unisex_name(name, /)\n--\n\n"
+    "Drop the entries of the table name ``name`` from the cache of cohort-projected unisex inputs."};
 
 PyMethodDef unisex_methods[] = {
     {"_generate_unisex_decrement", Table_generate_unisex, METH_O,

@@ -118,14 +118,24 @@ class DecimalsSettings:
         return f"DecimalsSettings({inner})"
 
 
+def _absolute(entry: str | os.PathLike[str]) -> Path:
+    """``entry`` made absolute against the working directory of now.
+
+    A relative directory would otherwise mean another directory after ``os.chdir``, while the
+    sources already found through it stayed cached under the same spelling.
+    """
+    return Path(entry).absolute()
+
+
 def _env_tables_path() -> tuple[Path, ...]:
-    """The directories of ``VELTRANE_TABLES_PATH``; warns of entries that are not directories.
+    """The directories of ``VELTRANE_TABLES_PATH``, made absolute; warns of entries that are not
+    directories.
 
     Called by ``Config()`` and ``Config().reset()``: the warning points at their caller. A typo
     in the variable would otherwise only show as "table not found" much later.
     """
     raw = os.environ.get(_TABLES_PATH_ENV, "")
-    paths = tuple(Path(p) for p in raw.split(os.pathsep) if p)
+    paths = tuple(_absolute(p) for p in raw.split(os.pathsep) if p)
     for path in paths:
         if not path.is_dir():
             problem = "is not a directory" if path.exists() else "does not exist"
@@ -150,7 +160,9 @@ class Config:
         Warn when several setters rebuilt a table between two calculations (default True).
     tables_path : tuple of Path
         Directories searched for table files before the bundled tables. Defaults to the
-        entries of the environment variable ``VELTRANE_TABLES_PATH``.
+        entries of the environment variable ``VELTRANE_TABLES_PATH``. Relative entries are
+        made absolute against the working directory when they are set (or read from the
+        variable), so a later ``os.chdir`` does not change where tables are found.
 
     Notes
     -----
@@ -158,7 +170,7 @@ class Config:
     restored on exit, and ``Config().override(...)`` sets some for one block.
     """
 
-    __slots__ = ("_decimals", "_lx_interpolation", "_saved", "_tables_path", "_warn_chained")
+    __slots__ = ("_decimals", "_lx_interpolation", "_overridden", "_saved", "_tables_path", "_warn_chained")
     _instance: Config | None = None
 
     def __new__(cls) -> Config:
@@ -170,6 +182,7 @@ class Config:
             inst._warn_chained = _DEFAULT_WARN_ON_CHAINED_REBUILD
             inst._tables_path = _env_tables_path()
             inst._saved = []
+            inst._overridden = []
             cls._instance = inst
         return inst
 
@@ -213,7 +226,7 @@ class Config:
 
     @property
     def tables_path(self) -> tuple[Path, ...]:
-        """Directories searched for table files, in order, before the bundled tables."""
+        """Directories searched for table files, in order, before the bundled tables (absolute)."""
         return self._tables_path
 
     @tables_path.setter
@@ -226,7 +239,7 @@ class Config:
         for entry in entries:
             if not isinstance(entry, (str, os.PathLike)):
                 raise TypeError(f"tables_path entries must be str or Path, got {type(entry).__name__}")
-            paths.append(Path(entry))
+            paths.append(_absolute(entry))
         self._tables_path = tuple(paths)
         _notify_change()
 
@@ -266,6 +279,7 @@ class Config:
         ``decimals`` may be given as a partial mapping, e.g. ``decimals={"qx": 6}``.
         """
         saved = self._state()
+        self._overridden.append(saved)  # its tables_path applies again after the block
         try:
             for name, value in settings.items():
                 if name == "decimals":
@@ -276,6 +290,8 @@ class Config:
                     raise AttributeError(f"unknown setting {name!r}")
             yield self
         finally:
+            # By identity: blocks held open by generators need not close in order.
+            self._overridden[:] = [state for state in self._overridden if state is not saved]
             self._set_state(saved)
 
     def __enter__(self) -> Config:
@@ -284,6 +300,10 @@ class Config:
 
     def __exit__(self, *exc_info: object) -> None:
         self._set_state(self._saved.pop())
+
+    def _tables_paths_in_use(self) -> list[tuple[Path, ...]]:
+        """The search path in force and those that open ``with`` blocks will restore."""
+        return [self._tables_path, *(state["tables_path"] for state in (*self._saved, *self._overridden))]
 
     def __repr__(self) -> str:
         s = self._state()

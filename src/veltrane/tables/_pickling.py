@@ -16,9 +16,7 @@ table, rebuilt and followed again on arrival.
 from __future__ import annotations
 
 import hashlib
-import json
 import warnings
-import weakref
 from collections import OrderedDict
 from contextlib import nullcontext
 from typing import Any, NamedTuple
@@ -26,13 +24,11 @@ from typing import Any, NamedTuple
 import numpy as np
 
 from veltrane.config import Config
-from veltrane.tables.decrement import DecrementTable, TableRegistry
+from veltrane.tables.decrement import DecrementTable, TableRegistry, _validate_table_class
 from veltrane.tables.select_path import select_path_origin
 from veltrane.tables.source import TableSource
 
 __all__: list[str] = []
-
-_fingerprints: weakref.WeakKeyDictionary[TableSource, str] = weakref.WeakKeyDictionary()
 
 
 class TableRecipe(NamedTuple):
@@ -70,18 +66,7 @@ class _Unpicklable:
 
 def fingerprint(source: TableSource) -> str:
     """A digest of a table source's metadata and columns (names, types and values)."""
-    known = _fingerprints.get(source)
-    if known is not None:
-        return known
-    h = hashlib.blake2b(digest_size=16)
-    h.update(json.dumps(source._metadata, sort_keys=True, default=repr).encode())
-    for name in source.data.columns:
-        column = source.data.get_column(name)
-        h.update(f"\0{name}\0{column.dtype}\0".encode())
-        h.update(np.ascontiguousarray(column.to_numpy()).tobytes())
-    digest = h.hexdigest()
-    _fingerprints[source] = digest
-    return digest
+    return source._digest()
 
 
 def _digest(vector: np.ndarray | None) -> str:
@@ -155,7 +140,7 @@ def recipe(table: DecrementTable) -> TableRecipe:
     if duration is None and table.is_select and table._select_duration_set:
         duration = "ult"
     sex = table._sex
-    blend = table._unisex_blend if sex in ("u", None) else None  # a pending shell may hold one
+    blend = table._unisex_blend  # also one accepted by configure() on a male or female table
     pending = bool(table._metadata_pending)
     digests = None if pending else (_digest(table._decrement_base), _digest(table._decrement))
     return TableRecipe(
@@ -273,10 +258,19 @@ def rebuild(r: TableRecipe) -> DecrementTable:
     # Only the slots that the class declares in Python travel; the core's own fields are
     # rebuilt above, never taken from the pickle.
     known = set(_slot_names(type(table)))
+    checks = getattr(type(table), "_SLOT_CHECKS", {})
     for name, value in r.slots:
         if name.startswith("__dict__.") and hasattr(table, "__dict__"):
             table.__dict__[name[len("__dict__.") :]] = value
         elif name in known:
+            if (check := checks.get(name)) is not None:
+                try:
+                    value = check(value)
+                except (TypeError, ValueError) as exc:
+                    raise ValueError(
+                        f"cannot unpickle {_label(table)}: its pickled recipe sets {name!r} to a value "
+                        f"the table refuses ({exc}); the pickle is damaged"
+                    ) from exc
             object.__setattr__(table, name, value)
         else:
             raise ValueError(
@@ -307,6 +301,9 @@ def rebuild(r: TableRecipe) -> DecrementTable:
 def _construct(r: TableRecipe) -> DecrementTable:
     _find_source(r.table_name, r.fingerprint, r.cls)
     table = DecrementTable.__new__(r.cls, r.table_name, "m")
+    # A male or female table may hold a blend accepted by configure() (it applies once the sex
+    # becomes "u"); the constructor refuses one with those sexes, so configure() sets it again.
+    later = r.unisex_blend if r.sex in ("m", "f") else None
     with _decimals_override(table.table_type, r.decimals[0]):
         DecrementTable.__init__(
             table,
@@ -314,10 +311,12 @@ def _construct(r: TableRecipe) -> DecrementTable:
             r.sex,
             r.cohort,
             expected_table_type=getattr(r.cls, "_TABLE_TYPE", None),
-            unisex_blend=r.unisex_blend,
+            unisex_blend=None if later is not None else r.unisex_blend,
             duration=r.duration,
             pending=r.pending,
         )
+        if later is not None:
+            DecrementTable.configure(table, unisex_blend=later)
     return table
 
 
@@ -363,5 +362,25 @@ def _rebuild_registry(
         raise ValueError(
             "cannot unpickle a TableRegistry: its pickled entries are damaged (not key, table pairs)"
         )
+    for key, table in entries:
+        _check_registry_entry(key, table)
     registry._cache = OrderedDict(entries)
     return registry
+
+
+def _check_registry_entry(key: tuple[Any, ...], table: DecrementTable) -> None:
+    """Refuse an entry whose table is not one that ``get_or_create`` could have made for its key.
+
+    The class and the table name never change on a table; the other keys (sex, cohort, duration,
+    blend) may, if a holder of the shared table configured it, so they are not compared.
+    """
+    cls, name = key[0], key[1]
+    try:
+        _validate_table_class(cls, "a pickled TableRegistry key's table class")
+    except TypeError as exc:
+        raise ValueError(f"cannot unpickle a TableRegistry: {exc} (the pickle is damaged)") from exc
+    if not isinstance(table, cls) or table._table.file_name != name:
+        raise ValueError(
+            f"cannot unpickle a TableRegistry: its entry for {cls.__name__} {name!r} holds "
+            f"{_label(table)} (the pickle is damaged)"
+        )

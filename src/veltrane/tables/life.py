@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import math
+from collections.abc import Callable, Mapping
 from numbers import Real
 from typing import ClassVar
 
@@ -41,6 +42,10 @@ class LifeTable(TypedTable):
 
     __slots__ = ("_interest_rate",)
     _TABLE_TYPE: ClassVar[str] = "life"
+    # How a pickled recipe's value of a slot is checked before it is set (as the argument is).
+    _SLOT_CHECKS: ClassVar[Mapping[str, Callable[[object], object]]] = {
+        "_interest_rate": _check_interest_rate
+    }
     # __init__ below only checks its arguments and builds the table from them, so a
     # many-table call may copy one instance for further cohorts instead of running it again.
     _INIT_BUILDS_FROM_ARGUMENTS: ClassVar[bool] = True

@@ -19,16 +19,20 @@ import codecs
 import contextlib
 import copy
 import errno
+import hashlib
 import io
+import json
 import numbers
 import os
 import stat
 import tempfile
 import tomllib
+import weakref
 from collections.abc import Callable, Iterable, Mapping
 from pathlib import Path
 from typing import Any, Final
 
+import numpy as np
 import polars as pl
 
 from veltrane import config as _config
@@ -41,19 +45,30 @@ __all__ = ["BUNDLED_TABLES_DIR", "TableSource", "register_table", "write_table"]
 #: Directory of the tables shipped with the package; searched after ``Config().tables_path``.
 BUNDLED_TABLES_DIR: Final = Path(__file__).parent / "data"
 
-# (table name, search path) -> source. Keyed by the path tuple itself, so a changed
-# ``tables_path`` misses at once without any file-system call on the hot path.
+#: Most sources kept by the cache; past it the oldest loaded is dropped (tables holding it keep it).
+_CACHE_MAX: Final = 128
+
+# (table name, search path) -> source, oldest first. Keyed by the path tuple itself, so a
+# changed ``tables_path`` misses at once without any file-system call on the hot path. Entries
+# of a search path that is neither in force nor to be restored by an open ``with`` block are
+# dropped at the next load: a program that keeps choosing new directories keeps no old tables.
 _cache: dict[tuple[str, tuple[Path, ...]], TableSource] = {}
 # Tables registered from memory by name; they come before any file of that name.
 _registered: dict[str, TableSource] = {}
-#: Run whenever a table name may come to mean other data: the cache is cleared, a table is
-#: written, or a source is (re)loaded. Caches of data derived from sources register here.
-_invalidation_callbacks: list[Callable[[], None]] = []
+#: Run with a table name whose data changed: the name was registered, unregistered or written,
+#: or now finds data other than what caches keyed by name were filled from. Caches of data
+#: derived from sources by name (the unisex cohort cache) register here and drop that name.
+_invalidation_callbacks: list[Callable[[str], None]] = []
+# Name -> (metadata record, content digest) of the source whose data the caches keyed by name
+# were last filled from; see ``TableSource._is_current``.
+_filled_from: dict[str, tuple[fmt.TableMeta, str]] = {}
+_digests: weakref.WeakKeyDictionary[TableSource, str] = weakref.WeakKeyDictionary()
 
 
-def _invalidate() -> None:
+def _invalidate(name: str) -> None:
+    _filled_from.pop(name, None)
     for callback in tuple(_invalidation_callbacks):
-        callback()
+        callback(name)
 
 
 _SLOTS: Final = (
@@ -74,6 +89,8 @@ class TableSource:
     ``TableSource(name)`` returns the shared, cached source of the table ``name`` (bare file name,
     no extension): the same object for as long as the name and ``Config().tables_path`` stay the
     same, until ``TableSource.clear_cache()``, ``Config().reset()`` or ``write_table`` of that name.
+    The cache is bounded: it keeps the sources of the search paths in force or to be restored by
+    an open ``with`` block, at most ``_CACHE_MAX`` of them, and reads a dropped one again.
 
     Parameters
     ----------
@@ -122,8 +139,8 @@ class TableSource:
             return _cache[key]
         except KeyError:
             pass
-        source = _cache.setdefault(key, _load(table_name, key[1]))
-        _invalidate()
+        source = _load(table_name, key[1])
+        _store(key, source)
         return source
 
     def __init__(self, table_name: str) -> None:
@@ -293,7 +310,10 @@ class TableSource:
         Looks only at what is registered or cached, never at files. Caches keyed by table name
         (the unisex cohort cache) hold only what current sources give: a table built before its
         name came to mean other data keeps its rates, but must not hand them to newer tables.
-        Objects other than sources count as current.
+        Asking is also how such a cache learns that the name now gives other data than it was
+        filled from (another search path, a file read again after ``clear_cache()``): that name
+        alone is dropped first, through ``_invalidation_callbacks``. Data that only was read again
+        drops nothing. Objects other than sources count as current.
         """
         if not isinstance(source, TableSource):
             return True
@@ -301,7 +321,30 @@ class TableSource:
         found = _registered.get(name)
         if found is None:
             found = _cache.get((name, _config.Config().tables_path))
-        return found is not None and found._meta is source._meta
+        if found is None or found._meta is not source._meta:
+            return False
+        filled = _filled_from.get(name)
+        if filled is None or filled[0] is not found._meta:
+            digest = found._digest()
+            if filled is not None and filled[1] != digest:
+                _invalidate(name)
+            _filled_from[name] = (found._meta, digest)
+        return True
+
+    def _digest(self) -> str:
+        """A digest of the metadata and columns (names, types and values); kept per source."""
+        known = _digests.get(self)
+        if known is not None:
+            return known
+        h = hashlib.blake2b(digest_size=16)
+        h.update(json.dumps(self._metadata, sort_keys=True, default=repr).encode())
+        for name in self._data.columns:
+            column = self._data.get_column(name)
+            h.update(f"\0{name}\0{column.dtype}\0".encode())
+            h.update(np.ascontiguousarray(column.to_numpy()).tobytes())
+        digest = h.hexdigest()
+        _digests[self] = digest
+        return digest
 
     @classmethod
     def _build(
@@ -343,9 +386,12 @@ class TableSource:
 
     @staticmethod
     def clear_cache() -> None:
-        """Forget every loaded source, so the next ``TableSource(name)`` reads the files again."""
+        """Forget every loaded source, so the next ``TableSource(name)`` reads the files again.
+
+        Data derived from a name (the unisex cohort cache) is dropped only for the names whose
+        files are found to hold other data when they are used again.
+        """
         _cache.clear()
-        _invalidate()
 
     # -- identity and shape -----------------------------------------------------------------------
     @property
@@ -532,14 +578,42 @@ class TableSource:
 
 
 def _restore(cls: type[TableSource], state: tuple[Any, ...]) -> TableSource:
-    new = object.__new__(cls)
-    for slot, value in zip(_SLOTS, state, strict=True):
-        object.__setattr__(new, slot, value)
-    return new
+    """Rebuild a pickled source through the loader's checks, so that a damaged or edited pickle
+    fails as a damaged file would instead of giving rates that nobody wrote."""
+    if not (isinstance(cls, type) and issubclass(cls, TableSource)):
+        raise ValueError(f"cannot unpickle a TableSource as {cls!r}: the pickle is damaged")
+    if not isinstance(state, tuple) or len(state) != len(_SLOTS):
+        raise ValueError("cannot unpickle a TableSource: its pickled state is damaged")
+    name, file_name, file_path, data, valid_sexes, meta, metadata, w = state
+    _check_name(name)
+    ok = (
+        file_name == name
+        and (file_path is None or isinstance(file_path, Path))
+        and isinstance(data, pl.DataFrame)
+        and isinstance(valid_sexes, list)
+        and isinstance(metadata, dict)
+    )
+    if not ok:
+        raise ValueError(f"cannot unpickle table source {name!r}: its pickled state is damaged")
+    where = f"pickled table source {name!r}"
+    # A table's private copy may have gained a sex (a blended unisex column): its columns are
+    # judged against the sexes it holds; everything else is read as the loader reads it.
+    judged = {**metadata, "sexes": valid_sexes} if valid_sexes else metadata
+    checked = cls._build(name, judged, data, file_path, where, where, lambda i: f"row {i + 1}")
+    parsed = fmt.parse_metadata(metadata, where)
+    if meta != parsed or w != checked._w or checked._valid_sexes != valid_sexes:
+        raise ValueError(
+            f"{where}: its parsed metadata, sexes or last age (w = {w!r}) disagree with its metadata "
+            f"and {checked._w + 1} rows; the pickle is damaged"
+        )
+    checked._meta = parsed
+    checked._metadata = copy.deepcopy(metadata)
+    return checked
 
 
 def _clear_on_reset() -> None:
     _cache.clear()
+    _filled_from.clear()
 
 
 _config._reset_callbacks.append(_clear_on_reset)
@@ -557,7 +631,18 @@ def _forget(name: str) -> None:
     """Drop what is cached under ``name``: it may now mean other data."""
     for key in [k for k in _cache if k[0] == name]:
         _cache.pop(key, None)
-    _invalidate()
+    _invalidate(name)
+
+
+def _store(key: tuple[str, tuple[Path, ...]], source: TableSource) -> None:
+    """Cache a loaded source; drop the sources of search paths that no longer apply, and the
+    oldest beyond ``_CACHE_MAX``."""
+    in_use = _config.Config()._tables_paths_in_use()
+    for old in [k for k in _cache if k[1] not in in_use]:
+        del _cache[old]
+    _cache[key] = source
+    while len(_cache) > _CACHE_MAX:
+        del _cache[next(iter(_cache))]
 
 
 def _check_name(name: object) -> str:
