@@ -124,7 +124,8 @@ def read_document(path: str | Path) -> Document:
     Raises
     ------
     XTbMLError
-        The file is not XML, not XTbML, or an element is missing or holds a bad value.
+        The file is not XML (or in an encoding not read), not XTbML, declares a document type,
+        outgrows the parse limits, or an element is missing or holds a bad value.
     OSError
         The file does not exist or cannot be read.
     """
