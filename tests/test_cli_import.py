@@ -62,6 +62,15 @@ def test_import_refusals_are_one_line_and_write_nothing(capsys, tmp_path, extra,
     assert not (tmp_path / "out").exists()
 
 
+@pytest.mark.parametrize("encoding", ["bogus", "utf-7"])
+def test_an_unsupported_declared_encoding_is_a_one_line_refusal_naming_the_file(capsys, tmp_path, encoding):
+    path = tmp_path / "e.xml"
+    path.write_bytes(f'<?xml version="1.0" encoding="{encoding}"?><XTbML/>'.encode("ascii"))
+    code, out, err = run(capsys, "import", path, "--name", "E", "--out", tmp_path / "out")
+    assert (code, out, err.count("\n")) == (2, "", 1)
+    assert f"{path}: encoding {encoding!r} of the XML declaration is not supported" in err
+
+
 def test_existing_pair_is_replaced_whole_and_a_blocked_write_leaves_it(capsys, tmp_path):
     out = tmp_path / "out"
     first = xtbml(tmp_path / "a.xml", table_1d("Age", {0: 0.1, 1: 1.0}))

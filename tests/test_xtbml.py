@@ -12,7 +12,7 @@ from veltrane.config import Config
 from veltrane.tables.exit import ExitTable
 from veltrane.tables.life import LifeTable
 from veltrane.tables.source import TableSource
-from veltrane.tables.xtbml import XTbMLError, XTbMLUnsupportedError, import_xtbml, read_xtbml
+from veltrane.tables.xtbml import XTbMLError, XTbMLUnsupportedError, import_xtbml, read_xtbml, reader
 from xtbml_files import axis_def, select_cells, table_1d, table_2d, xtbml, ys
 
 SCALE = "Projection Scale"
@@ -148,16 +148,82 @@ AXIS_WITHOUT_MAX = (
         (_in_file(table_1d("Age", {0: "abc"})), "<Table> 1, <Y t='0'>: value 'abc' is not a number"),
         (_in_file(table_1d("Age", {0: "1.5"})), "<Table> 1, Age 0: rate 1.5 outside [0, 1]"),
         (_in_file(table_1d("Age", {0: 0.1, 1: "", 2: 0.1})), "<Table> 1: no value for Age 1"),
-        ('<!DOCTYPE x [<!ENTITY a "b">]><XTbML/>', "declarations are not accepted"),
+        *[  # the number rules of table files: ASCII decimals, no underscores or other scripts' digits
+            (_in_file(table_1d("Age", {0: value})), f"<Y t='0'>: value {value!r} is not a number")
+            for value in ("0.00_1", "\u0661", "\uff10.\uff15", "\u0660.\u0665", "nan")
+        ],
+        *[
+            (_in_file(table_1d("Age", {0: 0.1}).replace('t="0"', f't="{t}"')), f"<Y t> {t!r} is not a whole")
+            for t in ("2_0", "\u0662", "\uff12", "+0")
+        ],
+        (_in_file(table_1d("Age", {0: 0.1}).replace(">0<", ">0_0<", 1)), "<MinScaleValue> '0_0' is not"),
     ],
 )
 def test_bad_input_names_file_and_element_and_writes_nothing(tmp_path, out, text, message):
     path = tmp_path / "bad.xml"
-    path.write_text(text)
+    path.write_text(text, encoding="utf-8")
     with pytest.raises(XTbMLError) as info:
         import_xtbml(path, "BAD", out)
     assert str(info.value).startswith(f"{path}: ") and message in str(info.value)
     assert not out.exists()
+
+
+def _declared(encoding: str, body: str, codec: str | None = None) -> bytes:
+    return f'<?xml version="1.0" encoding="{encoding}"?>{body}'.encode(codec or encoding)
+
+
+DOCTYPE = '<!DOCTYPE XTbML [<!ENTITY a "b">]><XTbML>&a;</XTbML>'
+NESTED = "<XTbML>" + "<a>" * reader.MAX_DEPTH + "</a>" * reader.MAX_DEPTH + "</XTbML>"
+NOT_ACCEPTED = "<!DOCTYPE>/<!ENTITY> declarations are not accepted"
+LONG_TEXT = f"<XTbML><ContentClassification><TableName>{'a ' * reader.MAX_TEXT}</TableName>"
+LONG_TAG = f"<XTbML a='{'x' * 2 * reader.MAX_TEXT}'/>"  # checked as the file is fed: past a feed's length
+
+# Limits small files can reach, each refused as the parser reaches it, in any encoding.
+# fmt: off
+HOSTILE = [
+    pytest.param(_declared("utf-8", DOCTYPE), NOT_ACCEPTED, id="doctype"),
+    pytest.param(_declared("utf-16", DOCTYPE), NOT_ACCEPTED, id="utf-16 doctype"),  # no bytes "<!DOCTYPE"
+    pytest.param(_declared("bogus", "<XTbML/>", "ascii"), "encoding 'bogus' of the XML declaration is not",
+                 id="unknown encoding"),
+    pytest.param(_declared("utf-7", "<XTbML/>"), "encoding 'utf-7' of the XML declaration is not",
+                 id="multi-byte codec"),
+    pytest.param(NESTED.encode(), "<a> nested more than 32 deep", id="depth"),
+    pytest.param(LONG_TEXT.encode(), "<TableName> holds more than 1000000 characters", id="long text"),
+    pytest.param(LONG_TAG.encode(), "a tag or comment of more than 1000000 bytes", id="long tag"),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize(("data", "message"), HOSTILE)
+def test_hostile_xml_is_refused_while_parsing_naming_the_file(tmp_path, out, data, message):
+    path = tmp_path / "hostile.xml"
+    path.write_bytes(data)
+    with pytest.raises(XTbMLError) as info:
+        import_xtbml(path, "H", out)
+    assert str(info.value).startswith(f"{path}: ") and message in str(info.value)
+    assert "\n" not in str(info.value) and len(str(info.value)) < 300
+    assert not out.exists()
+
+
+def test_element_count_is_bounded_while_parsing(tmp_path, out, monkeypatch):
+    path = xtbml(tmp_path / "many.xml", table_1d("Age", {a: 0.01 for a in range(40)}))
+    monkeypatch.setattr(reader, "MAX_ELEMENTS", 60)  # the file holds about 100 elements and attributes
+    with pytest.raises(XTbMLError, match=f"^{re.escape(str(path))}: more than 60 elements and attributes"):
+        import_xtbml(path, "MANY", out)
+
+
+@pytest.mark.parametrize(
+    ("encoding", "xmlns"), [("utf-16", ""), ("iso-8859-1", ""), ("utf-8", ' xmlns="urn:x-xtbml"')]
+)
+def test_declared_encodings_and_a_default_namespace_are_read(tmp_path, out, encoding, xmlns):
+    # Published forms of numbers beyond the table files' own: no leading zero, an exponent.
+    ages = table_1d("Age", {0: ".0144", 1: "1.25e-05", 2: 1})
+    text = xtbml(tmp_path / "x.xml", ages, name="Tafel - Männer").read_text(encoding="utf-8-sig")
+    text = text.replace('encoding="utf-8"', f'encoding="{encoding}"').replace("<XTbML>", f"<XTbML{xmlns}>")
+    (tmp_path / "x.xml").write_bytes(text.encode(encoding))
+    imported = read_xtbml(tmp_path / "x.xml", "ENC")
+    assert imported.metadata["sexes"] == ["m"]  # "Männer", decoded as declared
+    assert imported.columns["qx_m"].tolist() == [0.0144, 1.25e-05, 1.0]
 
 
 def test_in_memory_import_needs_no_files(tmp_path):

@@ -83,7 +83,11 @@ _COLUMN_RE: Final = re.compile(r"(qx|ix|ox|mi)_([a-z]+)(?:_(s(?:0|[1-9][0-9]{0,5
 # Cells are plain ASCII decimals, as write_table writes them: no "1.", ".5", "1_0", other
 # scripts' digits or full-width forms, which Python's float() would quietly accept.
 _NUMBER_RE: Final = re.compile(r"[+-]?[0-9]+(?:\.[0-9]+)?(?:[eE][+-]?[0-9]+)?")
+# The same with the leading zero left out (".0144"), as some published XML tables write it.
+_BARE_POINT_NUMBER_RE: Final = re.compile(r"[+-]?(?:[0-9]+|[0-9]*\.[0-9]+)(?:[eE][+-]?[0-9]+)?")
 _AGE_RE: Final = re.compile(r"-?[0-9]{1,19}")  # negative ages get the ordering message
+#: How messages describe the numbers that ``read_decimal`` takes.
+NUMBER_FORM: Final = "ASCII decimal, e.g. 0.0125 or 1.25e-05"
 
 # Values quoted in messages are abbreviated: a metadata value may be long or deeply nested.
 _short = reprlib.Repr()
@@ -413,9 +417,24 @@ def _to_ages(series: pl.Series, where: str, row_name: RowName) -> np.ndarray:
     return ages
 
 
+def read_decimal(text: str, *, bare_point: bool = False) -> float | None:
+    """The number an ASCII decimal (``0.0125``, ``-3``, ``1.25e-05``) writes, else None.
+
+    ``bare_point`` also takes a fraction without its leading zero (``.0144``). Underscores, other
+    scripts' digits, full-width forms, ``inf`` and ``nan`` are no numbers here.
+    """
+    pattern = _BARE_POINT_NUMBER_RE if bare_point else _NUMBER_RE
+    return float(text) if pattern.fullmatch(text) else None
+
+
+def read_whole(text: str) -> int | None:
+    """The integer that ASCII digits with an optional minus sign write (at most 19), else None."""
+    return int(text) if _AGE_RE.fullmatch(text) else None
+
+
 def _whole_number(value: object) -> int | None:
     if isinstance(value, str):
-        return int(value) if _AGE_RE.fullmatch(value.strip()) else None
+        return read_whole(value.strip())
     if isinstance(value, float):
         return int(value) if value.is_integer() else None
     return value if isinstance(value, int) and not isinstance(value, bool) else None
@@ -463,11 +482,11 @@ def _to_floats(series: pl.Series, where: str, ages: np.ndarray, row_name: RowNam
         for i, cell in enumerate(text):
             if cell is None or not cell.strip():
                 raise _cell(where, series.name, at(i), "empty cell")
-            cell = cell.strip()
-            if not _NUMBER_RE.fullmatch(cell):
-                problem = f"{_short.repr(cell)} is not a number (ASCII decimal, e.g. 0.0125 or 1.25e-05)"
+            value = read_decimal(cell.strip())
+            if value is None:
+                problem = f"{_short.repr(cell.strip())} is not a number ({NUMBER_FORM})"
                 raise _cell(where, series.name, at(i), problem)
-            values[i] = float(cell)
+            values[i] = value
     col = parse_column(series.name)
     if col is not None and col.is_rate:
         outside = np.flatnonzero(~((values >= 0.0) & (values <= 1.0)))

@@ -128,13 +128,12 @@ def _check_step(doc: Document, block: Block, axis_index: int) -> None:
 
 def _rate(doc: Document, block: Block, key: tuple[int, ...], kind: str) -> float:
     value = block.cells[key]
+    # An improvement of 100% or more would turn the projected rates negative.
+    if (0.0 <= value <= 1.0) if kind == "rates" else (-1.0 < value < 1.0):
+        return value
     at = ", ".join(f"{a.label} {k}" for a, k in zip(block.axes, key, strict=True))
-    if kind == "rates" and not 0.0 <= value <= 1.0:
-        raise XTbMLError(f"{doc.path}: <Table> {block.number}, {at}: rate {value!r} outside [0, 1]")
-    if kind != "rates" and not -1.0 < value < 1.0:
-        # An improvement of 100% or more would turn the projected rates negative.
-        raise XTbMLError(f"{doc.path}: <Table> {block.number}, {at}: improvement {value!r} outside (-1, 1)")
-    return value
+    what = f"rate {value!r} outside [0, 1]" if kind == "rates" else f"improvement {value!r} outside (-1, 1)"
+    raise XTbMLError(f"{doc.path}: <Table> {block.number}, {at}: {what}")
 
 
 def _ages_only(doc: Document, block: Block, kind: str) -> Mapped:

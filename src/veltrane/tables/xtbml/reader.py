@@ -8,15 +8,27 @@ says "Age", an axis of a single value with increment 0) and nothing about decrem
 from __future__ import annotations
 
 import math
+import reprlib
 import stat
 import xml.etree.ElementTree as ET
 from dataclasses import dataclass, field
 from pathlib import Path
+from xml.parsers import expat
+
+from veltrane.tables._table_format import NUMBER_FORM, read_decimal, read_whole
 
 __all__ = ["Axis", "Block", "Document", "XTbMLError", "XTbMLUnsupportedError", "read_document"]
 
 #: Files larger than this are not read: the largest published tables are well under it.
 MAX_BYTES = 64 * 1024 * 1024
+#: Most elements (attributes counted with them), deepest nesting, and longest text of one
+#: element (characters) or one tag (bytes) read. The largest published files hold about 15,000
+#: elements 6 deep and texts under 4,000 characters; the parsed tree costs a few hundred bytes
+#: an element, so these bound the memory a file can take, however its bytes are spent.
+MAX_ELEMENTS = 250_000
+MAX_DEPTH = 32
+MAX_TEXT = 1_000_000
+_FEED = 2**16  # bytes handed to the parser at a time
 #: Largest age or duration read: far beyond any published table, and small enough that vectors
 #: by age (and grids of them by year) stay small whatever span an axis declares.
 MAX_AGE = 1000
@@ -80,16 +92,25 @@ class Document:
         return " + ".join(block.shape() for block in self.blocks)
 
 
+# Values quoted in messages are abbreviated: a file may hold anything where a number belongs.
+_short = reprlib.Repr()
+_short.maxstring = 60
+
+
+def _quote(value: str | None) -> str:
+    return repr(value) if value is None or len(value) <= _short.maxstring else _short.repr(value)
+
+
 def _local(tag: str) -> str:
-    return tag.rsplit("}", 1)[-1]  # namespaced files write {uri}Tag
+    return tag.rsplit("}", 1)[-1]  # namespaced tags come as uri}Tag
 
 
 def _child(elem: ET.Element, name: str) -> ET.Element | None:
-    return next((c for c in elem if _local(c.tag) == name), None)
+    return next((c for c in elem if c.tag == name or _local(c.tag) == name), None)
 
 
 def _children(elem: ET.Element, name: str) -> list[ET.Element]:
-    return [c for c in elem if _local(c.tag) == name]
+    return [c for c in elem if c.tag == name or _local(c.tag) == name]  # most files use no namespace
 
 
 def _text(elem: ET.Element | None, name: str) -> str:
@@ -103,7 +124,8 @@ def read_document(path: str | Path) -> Document:
     Raises
     ------
     XTbMLError
-        The file is not XML, not XTbML, or an element is missing or holds a bad value.
+        The file is not XML (or in an encoding not read), not XTbML, declares a document type,
+        outgrows the parse limits, or an element is missing or holds a bad value.
     OSError
         The file does not exist or cannot be read.
     """
@@ -114,13 +136,7 @@ def read_document(path: str | Path) -> Document:
         data = handle.read(MAX_BYTES + 1)
     if len(data) > MAX_BYTES:
         raise XTbMLError(f"{path}: larger than {MAX_BYTES // 2**20} MB; not an XTbML table")
-    if b"<!DOCTYPE" in data or b"<!ENTITY" in data:
-        # XTbML has no document type; refusing it keeps entity expansion out of reach.
-        raise XTbMLError(f"{path}: <!DOCTYPE>/<!ENTITY> declarations are not accepted in XTbML files")
-    try:
-        root = ET.fromstring(data)  # bytes: the parser reads the declared encoding and skips a BOM
-    except ET.ParseError as exc:
-        raise XTbMLError(f"{path}: not well-formed XML: {exc}") from None
+    root = _parse(path, data)
     if _local(root.tag) != "XTbML":
         raise XTbMLError(f"{path}: not an XTbML file (root element <{_local(root.tag)}>, expected <XTbML>)")
     info = _child(root, "ContentClassification")
@@ -142,12 +158,80 @@ def read_document(path: str | Path) -> Document:
     )
 
 
+def _parse(path: Path, data: bytes) -> ET.Element:
+    """The tree of ``data``, refused as soon as it declares a document type or outgrows the limits.
+
+    The parser reads the declared encoding and skips a byte-order mark, so the checks hold in
+    any encoding it accepts.
+    """
+    builder = ET.TreeBuilder()
+    parser = expat.ParserCreate(namespace_separator="}")  # namespaced tags come as uri}Tag
+    parser.buffer_text = True
+    count = depth = 0
+    encoding = ""
+
+    def declaration(_version: str, declared: str | None, _standalone: int) -> None:
+        nonlocal encoding
+        encoding = declared or ""
+
+    def doctype(*_: object) -> None:
+        # XTbML has no document type, and entities are declared only inside one: refusing it
+        # before its body is read keeps entity expansion out of reach.
+        raise XTbMLError(f"{path}: <!DOCTYPE>/<!ENTITY> declarations are not accepted in XTbML files")
+
+    def start(tag: str, attrs: dict[str, str]) -> None:
+        nonlocal count, depth
+        count += 1 + len(attrs)
+        depth += 1
+        if count > MAX_ELEMENTS:
+            raise XTbMLError(f"{path}: more than {MAX_ELEMENTS} elements and attributes; not an XTbML table")
+        if depth > MAX_DEPTH:
+            raise XTbMLError(f"{path}: <{_local(tag)}> nested more than {MAX_DEPTH} deep; not an XTbML table")
+        builder.start(tag, attrs)
+
+    def end(tag: str) -> None:
+        nonlocal depth
+        depth -= 1
+        text = builder.end(tag).text
+        if text is not None and len(text) > MAX_TEXT:
+            raise XTbMLError(
+                f"{path}: <{_local(tag)}> holds more than {MAX_TEXT} characters; not an XTbML table"
+            )
+
+    parser.XmlDeclHandler = declaration
+    parser.StartDoctypeDeclHandler = doctype
+    parser.StartElementHandler = start
+    parser.EndElementHandler = end
+    parser.CharacterDataHandler = builder.data
+    try:
+        # Fed in pieces, so that one tag too long to be XTbML (millions of attributes) is
+        # refused before the parser takes it apart: the parser reports where its last
+        # complete piece of markup ended.
+        for offset in range(0, len(data), _FEED):
+            parser.Parse(data[offset : offset + _FEED], False)
+            if min(offset + _FEED, len(data)) - parser.CurrentByteIndex > MAX_TEXT:
+                raise XTbMLError(
+                    f"{path}: a tag or comment of more than {MAX_TEXT} bytes; not an XTbML table"
+                )
+        parser.Parse(b"", True)
+    except expat.ExpatError as exc:
+        raise XTbMLError(f"{path}: not well-formed XML: {exc}") from None
+    except XTbMLError:
+        raise
+    except (LookupError, ValueError):
+        # No codec of that name, or one the parser cannot use (multi-byte, not a text encoding).
+        raise XTbMLError(
+            f"{path}: encoding {_quote(encoding)} of the XML declaration is not supported "
+            "(UTF-8, UTF-16 or a one-byte encoding such as ISO-8859-1)"
+        ) from None
+    return builder.close()
+
+
 def _whole(path: Path, where: str, name: str, text: str | None) -> int:
     value = (text or "").strip()
-    try:
-        number = int(value)
-    except ValueError:
-        raise XTbMLError(f"{path}: {where}: <{name}> {value!r} is not a whole number") from None
+    number = read_whole(value)
+    if number is None:
+        raise XTbMLError(f"{path}: {where}: <{name}> {_quote(value)} is not a whole number")
     if abs(number) > 10**6:  # ages, durations and years; anything larger is a broken file
         raise XTbMLError(f"{path}: {where}: <{name}> {number} is out of range")
     return number
@@ -222,7 +306,7 @@ def _collect(
                 _cell(path, where, y, axis, key, cells)
         return
     for inner in _children(elem, "Axis"):
-        label = f"{where}, <Axis t={inner.get('t')!r}>"
+        label = f"{where}, <Axis t={_quote(inner.get('t'))}>"
         t = _on_axis(path, label, axis, _whole(path, label, "Axis t", inner.get("t")))
         _collect(path, label, inner, axes, (*key, t), cells)
 
@@ -230,9 +314,13 @@ def _collect(
 def _on_axis(path: Path, label: str, axis: Axis, t: int) -> int:
     if t not in axis.values:
         raise XTbMLError(f"{path}: {label}: {axis.label} {t} outside the axis {axis.span()}")
-    if axis.kind in ("age", "duration") and not 0 <= t <= MAX_AGE:
+    if not _readable(axis, t):
         raise XTbMLError(f"{path}: {label}: {axis.label} {t} outside 0..{MAX_AGE}")
     return t
+
+
+def _readable(axis: Axis, t: int) -> bool:
+    return t in axis.values and (axis.kind not in ("age", "duration") or 0 <= t <= MAX_AGE)
 
 
 def _cell(
@@ -243,17 +331,22 @@ def _cell(
     key: tuple[int, ...],
     cells: dict[tuple[int, ...], float],
 ) -> None:
-    label = f"{where}, <Y t={y.get('t')!r}>"
-    t = _on_axis(path, label, axis, _whole(path, label, "Y t", y.get("t")))
+    # Cells are most of a file: the label naming one is built only for a message.
+    t_text = y.get("t")
+    t = None if t_text is None else read_whole(t_text.strip())
+    if t is None or not _readable(axis, t):
+        label = f"{where}, <Y t={_quote(t_text)}>"
+        t = _on_axis(path, label, axis, _whole(path, label, "Y t", t_text))
     text = (y.text or "").strip()
     if not text:
         return  # an empty cell is an unpublished one
-    try:
-        value = float(text)
-    except ValueError:
-        raise XTbMLError(f"{path}: {label}: value {text!r} is not a number") from None
-    if not math.isfinite(value):
-        raise XTbMLError(f"{path}: {label}: value {text!r} is not finite")
-    if (*key, t) in cells:
-        raise XTbMLError(f"{path}: {label}: the cell appears twice")
-    cells[(*key, t)] = value
+    value = read_decimal(text, bare_point=True)  # some published files write ".0144"
+    cell = (*key, t)
+    if value is None or not math.isfinite(value) or cell in cells:
+        label = f"{path}: {where}, <Y t={_quote(t_text)}>"
+        if value is None:
+            raise XTbMLError(f"{label}: value {_quote(text)} is not a number ({NUMBER_FORM})")
+        if not math.isfinite(value):
+            raise XTbMLError(f"{label}: value {_quote(text)} is not finite")
+        raise XTbMLError(f"{label}: the cell appears twice")
+    cells[cell] = value
