@@ -127,7 +127,7 @@ def test_command_line_follows_the_path(capsys):
     path = LifeTable("SSSM", "u", duration=1, interest_rate=0.05).select_path(65)
     for command, value in [
         ("annuity SSSM --selected-at 65 --age 65 --rate 0.05", annuity(path, 65)),
-        ("eval SSSM --duration 2 --selected-at 65 tpx 65 3", path.tpx(65, 3)),
+        ("eval SSSM --selected-at 65 tpx 65 3", path.tpx(65, 3)),
     ]:
         assert cli.main(command.split()) == 0 and float(capsys.readouterr().out) == value
     assert cli.main(["eval", "SULT", "--selected-at", "65", "ex", "65"]) == 2  # the path's own refusal
