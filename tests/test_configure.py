@@ -39,6 +39,17 @@ CONFIGURE_REFUSALS = [
     ("SEL", {"duration": True}, TypeError, "duration must be int, 'ult', or None, got bool."),
     ("SEL", {"duration": 0}, ValueError, "duration must be an integer >= 1 or 'ult', got 0."),
     ("SEL", {"duration": "x"}, ValueError, "duration must be an integer >= 1 or 'ult', got 'x'."),
+    # The sex is checked before the cohort and the duration.
+    ("GEN", {"sex": "x", "cohort": 1850}, ValueError,
+     "Invalid sex 'x' for table 'GEN'. Valid options: ['m', 'f']."),
+    ("GEN", {"sex": "u", "cohort": 1850}, ValueError, "unisex_blend parameter is required when sex='u'"),
+    ("SEL", {"sex": "x", "duration": 0}, ValueError,
+     "Invalid sex 'x' for table 'SEL'. Valid options: ['m', 'f']."),
+    ("SEL", {"sex": "u", "duration": "x"}, ValueError,
+     "unisex_blend parameter is required when sex='u' because table 'SEL' lacks native unisex column "
+     "'qx_u_s2'."),
+    ("GSEL", {"sex": "x", "cohort": 1850, "duration": 0}, ValueError, "Invalid sex 'x' for table 'GSEL'."),
+    ("GEN", {"sex": "f", "cohort": 1850}, ValueError, "Cohort year must be between 1900 and"),
 ]  # fmt: skip
 
 
@@ -48,7 +59,8 @@ def keys_and_rates(t):
 
 @pytest.mark.parametrize(("name", "kwargs", "exc", "message"), CONFIGURE_REFUSALS)
 def test_configure_refuses_before_changing_anything(standard, name, kwargs, exc, message):
-    keys = {"PER": {}, "GEN": {"cohort": 1960}, "SEL": {"duration": 2}}[name]
+    gen, sel = {"cohort": 1960}, {"duration": 2}
+    keys = {"PER": {}, "GEN": gen, "SEL": sel, "GSEL": gen | sel}[name]
     t = LifeTable(name, "m", **keys)
     before = keys_and_rates(t)
     with pytest.raises(exc, match="^" + re.escape(message)):

@@ -54,19 +54,25 @@ py::ref checked_cohort(TableObject* t, PyObject* value, PyObject* name) {
     return validate_cohort_year(t, year.get());
 }
 
+// The internal duration a select table would take from `value` (None for "ult"), or null when
+// the value is not one; never raises for a value of the wrong kind.
+py::ref accepted_duration(TableObject* t, PyObject* value) {
+    if (PyBool_Check(value)) return {};
+    if (str_equals(value, "ult")) return py::ref::borrow(Py_None);
+    if (!is_integer_object(value)) return {};
+    py::ref as_int = py::check(PyNumber_Index(value));
+    py::ref floor = py::check(PyLong_FromLong(start_duration(t)));
+    if (py::require(PyObject_RichCompareBool(as_int.get(), floor.get(), Py_GE)) == 1) return as_int;
+    return {};
+}
+
 py::ref checked_duration(TableObject* t, PyObject* value, PyObject* name) {
     if (!source_flag(t, t->st->names.select.get())) {
         py::raise(PyExc_ValueError, "duration is only valid for select tables. Table '%S' is not a select table.", name);
     }
     if (PyBool_Check(value)) py::raise(PyExc_TypeError, "duration must be int, 'ult', or None, got bool.");
-    if (str_equals(value, "ult")) return py::ref::borrow(Py_None);
-    const long minimum = start_duration(t);
-    if (is_integer_object(value)) {
-        py::ref as_int = py::check(PyNumber_Index(value));
-        py::ref floor = py::check(PyLong_FromLong(minimum));
-        if (py::require(PyObject_RichCompareBool(as_int.get(), floor.get(), Py_GE)) == 1) return as_int;
-    }
-    py::raise(PyExc_ValueError, "duration must be an integer >= %ld or 'ult', got %R.", minimum, value);
+    if (py::ref accepted = accepted_duration(t, value)) return accepted;
+    py::raise(PyExc_ValueError, "duration must be an integer >= %ld or 'ult', got %R.", start_duration(t), value);
 }
 
 // The column a unisex table of this structure reads (select tables: the duration's column).
@@ -100,19 +106,14 @@ void configure(TableObject* t, PyObject* sex, PyObject* cohort, PyObject* durati
                   lowered.get());
     }
     py::ref name = table_name(t);
-    if (cohort != Py_None) {
-        c.cohort = checked_cohort(t, cohort, name.get());
-        c.has_cohort = true;
-    }
-    if (duration != Py_None) {
-        c.duration = checked_duration(t, duration, name.get());
-        c.has_duration = true;
-    }
+    // The sex comes before the cohort and the duration. The unisex column of a select table is
+    // the one of the duration the call asks for, when it is one the table would take.
     if (lowered) {
         py::ref data = source_attr(t, n.data.get());
         py::ref columns = py::check(PyObject_GetAttr(data.get(), n.columns.get()));
-        PyObject* dur = c.has_duration ? c.duration.get() : t->duration.get();
-        py::ref column = unisex_column(t, dur);
+        py::ref asked;
+        if (duration != Py_None && source_flag(t, n.select.get())) asked = accepted_duration(t, duration);
+        py::ref column = unisex_column(t, asked ? asked.get() : t->duration.get());
         const bool native = py::require(PySequence_Contains(columns.get(), column.get())) == 1;
         const bool is_u = str_equals(lowered.get(), "u");
         if (is_u && !native && t->unisex_blend.is_none() && !c.has_blend) {
@@ -130,6 +131,14 @@ void configure(TableObject* t, PyObject* sex, PyObject* cohort, PyObject* durati
         }
         c.sex = std::move(lowered);
         c.has_sex = true;
+    }
+    if (cohort != Py_None) {
+        c.cohort = checked_cohort(t, cohort, name.get());
+        c.has_cohort = true;
+    }
+    if (duration != Py_None) {
+        c.duration = checked_duration(t, duration, name.get());
+        c.has_duration = true;
     }
     PyObject* unset = t->st->sentinel;
     apply_and_rebuild(t, c.has_sex ? c.sex.get() : unset, c.has_cohort ? c.cohort.get() : unset,
