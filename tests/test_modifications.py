@@ -339,8 +339,6 @@ def test_combination_refusals(kinds, tables):
     t.modify_qx({AR: 2.0})  # copies below are of the modified table
     refusals = [
         (t, "table_combination: cannot combine a table with itself."),
-        (t.copy(), "table_combination: cannot combine a table with a copy of itself."),
-        ([e, t.copy()], "table_combination: cannot combine a table with a copy of itself."),
         ([e, e2, e], "table_combination: duplicate table instance in the others list."),
         ([e, e.copy()], "table_combination: duplicate table instance in the others list."),
         ([e, 3], "table_combination: expected DecrementTable, got int"),
@@ -377,6 +375,33 @@ def test_combination_refusals(kinds, tables):
     corrupt._decrement_base[3] = -0.5  # rates above 1 are certain deaths; below 0 nothing makes sense
     with exactly("table_combination: host decrement rate outside [0, 1] at index 3 (age 3) (q=-0.5)."):
         corrupt.modify_qx({TC: e})
+
+
+TWICE = (
+    "table_combination: the {} combined is a copy of the table being modified; "
+    + "the same decrement counts twice."
+)
+
+
+@pytest.mark.parametrize("kind", ["exit", "life"])
+def test_a_copy_of_the_host_is_merged_with_a_warning(kinds, kind):
+    t = make(kind)
+    t.modify_qx({AR: 2.0})  # the copy carries the modified rates
+    copied = t.copy()
+    q = copied._decrement.copy()
+    if kind == "life":  # a life table takes no life table: refused as any pairing would be, without a warning
+        with exactly("Cannot combine 'life' with 'life'"):
+            t.modify_qx({TC: copied})
+        return
+    with warns(TWICE.format("ExitTable")):
+        t.modify_qx({TC: [copied]})
+    np.testing.assert_array_equal(t._decrement, final(1 - (1 - kinds["exit"]) * (1 - q)))
+    assert t.modifications_applied == ["table_combination=(ExitTable)"]
+    with (
+        warns(TWICE.format("ExitTable")),
+        exactly("table_combination: duplicate table instance in the others list."),
+    ):
+        t.modify_qx({TC: [copied, copied.copy()]})
 
 
 def test_a_shorter_other_table_adds_nothing_beyond_its_end_and_certainty_cuts(kinds, tables):
