@@ -157,9 +157,19 @@ def test_batch_update_on_a_pending_table_stays_pending(standard):
     assert not t.metadata_pending and t.px(3) == t.px(3)
 
 
-def test_snapshot_copies_its_arrays(standard):
-    t = LifeTable("PER", "m")
+SNAPSHOT_KEYS = [
+    "sex", "cohort", "duration", "select_duration_set", "unisex_blend", "metadata_pending", "modified",
+    "w_mod", "rebuilds_since_calc", "modifications_applied", "decrement", "decrement_base",
+]  # fmt: skip
+
+
+def test_snapshot_holds_its_keys_in_order_and_copies_its_arrays(standard):
+    t = LifeTable("PER", "u", unisex_blend=0.5)  # a private source copy, held beside the snapshot
+    t.modify_qx({"decrement_multiplier": 0.5})  # a modification record, likewise
     snap = t._capture_batch_snapshot()
+    assert list(snap) == SNAPSHOT_KEYS
+    with t.batch_update() as ctx:
+        assert list(ctx._snapshot) == SNAPSHOT_KEYS
     snap["decrement"][0] = 0.5
     assert t._decrement[0] != 0.5
     t._restore_batch_snapshot(snap)
