@@ -48,6 +48,9 @@ CONFIGURE_REFUSALS = [
     ("SEL", {"sex": "u", "duration": "x"}, ValueError,
      "unisex_blend parameter is required when sex='u' because table 'SEL' lacks native unisex column "
      "'qx_u_s2'."),
+    ("SEL", {"sex": "u", "duration": 1}, ValueError,  # the column of the duration asked for
+     "unisex_blend parameter is required when sex='u' because table 'SEL' lacks native unisex column "
+     "'qx_u_s1'."),
     ("GSEL", {"sex": "x", "cohort": 1850, "duration": 0}, ValueError, "Invalid sex 'x' for table 'GSEL'."),
     ("GEN", {"sex": "f", "cohort": 1850}, ValueError, "Cohort year must be between 1900 and"),
 ]  # fmt: skip
