@@ -39,6 +39,20 @@ CONFIGURE_REFUSALS = [
     ("SEL", {"duration": True}, TypeError, "duration must be int, 'ult', or None, got bool."),
     ("SEL", {"duration": 0}, ValueError, "duration must be an integer >= 1 or 'ult', got 0."),
     ("SEL", {"duration": "x"}, ValueError, "duration must be an integer >= 1 or 'ult', got 'x'."),
+    # The sex is checked before the cohort and the duration.
+    ("GEN", {"sex": "x", "cohort": 1850}, ValueError,
+     "Invalid sex 'x' for table 'GEN'. Valid options: ['m', 'f']."),
+    ("GEN", {"sex": "u", "cohort": 1850}, ValueError, "unisex_blend parameter is required when sex='u'"),
+    ("SEL", {"sex": "x", "duration": 0}, ValueError,
+     "Invalid sex 'x' for table 'SEL'. Valid options: ['m', 'f']."),
+    ("SEL", {"sex": "u", "duration": "x"}, ValueError,
+     "unisex_blend parameter is required when sex='u' because table 'SEL' lacks native unisex column "
+     "'qx_u_s2'."),
+    ("SEL", {"sex": "u", "duration": 1}, ValueError,  # the column of the duration asked for
+     "unisex_blend parameter is required when sex='u' because table 'SEL' lacks native unisex column "
+     "'qx_u_s1'."),
+    ("GSEL", {"sex": "x", "cohort": 1850, "duration": 0}, ValueError, "Invalid sex 'x' for table 'GSEL'."),
+    ("GEN", {"sex": "f", "cohort": 1850}, ValueError, "Cohort year must be between 1900 and"),
 ]  # fmt: skip
 
 
@@ -48,7 +62,8 @@ def keys_and_rates(t):
 
 @pytest.mark.parametrize(("name", "kwargs", "exc", "message"), CONFIGURE_REFUSALS)
 def test_configure_refuses_before_changing_anything(standard, name, kwargs, exc, message):
-    keys = {"PER": {}, "GEN": {"cohort": 1960}, "SEL": {"duration": 2}}[name]
+    gen, sel = {"cohort": 1960}, {"duration": 2}
+    keys = {"PER": {}, "GEN": gen, "SEL": sel, "GSEL": gen | sel}[name]
     t = LifeTable(name, "m", **keys)
     before = keys_and_rates(t)
     with pytest.raises(exc, match="^" + re.escape(message)):
@@ -145,9 +160,19 @@ def test_batch_update_on_a_pending_table_stays_pending(standard):
     assert not t.metadata_pending and t.px(3) == t.px(3)
 
 
-def test_snapshot_copies_its_arrays(standard):
-    t = LifeTable("PER", "m")
+SNAPSHOT_KEYS = [
+    "sex", "cohort", "duration", "select_duration_set", "unisex_blend", "metadata_pending", "modified",
+    "w_mod", "rebuilds_since_calc", "modifications_applied", "decrement", "decrement_base",
+]  # fmt: skip
+
+
+def test_snapshot_holds_its_keys_in_order_and_copies_its_arrays(standard):
+    t = LifeTable("PER", "u", unisex_blend=0.5)  # a private source copy, held beside the snapshot
+    t.modify_qx({"decrement_multiplier": 0.5})  # a modification record, likewise
     snap = t._capture_batch_snapshot()
+    assert list(snap) == SNAPSHOT_KEYS
+    with t.batch_update() as ctx:
+        assert list(ctx._snapshot) == SNAPSHOT_KEYS
     snap["decrement"][0] = 0.5
     assert t._decrement[0] != 0.5
     t._restore_batch_snapshot(snap)

@@ -106,7 +106,10 @@ REFUSALS = [
     ({MU: [1.0] * 7 + [np.nan]}, "All decrement_multiplier values must be finite (no NaN/Inf)"),
     ({MU: np.r_[np.ones(7), 0.0]}, "All decrement_multiplier values must be positive"),
     *[({MU: v}, "decrement_multiplier must be a positive number or array")
-      for v in (0, -1.0, float("nan"), float("inf"), True, "2", None, 10**400)],
+      for v in (0, -1.0, float("nan"), -float("inf"), True, "2", None, -(10**400))],
+    # infinity is a positive number; the product is not finite
+    *[({MU: v}, "decrement_multiplier produced non-finite values (NaN/Inf)")
+      for v in (float("inf"), np.float64("inf"), 10**400)],
     ({MU: 5e6}, "decrement_multiplier produced unrealistically large rates (max=5.000e+06)"),
     ({GI: (-1.0, 3)}, "decrement_geometric_increase: invalid base (1+c)=0.0"),
     ({GI: (-1, 3)}, "decrement_geometric_increase: invalid base (1+c)=0"),
@@ -166,39 +169,55 @@ def test_a_series_is_a_vector_multiplier(kinds, series):
 
 STEEP = np.array([0.1, 0.2, 0.3, 0.4, 0.3, 0.2, 0.1, 1.0])  # x4 reaches 1 at age 2, live rates after it
 HUMP = np.array([0.1, 0.35, 0.1, 0.6, 0.1, 0.1, 0.1, 1.0])
+SPIKE = np.r_[[0.1] * 5, 0.6, [0.1] * 14, 1.0]  # 21 rates; x2 makes age 5 certain
 NOTE = "omega_truncated_by_certainty: {}->{} at {}".format
+SHIFTED = "index 1 (calendar age 2 after age_shift=1)"
+
+
+def capped(q, m):
+    return np.minimum(q * m, 1.0)
+
+
 # fmt: off
-ABOVE_ONE = [  # table, modifications, rates clipped and cut before the next step, that step, warning, notes
-    (STEEP, {MU: 4.0, AR: 2.0}, [0.4, 0.8, 1.0], lambda q: 1 - (1 - q) ** 2,
-     (7, 2, "age 2"), ["decrement_multiplier=4.0", NOTE(7, 2, "age 2"), "aggravated_risk=2.0"]),
+ABOVE_ONE = [  # table, modifications, the rates before the final cut, the warning (text, w), descriptors
+    (STEEP, {MU: 4.0, AR: 2.0}, lambda q: 1 - (1 - capped(q, 4)) ** 2, (CUT.format(7, 2, "age 2"), 2),
+     ["decrement_multiplier=4.0", "aggravated_risk=2.0", NOTE(7, 2, "age 2")]),
     # a geometric tail on a table closed at q = 1 once made 1 - (1 - 2.25) ** 1.5 = NaN
-    (STEEP, {GI: (0.5, 5), AR: 1.5}, np.r_[STEEP[:6], 0.15, 1.0], lambda q: 1 - (1 - q) ** 1.5,
+    (STEEP, {GI: (0.5, 5), AR: 1.5}, lambda q: 1 - (1 - np.r_[q[:6], 0.15, 1.0]) ** 1.5,
      None, ["decrement_geometric_increase=(0.5, 5)", "aggravated_risk=1.5"]),
-    # the shift comes first: the multiplied rates are clipped only before the aggravation
-    (STEEP, {MU: 4.0, AS: 1, AR: 2.0}, [0.8, 1.0], lambda q: 1 - (1 - q) ** 2,
-     (6, 1, "index 1 (calendar age 2 after age_shift=1)"), ["decrement_multiplier=4.0", "age_shift=1",
-      NOTE(6, 1, "index 1 (calendar age 2 after age_shift=1)"), "aggravated_risk=2.0"]),
-    (STEEP, {MU: 4.0, TC: "FLAT"}, [0.4, 0.8, 1.0], lambda q: 1 - (1 - q) * 0.9,
-     (7, 2, "age 2"),
-     ["decrement_multiplier=4.0", NOTE(7, 2, "age 2"), "table_combination=(ExitTable)"]),
-    # x2 cuts at age 3; the aggravation then makes age 1 certain (1 - 0.3 ** 100 == 1.0): one warning for both
-    (HUMP, {MU: 2.0, AR: 100.0}, [0.2, 0.7], lambda q: 1 - (1 - q) ** 100, (7, 1, "age 1"),
-     ["decrement_multiplier=2.0", NOTE(7, 3, "age 3"), "aggravated_risk=100.0", NOTE(3, 1, "age 1")]),
+    # the table is cut only once, at the end: after the shift, counted on the shifted vector
+    (STEEP, {MU: 4.0, AS: 1, AR: 2.0}, lambda q: 1 - (1 - capped(q, 4)[1:]) ** 2,
+     (CUT.format(6, 1, SHIFTED), 1),
+     ["decrement_multiplier=4.0", "age_shift=1", "aggravated_risk=2.0", NOTE(6, 1, SHIFTED)]),
+    # a shift past the certain age leaves nothing to cut: every age was still there to shift
+    (SPIKE, {MU: 2.0, AR: 1.0, AS: 12}, lambda q: capped(q, 2)[12:], None,
+     ["decrement_multiplier=2.0", "aggravated_risk=1.0", "age_shift=12"]),
+    # the merge cuts the table itself (and warns of it); the end of the pass finds nothing more
+    (STEEP, {MU: 4.0, TC: "FLAT"}, lambda q: 1 - (1 - capped(q, 4)) * 0.9,
+     (COMBINED_CUT.format(7, 2, "age 2"), 2),
+     ["decrement_multiplier=4.0", "table_combination=(ExitTable)",
+      "omega_truncated_by_combination: 7->2 at age 2"]),
+    # x2 makes age 3 certain, the aggravation age 1 (1 - 0.3 ** 100 == 1.0): one cut, at the first
+    (HUMP, {MU: 2.0, AR: 100.0}, lambda q: 1 - (1 - capped(q, 2)) ** 100, (CUT.format(7, 1, "age 1"), 1),
+     ["decrement_multiplier=2.0", "aggravated_risk=100.0", NOTE(7, 1, "age 1")]),
 ]
 # fmt: on
 
 
-@pytest.mark.parametrize(("q", "mods", "clipped", "step", "cut", "descriptors"), ABOVE_ONE)
-def test_rates_above_one_are_certain_for_the_next_step(tables, q, mods, clipped, step, cut, descriptors):
+@pytest.mark.parametrize(("q", "mods", "rates", "cut", "descriptors"), ABOVE_ONE)
+def test_rates_above_one_are_capped_between_keys_cut_at_the_end(tables, q, mods, rates, cut, descriptors):
     write(tables, "HIGH", q, kind="life")
     write(tables, "FLAT", [0.1] * 8)
     t = LifeTable("HIGH", "m")
     mods = {k: ExitTable(v, "m") if k == TC else v for k, v in mods.items()}
-    with warns(CUT.format(*cut)) if cut else nullcontext() as record:  # other warnings are errors
+    with warns(cut[0]) if cut else nullcontext() as record:  # other warnings are errors
         t.modify_qx(mods)
-    assert cut is None or len(record) == 1
-    np.testing.assert_array_equal(t._decrement, final(step(np.asarray(clipped))))
-    assert (t.modifications_applied, t.w) == (descriptors, len(clipped) - 1)
+    expected = final(rates(q))
+    if cut:
+        assert len(record) == 1
+        expected = expected[: cut[1] + 1]
+    np.testing.assert_array_equal(t._decrement, expected)
+    assert (t.modifications_applied, t.w) == (descriptors, expected.size - 1)
 
 
 # -- truncation at certainty ---------------------------------------------------------------------
@@ -320,8 +339,6 @@ def test_combination_refusals(kinds, tables):
     t.modify_qx({AR: 2.0})  # copies below are of the modified table
     refusals = [
         (t, "table_combination: cannot combine a table with itself."),
-        (t.copy(), "table_combination: cannot combine a table with a copy of itself."),
-        ([e, t.copy()], "table_combination: cannot combine a table with a copy of itself."),
         ([e, e2, e], "table_combination: duplicate table instance in the others list."),
         ([e, e.copy()], "table_combination: duplicate table instance in the others list."),
         ([e, 3], "table_combination: expected DecrementTable, got int"),
@@ -358,6 +375,33 @@ def test_combination_refusals(kinds, tables):
     corrupt._decrement_base[3] = -0.5  # rates above 1 are certain deaths; below 0 nothing makes sense
     with exactly("table_combination: host decrement rate outside [0, 1] at index 3 (age 3) (q=-0.5)."):
         corrupt.modify_qx({TC: e})
+
+
+TWICE = (
+    "table_combination: the {} combined is a copy of the table being modified; "
+    + "the same decrement counts twice."
+)
+
+
+@pytest.mark.parametrize("kind", ["exit", "life"])
+def test_a_copy_of_the_host_is_merged_with_a_warning(kinds, kind):
+    t = make(kind)
+    t.modify_qx({AR: 2.0})  # the copy carries the modified rates
+    copied = t.copy()
+    q = copied._decrement.copy()
+    if kind == "life":  # a life table takes no life table: refused as any pairing would be, without a warning
+        with exactly("Cannot combine 'life' with 'life'"):
+            t.modify_qx({TC: copied})
+        return
+    with warns(TWICE.format("ExitTable")):
+        t.modify_qx({TC: [copied]})
+    np.testing.assert_array_equal(t._decrement, final(1 - (1 - kinds["exit"]) * (1 - q)))
+    assert t.modifications_applied == ["table_combination=(ExitTable)"]
+    with (
+        warns(TWICE.format("ExitTable")),
+        exactly("table_combination: duplicate table instance in the others list."),
+    ):
+        t.modify_qx({TC: [copied, copied.copy()]})
 
 
 def test_a_shorter_other_table_adds_nothing_beyond_its_end_and_certainty_cuts(kinds, tables):

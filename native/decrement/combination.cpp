@@ -152,11 +152,6 @@ void check_pairing(PyObject* self, PyObject* other, PyObject* valid, PyObject* h
     }
     if (other == self) raise_text("table_combination: cannot combine a table with itself.");
     TableObject* o = as_table(other);
-    // A copy keeps the instance id of its table: it is the same decrement, which a merge would
-    // count twice.
-    if (o->instance_id == host->instance_id) {
-        raise_text("table_combination: cannot combine a table with a copy of itself.");
-    }
     for (long long id : seen) {
         if (id == o->instance_id) raise_text("table_combination: duplicate table instance in the others list.");
     }
@@ -194,6 +189,14 @@ void check_pairing(PyObject* self, PyObject* other, PyObject* valid, PyObject* h
                          "). Each table applies its own cohort projection before the merge.",
                      1);
         }
+    }
+    // A copy keeps the instance id of its table. Merging it is allowed (doubling a decrement on
+    // purpose is a valid stress), but it is more often a slip: say so.
+    if (o->instance_id == host->instance_id) {
+        py::warn(PyExc_UserWarning,
+                 "table_combination: the " + utf8(type_name_of(other).get()) +
+                     " combined is a copy of the table being modified; the same decrement counts twice.",
+                 1);
     }
 }
 

@@ -8,6 +8,9 @@
 
 #include "pyutil/members.hpp"
 
+#include <memory>
+#include <utility>
+
 namespace veltrane::decrement {
 namespace {
 
@@ -54,19 +57,25 @@ py::ref checked_cohort(TableObject* t, PyObject* value, PyObject* name) {
     return validate_cohort_year(t, year.get());
 }
 
+// The internal duration a select table would take from `value` (None for "ult"), or null when
+// the value is not one; never raises for a value of the wrong kind.
+py::ref accepted_duration(TableObject* t, PyObject* value) {
+    if (PyBool_Check(value)) return {};
+    if (str_equals(value, "ult")) return py::ref::borrow(Py_None);
+    if (!is_integer_object(value)) return {};
+    py::ref as_int = py::check(PyNumber_Index(value));
+    py::ref floor = py::check(PyLong_FromLong(start_duration(t)));
+    if (py::require(PyObject_RichCompareBool(as_int.get(), floor.get(), Py_GE)) == 1) return as_int;
+    return {};
+}
+
 py::ref checked_duration(TableObject* t, PyObject* value, PyObject* name) {
     if (!source_flag(t, t->st->names.select.get())) {
         py::raise(PyExc_ValueError, "duration is only valid for select tables. Table '%S' is not a select table.", name);
     }
     if (PyBool_Check(value)) py::raise(PyExc_TypeError, "duration must be int, 'ult', or None, got bool.");
-    if (str_equals(value, "ult")) return py::ref::borrow(Py_None);
-    const long minimum = start_duration(t);
-    if (is_integer_object(value)) {
-        py::ref as_int = py::check(PyNumber_Index(value));
-        py::ref floor = py::check(PyLong_FromLong(minimum));
-        if (py::require(PyObject_RichCompareBool(as_int.get(), floor.get(), Py_GE)) == 1) return as_int;
-    }
-    py::raise(PyExc_ValueError, "duration must be an integer >= %ld or 'ult', got %R.", minimum, value);
+    if (py::ref accepted = accepted_duration(t, value)) return accepted;
+    py::raise(PyExc_ValueError, "duration must be an integer >= %ld or 'ult', got %R.", start_duration(t), value);
 }
 
 // The column a unisex table of this structure reads (select tables: the duration's column).
@@ -100,19 +109,14 @@ void configure(TableObject* t, PyObject* sex, PyObject* cohort, PyObject* durati
                   lowered.get());
     }
     py::ref name = table_name(t);
-    if (cohort != Py_None) {
-        c.cohort = checked_cohort(t, cohort, name.get());
-        c.has_cohort = true;
-    }
-    if (duration != Py_None) {
-        c.duration = checked_duration(t, duration, name.get());
-        c.has_duration = true;
-    }
+    // The sex comes before the cohort and the duration. The unisex column of a select table is
+    // the one of the duration the call asks for, when it is one the table would take.
     if (lowered) {
         py::ref data = source_attr(t, n.data.get());
         py::ref columns = py::check(PyObject_GetAttr(data.get(), n.columns.get()));
-        PyObject* dur = c.has_duration ? c.duration.get() : t->duration.get();
-        py::ref column = unisex_column(t, dur);
+        py::ref asked;
+        if (duration != Py_None && source_flag(t, n.select.get())) asked = accepted_duration(t, duration);
+        py::ref column = unisex_column(t, asked ? asked.get() : t->duration.get());
         const bool native = py::require(PySequence_Contains(columns.get(), column.get())) == 1;
         const bool is_u = str_equals(lowered.get(), "u");
         if (is_u && !native && t->unisex_blend.is_none() && !c.has_blend) {
@@ -130,6 +134,14 @@ void configure(TableObject* t, PyObject* sex, PyObject* cohort, PyObject* durati
         }
         c.sex = std::move(lowered);
         c.has_sex = true;
+    }
+    if (cohort != Py_None) {
+        c.cohort = checked_cohort(t, cohort, name.get());
+        c.has_cohort = true;
+    }
+    if (duration != Py_None) {
+        c.duration = checked_duration(t, duration, name.get());
+        c.has_duration = true;
     }
     PyObject* unset = t->st->sentinel;
     apply_and_rebuild(t, c.has_sex ? c.sex.get() : unset, c.has_cohort ? c.cohort.get() : unset,
@@ -170,25 +182,6 @@ py::ref capture_snapshot(TableObject* t) {
     put("decrement", decrement.get());
     py::ref base = array_copy_or_none(t->decrement_base);
     put("decrement_base", base.get());
-    // A blend inside the block writes the table's private source copy: keep what it replaces.
-    SourceState source = capture_source(t);
-    put("table", source.table.or_none());
-    put("table_is_private_copy", source.private_copy ? Py_True : Py_False);
-    put("table_data", source.data.or_none());
-    put("table_valid_sexes", source.valid_sexes.or_none());
-    // The causes merged into the rates in force, without the vector they belong to (a restore
-    // brings back a copy of it and pairs them again).
-    PyObject* split = t->cause_split.get();
-    const bool in_force = split != nullptr && PyTuple_Check(split) && PyTuple_GET_SIZE(split) == 4 &&
-                          PyTuple_GET_ITEM(split, 0) == t->decrement.get();
-    py::ref parts = in_force ? py::check(PyTuple_GetSlice(split, 1, 4)) : py::ref::borrow(Py_None);
-    put("cause_split", parts.get());
-    // Likewise the record of the modification in force.
-    PyObject* record = t->modification_record.get();
-    const bool recorded = record != nullptr && PyTuple_Check(record) && PyTuple_GET_SIZE(record) == 3 &&
-                          PyTuple_GET_ITEM(record, 0) == t->decrement.get();
-    py::ref record_parts = recorded ? py::check(PyTuple_GetSlice(record, 1, 3)) : py::ref::borrow(Py_None);
-    put("modification_record", record_parts.get());
     return snap;
 }
 
@@ -217,51 +210,6 @@ void restore_snapshot(TableObject* t, PyObject* snap) {
     py::ref base_in = py::ref::steal(item(snap, "decrement_base"));
     py::ref decrement = decrement_in.is_none() ? py::ref() : py::copy_as_f64(decrement_in.get());
     py::ref base = base_in.is_none() ? py::ref() : py::copy_as_f64(base_in.get());
-    // The source entries are optional (a snapshot written by hand may lack them), and only a
-    // table source of the table's own kind is taken back.
-    SourceState source;
-    source.table = py::ref::steal(PyMapping_GetItemString(snap, "table"));
-    if (!source.table) {
-        if (!PyErr_ExceptionMatches(PyExc_KeyError)) py::throw_error_set();
-        PyErr_Clear();
-    }
-    const bool has_source = static_cast<bool>(source.table);
-    if (has_source) {
-        if (py::require(PyObject_IsInstance(source.table.get(), t->st->table_source)) == 0) {
-            py::ref type = type_name_of(source.table.get());
-            py::raise(PyExc_TypeError, "batch snapshot: 'table' must be a TableSource, got %U", type.get());
-        }
-        source.private_copy =
-            py::require(PyObject_IsTrue(py::ref::steal(item(snap, "table_is_private_copy")).get())) == 1;
-        if (source.private_copy) {
-            source.data = py::ref::steal(item(snap, "table_data"));
-            source.valid_sexes = py::ref::steal(item(snap, "table_valid_sexes"));
-            if (source.data.is_none() || source.valid_sexes.is_none()) {
-                py::raise(PyExc_ValueError, "batch snapshot: a private table source needs its data and sexes");
-            }
-        }
-    }
-    py::ref split_parts = py::ref::steal(PyMapping_GetItemString(snap, "cause_split"));
-    if (!split_parts) {
-        if (!PyErr_ExceptionMatches(PyExc_KeyError)) py::throw_error_set();
-        PyErr_Clear();
-    }
-    py::ref split;
-    if (split_parts && PyTuple_Check(split_parts.get()) && PyTuple_GET_SIZE(split_parts.get()) == 3 && decrement) {
-        PyObject* p = split_parts.get();
-        split = py::check(PyTuple_Pack(4, decrement.get(), PyTuple_GET_ITEM(p, 0), PyTuple_GET_ITEM(p, 1),
-                                       PyTuple_GET_ITEM(p, 2)));
-    }
-    py::ref record_parts = py::ref::steal(PyMapping_GetItemString(snap, "modification_record"));
-    if (!record_parts) {
-        if (!PyErr_ExceptionMatches(PyExc_KeyError)) py::throw_error_set();
-        PyErr_Clear();
-    }
-    py::ref record;
-    if (record_parts && PyTuple_Check(record_parts.get()) && PyTuple_GET_SIZE(record_parts.get()) == 2 && decrement) {
-        PyObject* p = record_parts.get();
-        record = py::check(PyTuple_Pack(3, decrement.get(), PyTuple_GET_ITEM(p, 0), PyTuple_GET_ITEM(p, 1)));
-    }
     auto none_as_null = [](py::ref r) { return r.is_none() ? py::ref() : std::move(r); };
     t->sex = none_as_null(std::move(sex));
     t->cohort = none_as_null(std::move(cohort));
@@ -275,17 +223,24 @@ void restore_snapshot(TableObject* t, PyObject* snap) {
     t->modifications_applied = std::move(applied);
     t->decrement = std::move(decrement);
     t->decrement_base = std::move(base);
-    if (has_source) restore_source(t, source);
-    t->cause_split = std::move(split);
-    t->modification_record = std::move(record);
+    // What described the vector in force no longer does: a batch puts it back beside the
+    // snapshot (restore_extras).
+    t->cause_split.reset();
+    t->modification_record.reset();
     invalidate_caches(t);
 }
 
-// Restores a snapshot while an error is in flight; the original error is the one reported.
-void restore_preserving_error(TableObject* t, PyObject* snap) {
+// The rollback of a batch: the snapshot, then what is held beside it.
+void roll_back(TableObject* t, PyObject* snap, const RollbackExtras* extras) {
+    restore_snapshot(t, snap);
+    if (extras != nullptr) restore_extras(t, *extras);
+}
+
+// Rolls back while an error is in flight; the original error is the one reported.
+void restore_preserving_error(TableObject* t, PyObject* snap, const RollbackExtras* extras) {
     py::SavedError original;
     try {
-        restore_snapshot(t, snap);
+        roll_back(t, snap, extras);
     } catch (...) {
         // Only memory can fail here (the snapshot is this context's own): the original error
         // is the one worth reporting.
@@ -310,6 +265,9 @@ struct BatchObject {
     PyObject* table;
     PyObject* n_rebuilds_on_enter;
     PyObject* snapshot;
+    // Held beside the snapshot, not a field of the context's Python surface: what the
+    // rollback restores besides the snapshot's keys and vectors.
+    RollbackExtras* extras;
 };
 
 BatchObject* as_batch(PyObject* o) { return reinterpret_cast<BatchObject*>(o); }
@@ -339,6 +297,7 @@ int Batch_init(PyObject* self, PyObject* args, PyObject* kwargs) {
         Py_XSETREF(b->table, Py_NewRef(table));
         Py_XSETREF(b->n_rebuilds_on_enter, PyLong_FromLong(0));
         Py_XSETREF(b->snapshot, PyDict_New());
+        delete std::exchange(b->extras, nullptr);
         if (b->n_rebuilds_on_enter == nullptr || b->snapshot == nullptr) py::throw_error_set();
         return 0;
     });
@@ -353,8 +312,10 @@ PyObject* Batch_enter(PyObject* self, PyObject*) {
         BatchObject* b = as_batch(self);
         py::ref count = py::check(PyLong_FromLong(t->rebuilds_since_calc));
         py::ref snap = capture_snapshot(t);
+        auto extras = std::make_unique<RollbackExtras>(capture_extras(t));
         Py_XSETREF(b->n_rebuilds_on_enter, count.release());
         Py_XSETREF(b->snapshot, snap.release());
+        delete std::exchange(b->extras, extras.release());
         t->suspend_rebuild = true;
         return Py_NewRef(self);
     });
@@ -375,14 +336,14 @@ PyObject* Batch_exit(PyObject* self, PyObject* const* args, Py_ssize_t nargs) {
                     apply_and_rebuild(t, unset, unset, unset, unset);
                 } catch (...) {
                     // The keys set in the block cannot be built: the whole block is undone.
-                    if (b->snapshot != nullptr) restore_preserving_error(t, b->snapshot);
+                    if (b->snapshot != nullptr) restore_preserving_error(t, b->snapshot, b->extras);
                     throw;
                 }
             }
             t->rebuilds_since_calc = 0;
         } else {
             if (b->snapshot == nullptr) py::raise(PyExc_RuntimeError, "_BatchUpdateContext was never entered");
-            restore_snapshot(t, b->snapshot);
+            roll_back(t, b->snapshot, b->extras);
         }
         Py_RETURN_NONE;
     });
@@ -394,6 +355,13 @@ int Batch_traverse(PyObject* self, visitproc visit, void* arg) {
     Py_VISIT(b->table);
     Py_VISIT(b->n_rebuilds_on_enter);
     Py_VISIT(b->snapshot);
+    if (const RollbackExtras* e = b->extras) {
+        Py_VISIT(e->source.table.get());
+        Py_VISIT(e->source.data.get());
+        Py_VISIT(e->source.valid_sexes.get());
+        Py_VISIT(e->cause_parts.get());
+        Py_VISIT(e->record_parts.get());
+    }
     return 0;
 }
 
@@ -402,6 +370,7 @@ int Batch_clear(PyObject* self) {
     Py_CLEAR(b->table);
     Py_CLEAR(b->n_rebuilds_on_enter);
     Py_CLEAR(b->snapshot);
+    delete std::exchange(b->extras, nullptr);
     return 0;
 }
 

@@ -52,10 +52,6 @@ struct Pass {
     std::size_t offset = 0;  // the sum of the age shifts so far: index 0 holds this age
     py::ref descriptors;     // a new list, committed at the end
     py::ref record;          // (key, value) pairs as applied, to rebuild the call elsewhere
-    // The pass's own cuts at certainty (a combination reports its own): the omega before the
-    // first and the last cut, reported together in one warning when the pass ends.
-    std::optional<long long> cut_from;
-    CertaintyCut last_cut;
 
     void describe(const std::string& text) {
         py::ref item = py::check(PyUnicode_FromStringAndSize(text.data(), static_cast<Py_ssize_t>(text.size())));
@@ -70,22 +66,12 @@ struct Pass {
     }
 };
 
-// Clips the rates to [0, 1] and cuts the table after the first certain rate that live rates
-// follow. Done at the end of the pass, and before a step that reads the rates as probabilities
-// (aggravated_risk, table_combination) once an earlier step pushed one above 1: such a rate is
-// a certain decrement, 1 - (1 - q) ** f means nothing for it and a merge would refuse it.
-void clip_to_certainty(Pass& p) {
-    kernels::clip_unit(p.q);
-    if (std::optional<CertaintyCut> cut = truncate_at_certainty(p.q, p.w, p.offset)) {
-        p.describe("omega_truncated_by_certainty: " + cut->detail);
-        if (!p.cut_from) p.cut_from = cut->old_w;
-        p.w = cut->new_w;
-        p.last_cut = std::move(*cut);
-    }
-}
-
-void clip_if_above_certainty(Pass& p) {
-    if (kernels::max_value(p.q) > 1.0) clip_to_certainty(p);
+// A step that reads the rates as probabilities (aggravated_risk, table_combination) takes a
+// rate that an earlier step pushed above 1 as a certain decrement: 1 - (1 - q) ** f means
+// nothing for it and a merge would refuse it. Only the value is capped here; the table keeps
+// its length until the end of the pass, so later keys (an age_shift) see every age.
+void cap_above_certainty(Pass& p) {
+    if (kernels::max_value(p.q) > 1.0) kernels::cap_at_one(p.q);
 }
 
 // A multiplier per age: a list, a tuple or any array-like (NumPy array, pandas or Polars
@@ -127,7 +113,8 @@ void apply_multiplier(Pass& p, PyObject* value) {
         kept = py::f64_from(factors);
     } else {
         const std::optional<double> m = real_value(value);
-        if (!m || !std::isfinite(*m) || !(*m > 0.0)) refuse("decrement_multiplier must be a positive number or array");
+        // Infinity is a number greater than 0: the product reports it as non-finite below.
+        if (!m || !(*m > 0.0)) refuse("decrement_multiplier must be a positive number or array");
         kernels::scale(p.q, *m);
         descriptor = "decrement_multiplier=" + format_of(value);
         kept = py::ref::borrow(value);
@@ -240,10 +227,10 @@ void modify_decrement(PyObject* self, PyObject* modifications) {
         } else if (str_equals(key, "decrement_geometric_increase")) {
             apply_geometric_increase(p, value);
         } else if (str_equals(key, "aggravated_risk")) {
-            clip_if_above_certainty(p);
+            cap_above_certainty(p);
             apply_aggravated_risk(p, value);
         } else if (str_equals(key, "table_combination")) {
-            clip_if_above_certainty(p);
+            cap_above_certainty(p);
             causes.emplace();
             combine_tables(self, value, p.q, p.w, p.offset, mode, p.descriptors.get(), &*causes);
             // The other tables as they are now: a later change of them does not reach these rates.
@@ -255,13 +242,14 @@ void modify_decrement(PyObject* self, PyObject* modifications) {
     }
 
     if (!kernels::all_finite(p.q)) refuse("_modify_decrement: non-finite values (NaN/Inf) in final decrement array");
-    // Multipliers may leave rates above 1 (up to the sanity limit): they are certain deaths.
-    clip_to_certainty(p);
-    if (p.cut_from) {
-        // One warning for the call, however many steps cut the table.
+    // Multipliers may leave rates above 1 (up to the sanity limit): they are certain decrements.
+    kernels::clip_unit(p.q);
+    if (std::optional<CertaintyCut> cut = truncate_at_certainty(p.q, p.w, p.offset)) {
+        p.describe("omega_truncated_by_certainty: " + cut->detail);
+        p.w = cut->new_w;
         py::warn(PyExc_UserWarning,
-                 "modify_* truncated omega from " + std::to_string(*p.cut_from) + " to " +
-                     std::to_string(p.last_cut.new_w) + " (decrement reaches 1 at " + p.last_cut.where +
+                 "modify_* truncated omega from " + std::to_string(cut->old_w) + " to " + std::to_string(cut->new_w) +
+                     " (decrement reaches 1 at " + cut->where +
                      "). Call summary() for details; see user guide 'Truncation at certainty' (modifying_decrements).",
                  1);
     }
@@ -315,13 +303,13 @@ PyMethodDef modification_methods[] = {
      "    ``combination_mode``); see ``ModifyDecrement``. A second call replaces the first.\n\n"
      "A vector multiplier may be a list, a tuple, an array or a pandas or Polars Series of the\n"
      "rates' length.\n\n"
-     "Rates are clipped to [0, 1]; where a rate reaches 1 before live rates, the table ends\n"
-     "there (``w`` is lowered). A step that pushed rates above 1 (a multiplier, a geometric\n"
-     "increase) is clipped and cut the same way before ``aggravated_risk`` or\n"
-     "``table_combination`` reads the rates, which are probabilities there; the descriptor\n"
-     "``omega_truncated_by_certainty`` then follows that step. One UserWarning per call reports\n"
-     "the cut (from the omega before the first cut to the last one); a combination that cuts\n"
-     "the table warns on its own. ``reset_modifications()`` undoes it all."},
+     "Rates are clipped to [0, 1] at the end; where a rate reaches 1 before live rates, the\n"
+     "table ends there (``w`` is lowered, a UserWarning reports it and the descriptor\n"
+     "``omega_truncated_by_certainty`` comes last). Rates that a step pushed above 1 (a\n"
+     "multiplier, a geometric increase) are capped at 1 before ``aggravated_risk`` or\n"
+     "``table_combination`` reads them as probabilities; the table keeps its length until the\n"
+     "end. A combination that cuts the table warns on its own. ``reset_modifications()`` undoes\n"
+     "it all."},
     {"_modify_decrement", FASTCALL_KW(Table_modify_decrement), METH_FASTCALL | METH_KEYWORDS,
      "_modify_decrement($self, /, modifications)\n--\n\nApply a modification dict to the base rates (see modify_qx)."},
     {nullptr, nullptr, 0, nullptr},

@@ -47,10 +47,6 @@ std::string after_colon(const std::string& s) {
     return first == std::string::npos ? std::string() : rest.substr(first, last - first + 1);
 }
 
-// Whether calculations would be refused for want of keys: pending, or (a select table that
-// left the pending state with its sex and duration) still without rates.
-bool lacks_rates(TableObject* t) { return t->metadata_pending || t->decrement.is_none(); }
-
 std::string summary(PyObject* self) {
     TableObject* t = as_table(self);
     const Names& n = t->st->names;
@@ -64,7 +60,9 @@ std::string summary(PyObject* self) {
     lines.push_back(class_name(self) + ": " + text(name.get()));
     const bool generational = source_flag(t, n.generational.get());
     const bool select = source_flag(t, n.select.get());
-    if (lacks_rates(t)) {
+    // Only the pending flag picks the layout: a select table that left the pending state with
+    // its sex and duration (still without a cohort) prints the ready form.
+    if (t->metadata_pending) {
         std::vector<std::string> needs;
         if (t->sex.is_none()) needs.emplace_back("sex");
         if (generational && t->cohort.is_none()) needs.emplace_back("cohort");
@@ -79,9 +77,9 @@ std::string summary(PyObject* self) {
     lines.push_back("Sex: " + text(t->sex.or_none()));
     if (str_equals(t->sex.get(), "u") && !t->unisex_blend.is_none()) {
         py::ref b = py::check(PyNumber_Float(t->unisex_blend.get()));
-        // 1 - 0.7 is 0.30000000000000004 in binary: show the weight as the blend implies it.
-        py::ref complement = py::check(PyFloat_FromDouble(1.0 - PyFloat_AS_DOUBLE(b.get())));
-        py::ref female = py::check(PyObject_CallMethod(complement.get(), "__round__", "i", 12));
+        // The female weight is 1 - b as computed, in the float's own text (0.30000000000000004
+        // for b = 0.7): the weight the blend multiplies by.
+        py::ref female = py::check(PyFloat_FromDouble(1.0 - PyFloat_AS_DOUBLE(b.get())));
         const std::string bs = text(b.get());
         lines.push_back("Unisex blend: " + bs + " (male weight=" + bs + ", female weight=" + text(female.get()) + ")");
     }
@@ -124,7 +122,7 @@ void append_samples(PyObject* self, PyObject* lines, PyObject* symbol_obj, PyObj
     TableObject* t = as_table(self);
     if (!PyList_Check(lines)) py::raise(PyExc_TypeError, "lines must be a list of str");
     // A table without rates has nothing to sample; its summary says what it lacks.
-    if (is_uninitialised(t) || lacks_rates(t)) return;
+    if (is_uninitialised(t) || t->metadata_pending || t->decrement.is_none()) return;
     const std::string symbol = text(symbol_obj);
     const long decimals = PyLong_AsLong(decimals_obj);
     if (decimals == -1 && PyErr_Occurred()) py::throw_error_set();

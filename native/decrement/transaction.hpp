@@ -21,6 +21,19 @@ SourceState capture_source(TableObject* t);
 // Puts the state back; the frame and sex list are written back into the private copy.
 void restore_source(TableObject* t, SourceState& s);
 
+// What a batch rollback needs beside the batch snapshot's keys and vectors: the table source
+// (with the frame and sex list of a private copy, which a blend in the block rewrites) and the
+// cause split and modification record of the vector in force, held without that vector.
+struct RollbackExtras {
+    SourceState source;
+    py::ref cause_parts;   // (labels, udd, rates), or null when no split is in force
+    py::ref record_parts;  // (items, decimals), or null when no record is in force
+};
+RollbackExtras capture_extras(TableObject* t);
+// Puts them back once the snapshot is restored, pairing the split and the record with the
+// restored vector.
+void restore_extras(TableObject* t, const RollbackExtras& e);
+
 class KeyChange {
 public:
     explicit KeyChange(TableObject* t)
