@@ -160,6 +160,20 @@ def test_each_distinct_table_is_built_once(book):
     assert built_since(mark) == 0
 
 
+def test_a_table_that_cannot_travel_is_refused_before_any_process_starts(in_memory, monkeypatch):
+    # The registry keeps a table of the data MEMT meant before it was registered anew: no worker
+    # could rebuild it, and no worker is started to find that out.
+    registry = TableRegistry()
+    project(in_memory, 2, registry=registry)
+    TableSource.from_rates("MEMT", [0.1, 0.2, 1.0]).register()
+    module = sys.modules["veltrane.portfolio.project"]  # the package's name "project" is the function
+    monkeypatch.setattr(module, "start_pool", lambda *args: pytest.fail("a pool started"))
+    with pytest.raises(
+        ValueError, match="cannot be sent to worker processes: cannot pickle LifeTable 'MEMT'"
+    ):
+        project(in_memory, 2, registry=registry, block_size=1, workers=2)
+
+
 # Starts a pool of two workers, prints their process ids and waits to be killed.
 POOL_THEN_WAIT = """
 import sys, time
