@@ -174,7 +174,8 @@ def test_a_table_that_cannot_travel_is_refused_before_any_process_starts(in_memo
         project(in_memory, 2, registry=registry, block_size=1, workers=2)
 
 
-# Starts a pool of two workers, prints their process ids and waits to be killed.
+# Each starts two workers, prints their process ids and waits to be killed: a pool's, and two
+# processes that only watch their parent (the way of systems without a parent-death signal).
 POOL_THEN_WAIT = """
 import sys, time
 from veltrane.portfolio.workers import ShippedPlan, start_pool
@@ -182,6 +183,12 @@ pool = start_pool(2, ShippedPlan("unused", b"", b""))
 for future in [pool.submit(time.sleep, 0.2) for _ in range(2)]:
     future.result()
 print(*pool._processes, flush=True)
+time.sleep(120)
+"""
+WATCHERS_THEN_WAIT = """
+import os, subprocess, sys, time
+watch = f"from veltrane.portfolio.workers import _watch; _watch({os.getpid()})"
+print(*(subprocess.Popen([sys.executable, "-c", watch]).pid for _ in range(2)), flush=True)
 time.sleep(120)
 """
 
@@ -196,8 +203,9 @@ def _running(pid: int) -> bool:
 
 
 @pytest.mark.skipif(not sys.platform.startswith("linux"), reason="reads processes from /proc")
-def test_worker_processes_end_when_their_parent_is_killed():
-    command = [sys.executable, "-c", POOL_THEN_WAIT]
+@pytest.mark.parametrize("script", [POOL_THEN_WAIT, WATCHERS_THEN_WAIT], ids=["pool", "watching"])
+def test_worker_processes_end_when_their_parent_is_killed(script):
+    command = [sys.executable, "-c", script]
     workers: list[int] = []
     with subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True) as parent:
         try:

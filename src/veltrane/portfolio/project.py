@@ -129,7 +129,8 @@ def project(
     Returns
     -------
     Projection
-        ``result["qx"]`` etc.: float64 arrays of shape (policies, years), rows in frame order.
+        ``result["qx"]`` etc.: float64 arrays of shape (policies, years), rows in frame order,
+        each rounded to its ``Config().decimals`` as the tables round theirs.
 
     Raises
     ------
