@@ -2,6 +2,12 @@
 
 from __future__ import annotations
 
+import os
+import signal
+import subprocess
+import sys
+import time
+from pathlib import Path
 from types import MappingProxyType
 
 import numpy as np
@@ -9,7 +15,7 @@ import pandas as pd
 import polars as pl
 import pytest
 
-from veltrane import TableRegistry
+from veltrane import Config, TableRegistry
 from veltrane.portfolio import QUANTITIES, project
 from veltrane.tables import decrement
 from veltrane.tables.exit import ExitTable
@@ -17,20 +23,28 @@ from veltrane.tables.life import LifeTable
 from veltrane.tables.source import TableSource
 
 
-def reference_rates(row: dict, years: int) -> np.ndarray:
-    """One policy, one table per year: the select column of duration d + k at age x + k."""
+def reference(row: dict, years: int) -> dict[str, np.ndarray]:
+    """One policy, one table per year (the select column of duration d + k at age x + k): its
+    rates as the table rounds them (qx, px) and the rates it holds (``q``), 1 from w on."""
     cls, source = ExitTable if row["table_name"] == "LAPSE" else LifeTable, TableSource(row["table_name"])
     keys = {"cohort": row["cohort"]} if source.generational else {}
     if row["sex"] == "u" and row.get("unisex_blend") is not None:
         keys["unisex_blend"] = row["unisex_blend"]
-    out = []
+    out: dict[str, list[float]] = {"qx": [], "px": [], "q": []}
     for k in range(years):
         if source.select:
             d, start = row["duration"] + k, source.start_duration or 1
             keys["duration"] = d if d < start + source.select_period else "ult"
         table, age = cls(row["table_name"], row["sex"], **keys), row["age"] + k
-        out.append(table._decrement[age] if age < table.w else 1.0)  # the table's qx is 1 at w
-    return np.array(out)
+        within = age < table.w  # the table's qx is 1 at w, whatever its file gives there
+        out["qx"].append(table.qx()[age] if within else 1.0)
+        out["px"].append(table.px()[age] if within else 0.0)
+        out["q"].append(table._decrement[age] if within else 1.0)
+    return {name: np.array(values) for name, values in out.items()}
+
+
+def reference_rates(row: dict, years: int) -> np.ndarray:
+    return reference(row, years)["qx"]
 
 
 @pytest.fixture
@@ -49,28 +63,64 @@ def book(standard, tables):
     return pl.DataFrame(rows, schema_overrides={"unisex_blend": pl.Float64})
 
 
-def test_rates_follow_the_select_diagonal(book):
+# Each kind of quantity at decimals of its own, so that a quantity rounded to another's shows.
+DECIMALS = [{}, {"qx": 5, "ox": 3, "px": 7, "tpx": 6, "tqx": 4}]
+
+
+@pytest.mark.parametrize("decimals", DECIMALS)
+def test_rates_follow_the_select_diagonal_rounded_as_the_tables_round(book, decimals):
     years = 9
-    result = project(book, years, what=QUANTITIES)
-    expected = np.array([reference_rates(row, years) for row in book.iter_rows(named=True)])
-    assert result["qx"].tobytes() == expected.tobytes()
-    px = 1.0 - expected
-    tpx = np.cumprod(px, axis=1)
-    inforce = np.hstack([np.ones((len(book), 1)), tpx[:, :-1]])
-    want = {"px": px, "tpx": tpx, "tqx": 1.0 - tpx, "inforce": inforce, "dx": inforce * expected}
+    with Config().override(decimals=decimals):
+        result = project(book, years, what=QUANTITIES)
+        expected = [reference(row, years) for row in book.iter_rows(named=True)]
+        settings = Config().decimals.as_dict()
+    for name in ("qx", "px"):  # the tables' own qx() and px(), bit for bit
+        assert result[name].tobytes() == np.array([e[name] for e in expected]).tobytes(), name
+    # Survival is the running product of the rates the tables hold (their lx is built from
+    # them), rounded once when returned; dx is a probability of leaving, rounded like tqx.
+    q = np.array([e["q"] for e in expected])
+    survival = np.cumprod(1.0 - q, axis=1)
+    before = np.hstack([np.ones((len(book), 1)), survival[:, :-1]])
+    want = {
+        "tpx": survival.round(settings["tpx"]),
+        "tqx": (1.0 - survival).round(settings["tqx"]),
+        "inforce": before.round(settings["tpx"]),
+        "dx": (before * q).round(settings["tqx"]),
+    }
     for name, value in want.items():
-        assert np.array_equal(result[name], value), name
+        assert result[name].tobytes() == value.tobytes(), name
     frame = result.to_frame()
     assert frame.shape == (len(book) * years, 2 + len(QUANTITIES))
-    assert frame.filter((pl.col("policy") == 3) & (pl.col("year") == 4))["qx"].item() == expected[3, 4]
+    assert frame.filter((pl.col("policy") == 3) & (pl.col("year") == 4))["qx"].item() == expected[3]["qx"][4]
 
 
-@pytest.mark.parametrize(("block_size", "workers"), [(1, None), (4, None), (7, None), (1000, None), (10, 2)])
-def test_blocks_and_worker_processes_do_not_change_the_result(book, tables, monkeypatch, block_size, workers):
-    monkeypatch.setenv("VELTRANE_TABLES_PATH", str(tables.directory))
-    whole = project(book, 6, what=("qx", "tpx", "dx"), block_size=10_000)
-    part = project(book, 6, what=("qx", "tpx", "dx"), block_size=block_size, workers=workers)
-    assert all(whole[k].tobytes() == part[k].tobytes() for k in ("qx", "tpx", "dx"))
+@pytest.mark.parametrize("block_size", [1, 4, 7, 1000])
+def test_blocks_do_not_change_the_result(book, block_size):
+    whole = project(book, 6, what=QUANTITIES, block_size=10_000)
+    part = project(book, 6, what=QUANTITIES, block_size=block_size)
+    assert all(whole[k].tobytes() == part[k].tobytes() for k in QUANTITIES)
+
+
+@pytest.fixture
+def in_memory():
+    """MEMT: a table registered from memory, with no file anywhere."""
+    rng = np.random.default_rng(5)
+    rates = {sex: np.append(rng.uniform(0.001, 0.3, 30), 1.0) for sex in "mf"}
+    TableSource.from_rates("MEMT", rates, start_age=40).register()
+    yield pl.DataFrame(
+        {"table_name": ["MEMT"] * 4, "sex": ["m", "f", "u", "u"], "age": [40, 55, 60, 66]},
+    ).with_columns(unisex_blend=pl.Series([None, None, 0.35, 0.8]))
+    TableSource.unregister("MEMT")
+
+
+def test_worker_processes_give_the_result_of_one_process(book, in_memory):
+    # The tables' files are found through Config().tables_path alone (no VELTRANE_TABLES_PATH)
+    # and MEMT only in this process's memory: the workers get both, and this process's decimals.
+    frame = pl.concat([book, in_memory], how="diagonal_relaxed")
+    with Config().override(decimals={"qx": 7, "tpx": 9}):
+        alone = project(frame, 6, what=QUANTITIES, block_size=10_000)
+        spread = project(frame, 6, what=QUANTITIES, block_size=5, workers=2)
+    assert all(alone[k].tobytes() == spread[k].tobytes() for k in QUANTITIES)
 
 
 def test_a_sample_of_bundled_policies_follows_the_diagonals():
@@ -92,12 +142,15 @@ def built_since(mark: int) -> int:
 
 
 def test_each_distinct_table_is_built_once(book):
-    # A select table needs one table per select column and one for the ultimate column.
+    # A select table needs one table per select column and one for the ultimate column; a
+    # blend, whatever its weight, the male and the female tables.
     columns = {"SSSM": 3, "SEL": 3, "GSEL": 3}
-    distinct = book.with_columns(
-        cohort=pl.when(pl.col("table_name").is_in(["GEN", "GSEL"])).then(pl.col("cohort"))
-    ).unique(["table_name", "sex", "cohort", "unisex_blend"])
-    expected = sum(columns.get(name, 1) for name in distinct["table_name"])
+    keys = set()
+    for row in book.iter_rows(named=True):
+        cohort = row["cohort"] if row["table_name"] in ("GEN", "GSEL") else None
+        sexes = "mf" if row["unisex_blend"] is not None else row["sex"]
+        keys |= {(row["table_name"], sex, cohort) for sex in sexes}
+    expected = sum(columns.get(name, 1) for name, _, _ in keys)
     registry = TableRegistry(maxsize=1000)
     mark = next(decrement._table_instance_counter)
     project(book, 3, registry=registry)
@@ -105,6 +158,108 @@ def test_each_distinct_table_is_built_once(book):
     mark = next(decrement._table_instance_counter)
     project(book, 3, registry=registry)  # a second batch on the same registry builds nothing
     assert built_since(mark) == 0
+
+
+def test_a_table_that_cannot_travel_is_refused_before_any_process_starts(in_memory, monkeypatch):
+    # The registry keeps a table of the data MEMT meant before it was registered anew: no worker
+    # could rebuild it, and no worker is started to find that out.
+    registry = TableRegistry()
+    project(in_memory, 2, registry=registry)
+    TableSource.from_rates("MEMT", [0.1, 0.2, 1.0]).register()
+    module = sys.modules["veltrane.portfolio.project"]  # the package's name "project" is the function
+    monkeypatch.setattr(module, "start_pool", lambda *args: pytest.fail("a pool started"))
+    with pytest.raises(
+        ValueError, match="cannot be sent to worker processes: cannot pickle LifeTable 'MEMT'"
+    ):
+        project(in_memory, 2, registry=registry, block_size=1, workers=2)
+
+
+# Each starts two workers, prints their process ids and waits to be killed: a pool's, and two
+# processes that only watch their parent (the way of systems without a parent-death signal).
+POOL_THEN_WAIT = """
+import sys, time
+from veltrane.portfolio.workers import ShippedPlan, start_pool
+pool = start_pool(2, ShippedPlan("unused", b"", b""))
+for future in [pool.submit(time.sleep, 0.2) for _ in range(2)]:
+    future.result()
+print(*pool._processes, flush=True)
+time.sleep(120)
+"""
+WATCHERS_THEN_WAIT = """
+import os, subprocess, sys, time
+watch = f"from veltrane.portfolio.workers import _watch; _watch({os.getpid()})"
+print(*(subprocess.Popen([sys.executable, "-c", watch]).pid for _ in range(2)), flush=True)
+time.sleep(120)
+"""
+
+
+def _running(pid: int) -> bool:
+    """Whether the process exists and has not exited (a zombie that nobody reaps has exited)."""
+    try:
+        stat = Path(f"/proc/{pid}/stat").read_text()
+    except OSError:
+        return False
+    return stat.rsplit(")", 1)[1].split()[0] != "Z"
+
+
+@pytest.mark.skipif(not sys.platform.startswith("linux"), reason="reads processes from /proc")
+@pytest.mark.parametrize("script", [POOL_THEN_WAIT, WATCHERS_THEN_WAIT], ids=["pool", "watching"])
+def test_worker_processes_end_when_their_parent_is_killed(script):
+    command = [sys.executable, "-c", script]
+    workers: list[int] = []
+    with subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True) as parent:
+        try:
+            assert parent.stdout is not None
+            workers = [int(pid) for pid in parent.stdout.readline().split()]
+            assert len(workers) == 2 and all(_running(pid) for pid in workers)
+            parent.kill()  # SIGKILL: no clean-up of its own runs
+            parent.wait(timeout=30)
+            deadline = time.monotonic() + 20
+            while any(_running(pid) for pid in workers) and time.monotonic() < deadline:
+                time.sleep(0.1)
+            assert not any(_running(pid) for pid in workers)
+        finally:
+            parent.kill()
+            for pid in workers:
+                if _running(pid):
+                    os.kill(pid, signal.SIGKILL)
+
+
+@pytest.mark.parametrize(
+    ("name", "keys"),
+    [
+        ("GEN", {"cohort": 1961}),
+        ("YRS", {"cohort": 1990}),
+        ("SEL", {}),
+        ("GSEL", {"cohort": 1975}),
+        ("IAM2012", {"cohort": 1950}),
+        ("CSO2017", {}),
+        ("CSO1980", {}),
+    ],
+)
+def test_blends_are_the_blended_tables_rates_without_a_table_per_weight(standard, name, keys):
+    rng = np.random.default_rng(len(name))
+    weights = [0.0, 1.0, 0.5, *rng.uniform(0.0, 1.0, 17)]  # all distinct
+    oldest = 7 if name in standard else 100
+    rows = [
+        {
+            "table_name": name,
+            "sex": "u",
+            "age": int(rng.integers(0, oldest)),
+            "duration": int(rng.integers(1, 4)),
+        }
+        | keys
+        | {"unisex_blend": weight}
+        for weight in weights
+    ]
+    registry = TableRegistry(maxsize=1000)
+    mark = next(decrement._table_instance_counter)
+    result = project(pl.DataFrame(rows), 5, what=("qx",), registry=registry)
+    # The male and the female table of every select column, whatever the number of weights.
+    source = TableSource(name)
+    assert built_since(mark) == 2 * ((source.select_period or 0) + 1) == len(registry)
+    expected = [reference_rates(row | {"cohort": keys.get("cohort")}, 5) for row in rows]  # blended tables
+    assert result["qx"].tobytes() == np.array(expected).tobytes()
 
 
 BASE = {"table_name": ["SULT", "SSSM"], "sex": ["u", "u"], "age": [40, 50], "duration": [None, 1]}
@@ -119,6 +274,10 @@ BAD_POLICIES = [  # changes to BASE (None drops a column), the message
     ({"issue_age": [40, 50]}, "one of 'age' .* and 'issue_age' .*, not both"),
     ({"issue_year": [2000, 2000]}, "'issue_year' is the calendar year of issue and needs 'issue_age'"),
     ({"table_name": ["SULT", "NOPE"]}, "column 'table_name', row 1: unknown table 'NOPE'"),
+    ({"decrement_multiplier": [1.5, 1.0]}, "unknown column 'decrement_multiplier'; the columns read"),
+    ({"Age": [1, 2], "policy_id": [7, 8]}, "unknown columns 'Age', 'policy_id';"),
+    ({"unisex_blend": [0.5, None], "table_name": ["SSSM", "SSSM"], "duration": [1, 1]},
+     "row 0: table 'SSSM' cannot be built for sex 'u' with a unisex_blend .*'m'"),
     ({"sex": ["u", "x"]}, "column 'sex', row 1: 'x' is not one of"),
     ({"age": [40, -1]}, "column 'age', row 1: -1 is negative"),
     ({"age": [40.5, 50.0]}, "column 'age', row 0: 40.5 is not a whole number"),

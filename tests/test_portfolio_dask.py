@@ -1,19 +1,47 @@
-"""The portfolio batch on a local Dask cluster of two processes equals the single-process one."""
+"""The portfolio batch on a local Dask cluster of two processes: the single-process result, tables
+registered in memory, and a table the workers cannot find."""
 
 from __future__ import annotations
+
+import os
+from collections.abc import Iterator
+from pathlib import Path
 
 import numpy as np
 import polars as pl
 import pytest
 
+from conftest import TableWriter
+from veltrane import Config
 from veltrane.portfolio import QUANTITIES, project
+from veltrane.tables.source import TableSource
 
 distributed = pytest.importorskip("dask.distributed")
 
 
-def test_local_cluster_gives_the_single_process_result(tables, monkeypatch):
-    tables.select("SEL", generational="exponential")
-    monkeypatch.setenv("VELTRANE_TABLES_PATH", str(tables.directory))  # the workers' table files
+@pytest.fixture(scope="module")
+def worker_files(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """The directory the cluster's workers search for table files (VELTRANE_TABLES_PATH)."""
+    return tmp_path_factory.mktemp("worker_tables")
+
+
+@pytest.fixture(scope="module")
+def client(worker_files: Path) -> Iterator[object]:
+    saved = os.environ.get("VELTRANE_TABLES_PATH")
+    os.environ["VELTRANE_TABLES_PATH"] = str(worker_files)  # the workers' environment, from their start
+    try:
+        cluster = distributed.LocalCluster(n_workers=2, threads_per_worker=1, dashboard_address=":0")
+    finally:
+        if saved is None:
+            del os.environ["VELTRANE_TABLES_PATH"]
+        else:
+            os.environ["VELTRANE_TABLES_PATH"] = saved
+    with cluster, distributed.Client(cluster) as connected:
+        yield connected
+
+
+def test_local_cluster_gives_the_single_process_result(client, worker_files):
+    TableWriter(worker_files).select("SEL", generational="exponential")
     from veltrane.portfolio import project_dask
 
     rng, n = np.random.default_rng(3), 500
@@ -21,12 +49,41 @@ def test_local_cluster_gives_the_single_process_result(tables, monkeypatch):
     age, duration, cohort = rng.integers(0, 110, n), rng.integers(1, 4, n), rng.integers(1950, 1970, n)
     sel = pl.col("table_name") == "SEL"
     frame = pl.DataFrame({"table_name": names, "sex": ["u"] * n, "age": age}).with_columns(
-        age=pl.when(sel).then(pl.col("age") % 8).otherwise("age"), unisex_blend=pl.when(sel).then(0.4)
+        age=pl.when(sel).then(pl.col("age") % 8).otherwise("age"),
+        unisex_blend=pl.when(sel).then(pl.Series(rng.uniform(0.0, 1.0, n))),
     )
     frame = frame.with_columns(duration=pl.Series(duration), cohort=pl.Series(cohort))
-    alone = project(frame, 7, what=QUANTITIES)
-    cluster = distributed.LocalCluster(n_workers=2, threads_per_worker=1, dashboard_address=":0")
-    with cluster, distributed.Client(cluster) as client:
+    with Config().override(tables_path=[worker_files]):
+        alone = project(frame, 7, what=QUANTITIES)
         spread = project_dask(frame, 7, client=client, what=QUANTITIES, block_size=64)
     for name in QUANTITIES:
         assert spread[name].tobytes() == alone[name].tobytes(), name
+
+
+@pytest.fixture
+def in_memory() -> Iterator[pl.DataFrame]:
+    rng = np.random.default_rng(9)
+    TableSource.from_rates("MEMD", {s: np.append(rng.uniform(0.0, 0.2, 20), 1.0) for s in "mf"}).register()
+    yield pl.DataFrame({"table_name": ["MEMD"] * 3, "sex": ["m", "u", "f"], "age": [3, 7, 18]}).with_columns(
+        unisex_blend=pl.Series([None, 0.25, None])
+    )
+    TableSource.unregister("MEMD")
+
+
+def test_tables_registered_in_memory_reach_the_workers(client, in_memory):
+    from veltrane.portfolio import project_dask
+
+    spread = project_dask(in_memory, 4, client=client, what=QUANTITIES, block_size=1)
+    alone = project(in_memory, 4, what=QUANTITIES)
+    assert all(spread[k].tobytes() == alone[k].tobytes() for k in QUANTITIES)
+
+
+def test_a_table_the_workers_cannot_find_is_named_in_the_error(client, tables):
+    # In this process's tables path only: the workers' failure comes back as itself, not as a
+    # lost connection.
+    tables.period("ONLYHERE")
+    from veltrane.portfolio import project_dask
+
+    frame = pl.DataFrame({"table_name": ["ONLYHERE"], "sex": ["m"], "age": [2]})
+    with pytest.raises(FileNotFoundError, match="cannot unpickle LifeTable 'ONLYHERE': no table file"):
+        project_dask(frame, 3, client=client)

@@ -22,6 +22,8 @@ REQUIRED = ("table_name", "sex")
 #: The age columns, of which a frame gives exactly one: the attained age at the start of the
 #: projection, or the age at issue (the attained age is then derived from the duration).
 AGE_COLUMNS = ("age", "issue_age")
+#: Every column a frame may have; any other is refused rather than silently ignored.
+COLUMNS = (*REQUIRED, *AGE_COLUMNS, "cohort", "issue_year", "duration", "unisex_blend")
 SEXES = ("m", "f", "u")
 _MAX_AGE = 10_000
 # Whole numbers beyond this are refused: every one up to it is exact as a float, and sums of
@@ -31,12 +33,17 @@ _MAX_WHOLE = 2**53
 
 @dataclass(frozen=True)
 class TableGroup:
-    """The policies that share one table: its name and keys, and what its file says."""
+    """The policies that share one table: its name and keys, and what its file says.
+
+    A blended group (sex "u" with a ``unisex_blend`` weight) holds policies of any weights: each
+    policy's weight is in :attr:`PolicyBatch.blend`, and its rates are mixed from the male and
+    female tables of the group's keys.
+    """
 
     table_name: str
     sex: str
     cohort: int | None
-    unisex_blend: float | None
+    blended: bool
     table_type: str
     select: bool
     start_duration: int  # first select duration (1 when the table has none)
@@ -46,12 +53,14 @@ class TableGroup:
 
 @dataclass(frozen=True)
 class PolicyBatch:
-    """The policies as arrays: each one's table group, its age and its select duration offset."""
+    """The policies as arrays: each one's table group, its age, its select duration offset and
+    its unisex blend weight."""
 
     groups: tuple[TableGroup, ...]
     group: np.ndarray  # int32 index into groups, one per policy
     age: np.ndarray  # int32 age at the start of the projection
     duration_offset: np.ndarray  # int32 select duration at the start less the table's first one
+    blend: np.ndarray | None  # float64 male weight, NaN off blended groups; None when no policy blends
 
     def __len__(self) -> int:
         return int(self.group.shape[0])
@@ -138,9 +147,16 @@ def read_policies(policies: Any) -> PolicyBatch:
     of issue) for generational tables; ``duration`` (select duration at the start; on other
     tables the policy year from 1, read only with ``issue_age``) for select tables;
     ``unisex_blend`` (male weight) for sex "u" on tables without a unisex column. Columns that a
-    policy's table does not need are ignored for it.
+    policy's table does not need are ignored for it; columns not named here are refused.
     """
     frame = _as_frame(policies)
+    unknown = [c for c in frame.columns if c not in COLUMNS]
+    if unknown:
+        names = ", ".join(repr(c) for c in unknown)
+        raise ValueError(
+            f"policies: unknown column{'s' if len(unknown) > 1 else ''} {names}; the columns read are "
+            f"{', '.join(repr(c) for c in COLUMNS)} (drop the others before projecting)"
+        )
     missing = [c for c in REQUIRED if c not in frame.columns]
     given = [c for c in AGE_COLUMNS if c in frame.columns]
     if missing or len(given) != 1:
@@ -167,11 +183,13 @@ def read_policies(policies: Any) -> PolicyBatch:
 
     # Text is handled once per distinct key, not once per policy: the policies are grouped by
     # their keys as given, each key is checked, and keys that name the same table are merged.
+    # The weight is not part of the key (only whether there is one): distinct weights cost a
+    # number per policy, not a table each.
     columns: dict[str, pl.Series] = {"table_name": names, "sex": sexes}
     if cohort is not None:
         columns["cohort"] = cohort
     if blend is not None:
-        columns["unisex_blend"] = blend
+        columns["blended"] = blend.is_not_null()
     keys = pl.DataFrame(columns).with_row_index("row")
     grouped = keys.group_by(list(columns), maintain_order=True).agg(pl.col("row")).with_row_index("g")
     placed = grouped.select("g", "row").explode("row")
@@ -181,23 +199,23 @@ def read_policies(policies: Any) -> PolicyBatch:
         "table_name",
         "sex",
         pl.col("cohort") if cohort is not None else pl.lit(None, dtype=pl.Int64).alias("cohort"),
-        pl.col("unisex_blend") if blend is not None else pl.lit(None, dtype=pl.Float64).alias("unisex_blend"),
+        pl.col("blended") if blend is not None else pl.lit(False).alias("blended"),
         pl.col("row").list.first().alias("first"),
     )
     sources: dict[str, TableSource] = {}
-    merged: dict[tuple[str, str, int | None, float | None], int] = {}
+    merged: dict[tuple[str, str, int | None, bool], int] = {}
     groups: list[TableGroup] = []
     remap = np.empty(grouped.height, dtype=np.int32)
-    for raw, (name, sex_given, coh, weight, first) in enumerate(described.iter_rows()):
+    for raw, (name, sex_given, coh, blended, first) in enumerate(described.iter_rows()):
         sex = sex_given.lower()
         if sex not in SEXES:
             raise _bad("sex", first, f"{sex_given!r} is not one of 'm', 'f', 'u'")
-        if weight is not None and sex != "u":
+        if blended and sex != "u":
             raise _bad("unisex_blend", first, f"a blend is only valid for sex 'u', not {sex!r}")
         source = sources.get(name) or sources.setdefault(name, _source(name, first))
         if source.generational and coh is None:
             raise _bad("cohort", first, "a generational table needs a year of birth (cohort or issue_year)")
-        key = (name, sex, int(coh) if source.generational else None, weight)
+        key = (name, sex, int(coh) if source.generational else None, bool(blended))
         g = merged.get(key)
         if g is None:
             g = merged[key] = len(groups)
@@ -206,7 +224,7 @@ def read_policies(policies: Any) -> PolicyBatch:
                     table_name=name,
                     sex=sex,
                     cohort=key[2],
-                    unisex_blend=None if weight is None else float(weight),
+                    blended=key[3],
                     table_type=source.table_type,
                     select=bool(source.select),
                     start_duration=int(source.start_duration or 1),
@@ -221,7 +239,10 @@ def read_policies(policies: Any) -> PolicyBatch:
     if age_column == "issue_age":
         attained = attained + _years_since_issue(frame, group, groups, offset)
         _check_ages(pl.Series(attained), "duration", "issue_age + years since issue = ")
-    return PolicyBatch(tuple(groups), group, attained.astype(np.int32), offset)
+    weights = None
+    if blend is not None and any(g.blended for g in groups):
+        weights = np.ascontiguousarray(blend.fill_null(float("nan")).to_numpy(), dtype=np.float64)
+    return PolicyBatch(tuple(groups), group, attained.astype(np.int32), offset, weights)
 
 
 def _check_ages(age: pl.Series, column: str, what: str = "") -> None:

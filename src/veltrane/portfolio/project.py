@@ -1,34 +1,25 @@
 """Projection of a batch of policies year by year along their select diagonals.
 
-Policy i at age x and select duration d at the start reads, in projection year k (k = 0, 1,
-...), the one-year rate of its table at age x + k from the select column of duration d + k,
-or from the ultimate column once d + k is past the select period. The rates are the tables'
-rates in use (``_decrement``, as ``view_data`` shows them), and 1 from a table's last age on, as
-its ``qx`` gives them; survival is their running product.
+``project`` reads and checks the policies, builds each distinct table once (a ``RatePlan``) and
+projects the policies in blocks (``project_block``), in this process or in worker processes.
 """
 
 from __future__ import annotations
 
-import multiprocessing
 from collections.abc import Iterable, Iterator
-from concurrent.futures import ProcessPoolExecutor
 from dataclasses import dataclass
 from typing import Any
 
 import numpy as np
 import polars as pl
 
+from veltrane.portfolio.block import QUANTITIES, project_block
 from veltrane.portfolio.plan import RatePlan
 from veltrane.portfolio.policies import PolicyBatch, read_policies
+from veltrane.portfolio.workers import project_shipped, ship, start_pool
 from veltrane.tables.decrement import TableRegistry
 
 __all__ = ["DEFAULT_BLOCK_SIZE", "QUANTITIES", "Projection", "project", "project_block"]
-
-#: What a projection can return, each a (policies x years) float64 array:
-#: ``qx`` the rate of year k, ``px`` = 1 - qx, ``tpx`` the probability of staying to the end of
-#: year k (k + 1 years), ``tqx`` = 1 - tpx, ``inforce`` the probability of being there at the
-#: start of year k (1 for k = 0), ``dx`` the decrement expected in year k (inforce x qx).
-QUANTITIES = ("qx", "px", "tpx", "tqx", "inforce", "dx")
 
 #: Policies per block. Working memory beyond the results is about 16 bytes per policy-year of a
 #: block (an int64 index and a float64 temporary), so 50,000 policies x 30 years take ~24 MB.
@@ -73,75 +64,16 @@ def _check_years(years: object) -> int:
     return int(years)
 
 
-def project_block(
-    plan: RatePlan,
-    group: np.ndarray,
-    age: np.ndarray,
-    offset: np.ndarray,
-    years: int,
-    what: tuple[str, ...],
-    out: dict[str, np.ndarray] | None = None,
-) -> dict[str, np.ndarray]:
-    """Project one block of policies (arrays as in :class:`PolicyBatch`) into ``out`` or new arrays."""
-    n = group.shape[0]
-    if out is None:
-        out = {name: np.empty((n, years), dtype=np.float64) for name in what}
-    width = plan.width
-    period = plan.period[group].astype(np.int64)
-    # Flat index into the bank (row x width + age). Every policy reads its table's ultimate row
-    # (the last of its rows) once its select years are over; only the first columns, while
-    # select durations remain, point to earlier rows.
-    ultimate = (plan.first_row[group] + period) * width + age
-    index = np.add.outer(ultimate, np.arange(years, dtype=np.int64))
-    for k in range(min(years, int(plan.period.max(initial=0)))):
-        back = period - offset - k
-        np.maximum(back, 0, out=back)
-        back *= width
-        index[:, k] -= back
-    q = out["qx"] if "qx" in out else np.empty((n, years), dtype=np.float64)
-    np.take(plan.bank.reshape(-1), index, out=q, mode="clip")  # in range by construction
-    del index
-    if "px" in out:
-        np.subtract(1.0, q, out=out["px"])
-    if any(name in out for name in ("tpx", "tqx", "inforce", "dx")):
-        survival = out["tpx"] if "tpx" in out else np.empty((n, years), dtype=np.float64)
-        np.subtract(1.0, q, out=survival)
-        np.cumprod(survival, axis=1, out=survival)
-        if "tqx" in out:
-            np.subtract(1.0, survival, out=out["tqx"])
-        if "inforce" in out or "dx" in out:
-            inforce = out["inforce"] if "inforce" in out else np.empty((n, years), dtype=np.float64)
-            inforce[:, 0] = 1.0
-            inforce[:, 1:] = survival[:, :-1]
-            if "dx" in out:
-                np.multiply(inforce, q, out=out["dx"])
-    return out
-
-
 def _blocks(n: int, block_size: int) -> Iterator[slice]:
     for start in range(0, n, block_size):
         yield slice(start, min(n, start + block_size))
 
 
-def _block_inputs(batch: PolicyBatch, block: slice) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
-    return batch.group[block], batch.age[block], batch.duration_offset[block]
-
-
-# The plan of a worker process, installed once by the pool's initializer.
-_installed: RatePlan | None = None
-
-
-def _install(plan: RatePlan) -> None:
-    global _installed
-    _installed = plan
-
-
-def _project_installed(
-    args: tuple[np.ndarray, np.ndarray, np.ndarray, int, tuple[str, ...]],
-) -> dict[str, Any]:
-    assert _installed is not None, "the pool's initializer installs the plan"
-    group, age, offset, years, what = args
-    return project_block(_installed, group, age, offset, years, what)
+def _block_inputs(
+    batch: PolicyBatch, block: slice
+) -> tuple[np.ndarray, np.ndarray, np.ndarray, np.ndarray | None]:
+    blend = None if batch.blend is None else batch.blend[block]
+    return batch.group[block], batch.age[block], batch.duration_offset[block], blend
 
 
 def prepare(
@@ -190,18 +122,21 @@ def project(
     registry : TableRegistry, optional
         Where the tables are looked up and kept; pass one to reuse tables across calls.
     workers : int, optional
-        Number of worker processes (spawned; each receives the tables once), at least 1. None or
-        1 computes in this process.
+        Number of worker processes, at least 1; None or 1 computes in this process. The workers
+        are spawned, receive the tables once (with the data of tables registered in memory),
+        take this process's ``Config()`` and end when this process ends.
 
     Returns
     -------
     Projection
-        ``result["qx"]`` etc.: float64 arrays of shape (policies, years), rows in frame order.
+        ``result["qx"]`` etc.: float64 arrays of shape (policies, years), rows in frame order,
+        each rounded to its ``Config().decimals`` as the tables round theirs.
 
     Raises
     ------
     ValueError
-        A missing column, an unknown table or a bad value (the message names column and row).
+        A missing or unknown column, an unknown table or a bad value (the message names column
+        and row); with workers, a table that cannot be sent to them (the message names it).
     """
     batch, plan, years, chosen, block_size = prepare(policies, years, what, block_size, registry, workers)
     n = len(batch)
@@ -213,10 +148,10 @@ def project(
                 plan, *_block_inputs(batch, block), years, chosen, {k: v[block] for k, v in values.items()}
             )
         return Projection(years, values)
-    context = multiprocessing.get_context("spawn")
-    with ProcessPoolExecutor(workers, mp_context=context, initializer=_install, initargs=(plan,)) as pool:
+    shipped = ship(plan)  # before any process starts: a table that cannot travel is refused here
+    with start_pool(workers, shipped) as pool:
         jobs = ((*_block_inputs(batch, block), years, chosen) for block in blocks)
-        for block, result in zip(blocks, pool.map(_project_installed, jobs), strict=True):
+        for block, result in zip(blocks, pool.map(project_shipped, jobs), strict=True):
             for name in chosen:
                 values[name][block] = result[name]
     return Projection(years, values)
