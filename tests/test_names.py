@@ -81,3 +81,8 @@ def test_the_notebook_card_shows_the_rates_the_table_gives():
     table.modify_qx({"decrement_multiplier": 1.5})
     page = table._repr_html_()
     assert f"<td>60</td><td>{table.qx(60)!r}</td>" in page and "decrement_multiplier" in page
+
+
+def test_an_unknown_name_in_python_suggests_close_names():
+    with pytest.raises(FileNotFoundError, match=r"not found; .* \(did you mean 'CSO2017' or 'CSO2001'\?\)$"):
+        LifeTable("cso2017", "f", duration=1)

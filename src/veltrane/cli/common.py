@@ -7,8 +7,6 @@ import re
 from pathlib import Path
 from typing import TYPE_CHECKING, Any, NoReturn
 
-from veltrane.tables.listing import did_you_mean
-
 if TYPE_CHECKING:
     from veltrane.tables.decrement import DecrementTable
 
@@ -151,20 +149,14 @@ def default_sex(name: str, sexes: list[str]) -> str:
     raise RefusedError(f"table {name!r} has sexes {listed}: choose one with --sex")
 
 
-def did_you_mean_hint(name: str) -> str:
-    """A hint naming the tables whose names are close to ``name`` (case ignored), or ""."""
-    found = did_you_mean(name)
-    return f" (did you mean {' or '.join(repr(n) for n in found)}?)" if found else ""
-
-
 def open_source(name: str) -> Any:
     """The table source of ``name``, or a one-line refusal that suggests close names."""
     from veltrane.tables.source import TableSource
 
     try:
         return TableSource(name)
-    except FileNotFoundError as exc:
-        raise RefusedError(str(exc) + did_you_mean_hint(name)) from exc
+    except FileNotFoundError as exc:  # the message names close tables already
+        raise RefusedError(str(exc)) from exc
     except (OSError, ValueError) as exc:
         raise RefusedError(cli_message(str(exc))) from exc
 
