@@ -277,16 +277,6 @@ PyObject* Registry_get_or_create(PyObject* self, PyObject* const* args, Py_ssize
         if (a[6] != Py_None) py::require(PyDict_SetItemString(kwargs.get(), "interest_rate", a[6]));
         PyObject* positional[2] = {a[1], a[2]};
         py::ref table = py::check(PyObject_VectorcallDict(cls, positional, 2, kwargs.get()));
-        // Sequences of keys fan out into many tables; a registry entry is one table.
-        if (!PyObject_TypeCheck(table.get(), reinterpret_cast<PyTypeObject*>(cls))) {
-            py::ref made = type_name_of(table.get());
-            py::ref name = type_name_of(cls);
-            py::raise(PyExc_TypeError,
-                      "get_or_create() caches one table per key, but %U(...) returned %U; pass a single "
-                      "table_name, sex, cohort, duration and unisex_blend.",
-                      name.get(), made.get());
-        }
-
         // The construction ran Python code that may have used this registry: store at the
         // most recent end whatever it left, then evict the least recently used.
         const int present = py::require(PyDict_Contains(cache.get(), key.get()));
