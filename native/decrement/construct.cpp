@@ -549,4 +549,25 @@ int Table_init(PyObject* self, PyObject* args, PyObject* kwargs) {
     });
 }
 
+namespace {
+
+// __init__ as a method beside the tp_init slot, so that inspect reads its parameters.
+PyObject* Table_init_method(PyObject* self, PyObject* args, PyObject* kwargs) {
+    if (Table_init(self, args, kwargs) < 0) return nullptr;
+    Py_RETURN_NONE;
+}
+
+}  // namespace
+
+PyMethodDef construct_methods[] = {
+    {"__init__", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(Table_init_method)),
+     METH_VARARGS | METH_KEYWORDS | METH_COEXIST,
+     "__init__($self, /, table_name, sex=None, cohort=None, expected_table_type=None, unisex_blend=None, "
+     "duration=None, pending=False)\n--\n\n"
+     "Load the table file, check the keys against the table's structure and build the rates\n"
+     "(or, with pending=True and keys missing, leave a pending table). Does nothing on a table\n"
+     "that is already initialised."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
 }  // namespace veltrane::decrement

@@ -360,7 +360,18 @@ PyObject* Registry_reduce(PyObject* self, PyObject*) {
     return py::guard([&] { return call_pickling("_reduce_registry", self).release(); });
 }
 
+// __init__ as a method beside the tp_init slot, so that inspect reads its parameters.
+PyObject* Registry_init_method(PyObject* self, PyObject* args, PyObject* kwargs) {
+    if (Registry_init(self, args, kwargs) < 0) return nullptr;
+    Py_RETURN_NONE;
+}
+
 PyMethodDef registry_methods[] = {
+    {"__init__", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(Registry_init_method)),
+     METH_VARARGS | METH_KEYWORDS | METH_COEXIST,
+     "__init__($self, /, table_class=None, *, maxsize=256)\n--\n\n"
+     "An empty registry keeping at most ``maxsize`` tables, with ``table_class`` as the default\n"
+     "class of get_or_create."},
     {"get_or_create", FASTCALL_KW(Registry_get_or_create), METH_FASTCALL | METH_KEYWORDS,
      "get_or_create($self, /, table_class, table_name, sex, cohort=None, duration=None, unisex_blend=None, "
      "interest_rate=None, **extra_kwargs)\n--\n\n"
