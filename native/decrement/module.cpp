@@ -269,7 +269,9 @@ constexpr const char* kPublicClassDoc =
     "    With sequences of arguments: return a dict keyed by TableKey instead of a tuple.\n\n"
     "Any of table_name, sex, cohort, duration and unisex_blend may be a list or tuple: the call\n"
     "then builds several tables, pairing the sequences element by element (a one-element\n"
-    "sequence is repeated), and returns them as a tuple.\n";
+    "sequence is repeated; an empty cohort, duration or sex sequence gives no tables), and\n"
+    "returns them as a tuple. With return_dict=True, tables that share a key leave the last\n"
+    "of them under it, with a UserWarning naming the key.\n";
 
 py::ref build_public_class(PyObject* module, ModuleState* st) {
     py::ref globals = py::check(PyDict_New());
