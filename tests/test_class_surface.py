@@ -3,10 +3,13 @@ that carries state and behaviour; instances that __init__ never reached; the bas
 
 from __future__ import annotations
 
+import inspect
+
 import pytest
 from veltrane.tables.decrement import DecrementTable
 
 from conftest import exactly
+from veltrane.tables import decrement
 from veltrane.tables.exit import ExitTable
 from veltrane.tables.life import LifeTable
 
@@ -97,3 +100,75 @@ def test_calculations_on_an_uninitialised_table_are_refused(use):
 def test_the_internal_base_is_not_instantiable(make):
     with exactly(TypeError, "cannot create 'veltrane.tables.decrement._DecrementTableBase' instances"):
         make()
+
+
+# -- signatures, as inspect reads them -------------------------------------------------------------
+
+N = inspect.Parameter.empty
+UNSET = decrement._CONFIGURE_UNSET
+# fmt: off
+SIGNATURES = [
+    (DecrementTable, "table_name=N sex=None cohort=None unisex_blend=None duration=None cartesian=False "
+     "return_dict=False pending=False **_kw=N"),
+    (DecrementTable.__init__, "self=N table_name=N sex=None cohort=None expected_table_type=None "
+     "unisex_blend=None duration=None pending=False"),
+    (DecrementTable._apply_and_rebuild,
+     "self=N *sex=UNSET *cohort=UNSET *duration_internal=UNSET *unisex_blend=UNSET"),
+    (DecrementTable.__eq__, "self=N other=N"),
+    (DecrementTable.configure, "self=N sex=None cohort=None duration=None unisex_blend=None"),
+    (DecrementTable.head, "self=N n=10 include_age=True show_normalized=False"),
+    (DecrementTable.qx, "self=N x=None m=1"),
+    (DecrementTable.tpx, "self=N x=N t=1"),
+    (DecrementTable._prob_decrement_interval,
+     "self=N prob_type=N x=N m=1 validate=True use_raw=False is_scalar_x_hint=None"),
+    (decrement._BatchUpdateContext, "table=N"),
+    (decrement._BatchUpdateContext.__init__, "self=N table=N"),
+    (decrement._BatchUpdateContext.__exit__, "self=N exc_type=N exc_val=N exc_tb=N"),
+    (decrement.TableRegistry, "table_class=None *maxsize=256"),
+    (decrement.TableRegistry.__init__, "self=N table_class=None *maxsize=256"),
+    (decrement.TableRegistry.get_or_create, "self=N table_class=N table_name=N sex=N cohort=None "
+     "duration=None unisex_blend=None interest_rate=None **extra_kwargs=N"),
+    (decrement._validate_table_class, "table_class=N name='table_class'"),
+    # A concrete class shows its own __init__; one without its own shows the base's.
+    (LifeTable, "table_name=N sex=None cohort=None unisex_blend=None duration=None cartesian=False "
+     "return_dict=False pending=False interest_rate=None"),
+    (type("Bare", (DecrementTable,), {"__slots__": (), "table_type": "life"}),
+     "table_name=N sex=None cohort=None expected_table_type=None unisex_blend=None duration=None "
+     "pending=False"),
+]
+# fmt: on
+
+
+def shown(parameter: inspect.Parameter) -> str:
+    marks = {inspect.Parameter.KEYWORD_ONLY: "*", inspect.Parameter.VAR_KEYWORD: "**"}
+    default = parameter.default
+    text = "N" if default is N else "UNSET" if default is UNSET else repr(default)
+    return f"{marks.get(parameter.kind, '')}{parameter.name}={text}"
+
+
+@pytest.mark.parametrize(("target", "expected"), SIGNATURES)
+def test_signatures_give_the_parameters_and_defaults(target, expected):
+    parameters = inspect.signature(target).parameters.values()
+    assert " ".join(shown(p) for p in parameters) == expected
+
+
+DUNDERS = {"__new__", "__init__", "__hash__", "__eq__", "__deepcopy__", "__setattr__", "__str__", "__repr__"}
+DUNDERS |= {"__enter__", "__exit__", "__len__"}
+
+
+def callables():
+    for cls in (DecrementTable, decrement._BatchUpdateContext, decrement.TableRegistry):
+        yield cls
+        for name in dir(cls):
+            if name.startswith("__") and name not in DUNDERS:
+                continue
+            if not isinstance(inspect.getattr_static(cls, name), property) and callable(getattr(cls, name)):
+                yield getattr(cls, name)
+    for value in vars(decrement).values():
+        if callable(value) and getattr(value, "__module__", None) in (None, decrement.__name__):
+            yield value
+
+
+def test_every_callable_of_the_module_has_a_signature():
+    for target in callables():
+        inspect.signature(target)  # raises for a callable inspect cannot read

@@ -85,15 +85,6 @@ def test_least_recently_used_is_evicted(files):
     assert keys(single) == [("PER", "f")] and single.get_or_create(None, "PER", "f") is last
 
 
-class NotOne(LifeTable):
-    """A class whose construction yields something other than one table."""
-
-    __slots__ = ()
-
-    def __new__(cls, *args, **kwargs):
-        return (LifeTable(*args, **kwargs),)
-
-
 # fmt: off
 FAILED_CALLS = [
     (lambda r: r.get_or_create(None, "PER", "m"), TypeError,
@@ -101,10 +92,8 @@ FAILED_CALLS = [
     (lambda r: r.get_or_create(LifeTable, "PER", "u", interest_rate=0.03), ValueError, None),
     (lambda r: r.get_or_create(LifeTable, "GEN", "m", cohort=1970, interest_rate="4%"), TypeError,
      "interest_rate must be a real number, got str"),
-    (lambda r: r.get_or_create(LifeTable, "GEN", "m", cohort=[1970]), TypeError, None),
-    (lambda r: r.get_or_create(NotOne, "PER", "m"), TypeError,
-     "get_or_create() caches one table per key, but NotOne(...) returned tuple; pass a single "
-     "table_name, sex, cohort, duration and unisex_blend."),
+    (lambda r: r.get_or_create(LifeTable, "GEN", "m", cohort=[1970]), TypeError, "unhashable type: 'list'"),
+    (lambda r: r.get_or_create(LifeTable, "GEN", "m", cohort=(1970, 1800)), ValueError, None),
 ]
 # fmt: on
 
@@ -120,6 +109,17 @@ def test_failed_calls_leave_the_cache_as_it_was(files, call, exc, message):
     if message is not None:
         assert str(err.value) == message
     assert list(registry._cache.items()) == before
+
+
+@pytest.mark.parametrize(
+    ("sex", "cohort", "count"), [(("m", "f"), 1970, 2), ("m", (1960, 1970, 1980), 3), ("m", (1970,), 1)]
+)
+def test_what_the_class_returns_is_cached_as_it_is(files, sex, cohort, count):
+    registry = TableRegistry(LifeTable)
+    made = registry.get_or_create(None, "GEN", sex, cohort=cohort)
+    assert type(made) is tuple and len(made) == count and all(type(t) is LifeTable for t in made)
+    assert registry.get_or_create(None, "GEN", sex, cohort=cohort) is made
+    assert list(registry._cache.values()) == [made]
 
 
 def test_tables_are_released(files):

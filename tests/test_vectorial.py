@@ -106,19 +106,37 @@ def test_dict_keys_hold_every_identifying_field(kinds):
     assert list(LifeTable("PER", "m", return_dict=True)) == [TableKey("PER", "m")]
 
 
-@pytest.mark.parametrize(
-    ("args", "kwargs", "key"),
-    [
-        (("GEN", ("m", "m")), {"cohort": (1960, 1960)}, "TableKey(table_name='GEN', sex='m', cohort=1960"),
-        (("PER", ("u", "u")), {"unisex_blend": 0.5}, "TableKey(table_name='PER', sex='u', cohort=None"),
-    ],
-)
-def test_dict_results_refuse_repeated_keys(kinds, args, kwargs, key):
-    with pytest.raises(
-        ValueError, match=re.escape("return_dict=True needs one key per instance, but " + key)
-    ):
+# fmt: off
+REPEATED = [
+    (("GEN", ("m", "f", "m")), {"cohort": (1960, 1970, 1960)},
+     [TableKey("GEN", "m", 1960), TableKey("GEN", "f", 1970)], 2, [TableKey("GEN", "m", 1960)]),
+    (("PER", ("u", "u")), {"unisex_blend": 0.5}, [TableKey("PER", "u", unisex_blend=0.5)], 1,
+     [TableKey("PER", "u", unisex_blend=0.5)]),
+    (("SEL", "m"), {"duration": [1, 2, 1, 2, 1]}, [TableKey("SEL", "m", duration=d) for d in (1, 2)], 4,
+     [TableKey("SEL", "m", duration=d) for d in (1, 2)]),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize(("args", "kwargs", "keys", "last", "warned"), REPEATED)
+def test_dict_results_keep_the_last_instance_of_a_repeated_key(kinds, args, kwargs, keys, last, warned):
+    first = next_id()
+    with pytest.warns(UserWarning) as caught:
+        result = LifeTable(*args, return_dict=True, **kwargs)
+    assert [str(w.message) for w in caught] == [
+        f"return_dict=True: {key!r} occurs more than once; the dictionary keeps the last instance built "
+        "for it. Use return_dict=False for a tuple of every instance."
+        for key in warned
+    ]
+    assert all(w.filename == __file__ for w in caught)
+    assert list(result) == keys  # each key where it first occurs, holding the last instance built for it
+    assert result[keys[0]]._instance_id == first + last
+    # Decided from the arguments: a warning turned into an error builds nothing.
+    before = next_id()
+    with warnings.catch_warnings(), pytest.raises(UserWarning):
+        warnings.simplefilter("error")
         LifeTable(*args, return_dict=True, **kwargs)
-    assert len(LifeTable(*args, **kwargs)) == 2  # a tuple keeps both
+    assert next_id() == before
 
 
 def test_pending_shells(kinds):
@@ -172,8 +190,17 @@ NO_SEX = "LifeTable(): 'sex' is required unless pending=True. Pass sex='m', 'f',
 
 # fmt: off
 REFUSALS = [
-    # Lengths that cannot be paired.
+    # Lengths that cannot be paired; they are reported before anything about the blend.
     (("GEN", ("m", "f", "f")), {"cohort": (1960, 1970)}, ValueError, LENGTHS.format("sex", 3, "cohort", 2)),
+    (("GEN", ("m", "f", "f")), {"cohort": (1960, 1970), "unisex_blend": 0.5}, ValueError,
+     LENGTHS.format("sex", 3, "cohort", 2)),
+    (("GEN", ("m", "u", "u")), {"cohort": (1960, 1970), "unisex_blend": 2.0}, ValueError,
+     LENGTHS.format("sex", 3, "cohort", 2)),
+    (("GEN", ("u", "u", "u")), {"cohort": (1960, 1970), "unisex_blend": []}, ValueError,
+     LENGTHS.format("sex", 3, "cohort", 2)),
+    ((["GEN", "YRS", "GEN"], "m"), {"cohort": [1960, 1970], "unisex_blend": 0.5}, ValueError,
+     LENGTHS.format("sex", 2, "table_name", 3)),
+    (("GEN", ("m", "f")), {"cohort": []}, ValueError, LENGTHS.format("sex", 2, "cohort", 0)),
     ((["GEN", "YRS"], ("m", "f", "f")), {}, ValueError, LENGTHS.format("sex", 3, "table_name", 2)),
     (("GEN", "u"), {"cohort": [1, 2, 3], "unisex_blend": [0.1, 0.2]}, ValueError,
      "unisex_blend sequence length (2) must match cohort sequence length (3) when sex is scalar"),
@@ -202,6 +229,8 @@ REFUSALS = [
      MIXED.format("generational", "generational/period", "cohort")),
     ((["PER", "SEL"], "m"), {"cartesian": True}, ValueError,
      MIXED.format("select", "select/non-select", "duration")),
+    ((["PER", "GEN"], ("m", "f")), {"cartesian": True, "unisex_blend": 0.5}, ValueError,
+     MIXED.format("generational", "generational/period", "cohort")),
     # Pending shells.
     (("GEN", ("m", "f")), {"pending": True, "cartesian": True}, ValueError,
      PENDING.format("cartesian=True") + "Create individual pending instances and configure them separately."),
@@ -218,8 +247,6 @@ REFUSALS = [
     ((["PER", 3], "m"), {}, TypeError, "table_name element 1 must be str, got int"),
     (((), "m"), {}, ValueError, "table_name sequence must contain at least one table name"),
     (("PER", ["m", None]), {}, TypeError, "sex must be a string or a list/tuple of strings"),
-    (("PER", []), {}, ValueError, "sex sequence must contain at least one sex"),
-    (("GEN", "m"), {"cohort": ()}, ValueError, "cohort sequence must contain at least one cohort"),
     (("GEN", "m"), {"cohort": "1960"}, TypeError, "cohort must be int or sequence of int, got str"),
     # Every name is opened before the first table is built.
     ((["PER", "NOPE"], "m"), {}, FileNotFoundError, None),
@@ -232,6 +259,28 @@ def test_refusals_build_nothing(kinds, args, kwargs, exc, message):
     before = next_id()
     with pytest.raises(exc) if message is None else exactly(exc, message):
         LifeTable(*args, **kwargs)
+    assert next_id() == before
+
+
+# fmt: off
+EMPTY = [
+    (("SULT", "u"), {"cohort": []}),
+    (("SULT", []), {}),
+    (("SEL", "m"), {"duration": ()}),
+    (("GEN", ("m", "f")), {"cohort": [], "cartesian": True}),
+    (("GEN", []), {"cohort": (1960, 1970), "cartesian": True}),
+    (("GEN", []), {"pending": True}),
+    (("PER", "u"), {"cohort": np.array([], dtype=np.int64), "unisex_blend": 0.5}),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize(("args", "kwargs"), EMPTY)
+def test_an_empty_key_sequence_gives_no_tables(kinds, args, kwargs):
+    before = next_id()
+    assert LifeTable(*args, **kwargs) == ()
+    if not kwargs.get("pending"):
+        assert LifeTable(*args, return_dict=True, **kwargs) == {}
     assert next_id() == before
 
 

@@ -3,6 +3,7 @@ that one construction per cohort gives."""
 
 from __future__ import annotations
 
+import functools
 import gc
 import warnings
 
@@ -13,6 +14,7 @@ from conftest import exactly
 from veltrane import LifeTable
 from veltrane.tables import decrement
 from veltrane.tables.base import _current_calendar_year
+from veltrane.tables.typed import TypedTable
 
 COHORTS = [1960, 1900, 1960, 2001, 1975, 1960]
 
@@ -54,20 +56,26 @@ def test_a_bad_cohort_later_in_the_list_builds_nothing(standard):
         LifeTable("GEN", "m", cohort=[1960, 1970, year + 1])
 
 
-@pytest.mark.parametrize("own_init", [False, True])
-def test_a_subclass_keeps_its_class_and_slots_and_runs_its_own_init(standard, own_init):
+@pytest.mark.parametrize(
+    ("own_init", "declared", "runs"), [(False, False, 0), (True, False, 3), (True, True, 1)]
+)
+def test_a_subclass_keeps_its_class_and_slots_and_runs_its_own_init(standard, own_init, declared, runs):
     calls = []
 
     class Tagged(LifeTable):
         __slots__ = ("tag",)
-        if own_init:  # then it runs for every instance
+        if own_init:  # then it runs for every instance, unless the class declares it need not
 
             def __init__(self, *args, **kwargs):
                 calls.append(kwargs.get("cohort", args[2] if len(args) > 2 else None))
                 super().__init__(*args, **kwargs)
 
+        if declared:
+            _INIT_BUILDS_FROM_ARGUMENTS = True
+
     tables = Tagged("GEN", "m", cohort=[1960, 1970, 1980], interest_rate=0.01)
-    assert [t.cohort for t in tables] == [1960, 1970, 1980] == (calls if own_init else [1960, 1970, 1980])
+    assert [t.cohort for t in tables] == [1960, 1970, 1980]
+    assert calls == [1960, 1970, 1980][:runs]
     assert all(type(t) is Tagged and t.interest_rate == 0.01 for t in tables)
     for t in tables:
         with pytest.raises(AttributeError):
@@ -87,3 +95,31 @@ def test_the_collector_setting_is_restored(standard, enabled):
         assert gc.isenabled() is enabled
     finally:
         (gc.enable if was else gc.disable)()
+
+
+def counting(init, calls):
+    def counted(self, *args, **kwargs):
+        calls.append(args[2] if len(args) > 2 else kwargs["cohort"])
+        init(self, *args, **kwargs)
+
+    return counted
+
+
+# A replaced __init__ (a patch, a decorator) is called for every instance, wherever it sits.
+REPLACEMENTS = [
+    (LifeTable, counting),
+    (LifeTable, lambda init, calls: functools.wraps(init)(counting(init, calls))),
+    (TypedTable, counting),
+]
+
+
+@pytest.mark.parametrize(("owner", "replace"), REPLACEMENTS)
+def test_a_replaced_init_runs_for_every_instance(standard, monkeypatch, owner, replace):
+    calls = []
+    monkeypatch.setattr(owner, "__init__", replace(owner.__init__, calls))
+    tables = LifeTable("GEN", "m", cohort=[1960, 1970, 1960], interest_rate=0.01)
+    assert calls == [1960, 1970, 1960]
+    assert [t.cohort for t in tables] == [1960, 1970, 1960] and all(t.interest_rate == 0.01 for t in tables)
+    monkeypatch.undo()  # the original again: the first instance is copied for the others
+    LifeTable("GEN", "m", cohort=[1960, 1970])
+    assert calls == [1960, 1970, 1960]

@@ -50,7 +50,6 @@ List cohort_list(PyObject* cohort, bool& sequence) {
     if (is_key_sequence(cohort)) {
         sequence = true;
         List items = items_of(cohort);
-        if (items.empty()) py::raise(PyExc_ValueError, "cohort sequence must contain at least one cohort");
         for (std::size_t i = 0; i < items.size(); ++i) {
             PyObject* v = items[i].get();
             if (v == Py_None) continue;
@@ -82,7 +81,6 @@ List duration_list(PyObject* duration, bool& sequence) {
     if (is_key_sequence(duration)) {
         sequence = true;
         List items = items_of(duration);
-        if (items.empty()) py::raise(PyExc_ValueError, "duration sequence must contain at least one duration");
         for (std::size_t i = 0; i < items.size(); ++i) {
             PyObject* v = items[i].get();
             if (v == Py_None || str_equals(v, "ult")) continue;
@@ -115,6 +113,24 @@ double checked_blend(PyObject* blend, const char* type_message) {
     return w;
 }
 
+}  // namespace
+
+void check_scalar_blend(PyObject* blend, PyObject* sex) {
+    if (str_equals(sex, "m") || str_equals(sex, "f")) {
+        py::raise(PyExc_ValueError,
+                  "Cannot specify unisex_blend=%S when sex='%S' is explicitly set. Use sex='u' to apply unisex "
+                  "blending.",
+                  blend, sex);
+    }
+    const double w = checked_blend(blend, "Expected numeric input for unisex_blend");
+    if (!(0.0 <= w && w <= 1.0)) {
+        py::ref shown = py::check(PyFloat_FromDouble(w));
+        py::raise(PyExc_ValueError, "unisex_blend must be in [0.0, 1.0], got %S", shown.get());
+    }
+}
+
+namespace {
+
 py::ref lowered(PyObject* sex) {
     if (!PyUnicode_Check(sex)) return py::ref::borrow(sex);
     return py::check(PyObject_CallMethod(sex, "lower", nullptr));
@@ -129,7 +145,6 @@ List sex_list(PyObject* sex, bool& sequence) {
     if (!is_sequence_arg(sex)) py::raise(PyExc_TypeError, "sex must be a string or a list/tuple of strings");
     sequence = true;
     List items = items_of(sex);
-    if (items.empty()) py::raise(PyExc_ValueError, "sex sequence must contain at least one sex");
     for (py::ref& item : items) {
         if (!PyUnicode_Check(item.get())) py::raise(PyExc_TypeError, "sex must be a string or a list/tuple of strings");
         item = lowered(item.get());
@@ -216,25 +231,11 @@ PyObject* Table_new(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
         }
         bool sex_sequence = false;
         List sexes = sex_list(sex, sex_sequence);
-        // A scalar blend is checked here in both modes: against a scalar sex, then its value.
         const bool blend_sequence = is_sequence_arg(blend);
-        if (!blend_sequence && blend != Py_None) {
-            PyObject* s = sexes.front().get();
-            if (!sex_sequence && (str_equals(s, "m") || str_equals(s, "f"))) {
-                py::raise(PyExc_ValueError,
-                          "Cannot specify unisex_blend=%S when sex='%S' is explicitly set. Use sex='u' to apply "
-                          "unisex blending.",
-                          blend, s);
-            }
-            const double w = checked_blend(blend, "Expected numeric input for unisex_blend");
-            if (!(0.0 <= w && w <= 1.0)) {
-                py::ref shown = py::check(PyFloat_FromDouble(w));
-                py::raise(PyExc_ValueError, "unisex_blend must be in [0.0, 1.0], got %S", shown.get());
-            }
-        }
         const bool single = !sex_sequence && PyUnicode_Check(table_name_arg) && !cohort_sequence &&
                             !duration_sequence && !blend_sequence && !cartesian && !return_dict;
         if (!single) {
+            // The blend is checked there, once the argument lists are aligned.
             VectorialCall call;
             call.table_names = std::move(table_names);
             call.sexes = std::move(sexes);
@@ -249,6 +250,7 @@ PyObject* Table_new(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
             call.kwargs = kwargs;
             return construct_many(type, call);
         }
+        if (blend != Py_None) check_scalar_blend(blend, sexes.front().get());
         return table_alloc(type, state_from_type(type));
     });
 }
@@ -546,5 +548,26 @@ int Table_init(PyObject* self, PyObject* args, PyObject* kwargs) {
         return 0;
     });
 }
+
+namespace {
+
+// __init__ as a method beside the tp_init slot, so that inspect reads its parameters.
+PyObject* Table_init_method(PyObject* self, PyObject* args, PyObject* kwargs) {
+    if (Table_init(self, args, kwargs) < 0) return nullptr;
+    Py_RETURN_NONE;
+}
+
+}  // namespace
+
+PyMethodDef construct_methods[] = {
+    {"__init__", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(Table_init_method)),
+     METH_VARARGS | METH_KEYWORDS | METH_COEXIST,
+     "__init__($self, /, table_name, sex=None, cohort=None, expected_table_type=None, unisex_blend=None, "
+     "duration=None, pending=False)\n--\n\n"
+     "Load the table file, check the keys against the table's structure and build the rates\n"
+     "(or, with pending=True and keys missing, leave a pending table). Does nothing on a table\n"
+     "that is already initialised."},
+    {nullptr, nullptr, 0, nullptr},
+};
 
 }  // namespace veltrane::decrement

@@ -520,9 +520,9 @@ PyMethodDef lifecycle_methods[] = {
     {"_check_metadata_complete", Table_check_metadata_complete, METH_NOARGS,
      "_check_metadata_complete($self, /)\n--\n\nTrue when the table has every key it needs."},
     {"_apply_and_rebuild", FASTCALL_KW(Table_apply_and_rebuild), METH_FASTCALL | METH_KEYWORDS,
-     "_apply_and_rebuild($self, /, *, sex=_CONFIGURE_UNSET, cohort=_CONFIGURE_UNSET, "
-     "duration_internal=_CONFIGURE_UNSET, unisex_blend=_CONFIGURE_UNSET)\n--\n\n"
-     "Assign the given keys, then rebuild once if the table is complete."},
+     "_apply_and_rebuild($self, /, **keys)\n--\n\n"
+     "Assign the given keys (sex, cohort, duration_internal, unisex_blend; each keyword-only),\n"
+     "then rebuild once if the table is complete. DecrementTable._apply_and_rebuild wraps it."},
     {"_invalidate_caches", Table_invalidate_caches, METH_NOARGS,
      "_invalidate_caches($self, /)\n--\n\nDrop the derived caches (lx, px, qx, decimals)."},
     {"reset_modifications", Table_reset_modifications, METH_NOARGS,

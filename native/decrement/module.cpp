@@ -4,6 +4,7 @@
 // configuration's reset hook, and a change hook keeps the settings snapshot current.
 #include "decrement/contingencies.hpp"
 #include "decrement/projection.hpp"
+#include "decrement/stamping.hpp"
 #include "decrement/table.hpp"
 #include "pyutil/module_functions.hpp"
 #include "pyutil/module_slots.hpp"
@@ -110,6 +111,27 @@ PyMethodDef configure_all_def = {
     "Call ``configure`` with the given settings on every table of ``tables`` (a dict's values, or any\n"
     "iterable) and return ``tables``. Each table is configured atomically; there is no global rollback."};
 
+// _BatchUpdateContext.__init__ as a method with its parameter name, for inspect. It goes into
+// the type's dict directly: the tp_init slot, which every construction calls, stays as made.
+initproc batch_init = nullptr;
+
+PyObject* batch_init_method(PyObject* self, PyObject* args, PyObject* kwargs) {
+    if (batch_init(self, args, kwargs) < 0) return nullptr;
+    Py_RETURN_NONE;
+}
+
+PyMethodDef batch_init_def = {
+    "__init__", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(batch_init_method)),
+    METH_VARARGS | METH_KEYWORDS,
+    "__init__($self, /, table)\n--\n\nThe context of ``table.batch_update()`` for ``table``."};
+
+void add_batch_init_method(PyTypeObject* type) {
+    batch_init = type->tp_init;
+    py::ref method = py::check(PyDescr_NewMethod(type, &batch_init_def));
+    py::require(PyDict_SetItemString(type->tp_dict, "__init__", method.get()));
+    PyType_Modified(type);
+}
+
 // Binds `name` in the module to `value` (a new reference is taken).
 void bind(PyObject* module, const char* name, PyObject* value) { py::require(PyModule_AddObjectRef(module, name, value)); }
 
@@ -160,19 +182,72 @@ void init_names(Names& n) {
 }
 
 // The public class is made as a class statement would make it: by calling the metaclass
-// with the C type and abc.ABC as bases, and an abstract `table_type` property.
+// with the C type and abc.ABC as bases, and an abstract `table_type` property. Beside it:
+// - `__init_subclass__` marks the `__init__` of a class that declares
+//   `_INIT_BUILDS_FROM_ARGUMENTS = True` as the one it was defined with (an attribute naming
+//   the function itself, so a wrapper copying the function's attributes does not carry it);
+//   a many-table call copies instances only while every such `__init__` is still in place;
+// - `_apply_and_rebuild` is a function, so that inspect shows its sentinel defaults;
+// - `__signature__` gives inspect the constructor's parameters for DecrementTable itself and
+//   stays out of the way (None) for subclasses, whose own `__init__` describes their call.
 constexpr const char* kPublicClassSource = R"PY(
-def _build(core, ABC, ABCMeta, abstractmethod, namespace):
+import inspect
+
+class _OwnSignature:
+    __slots__ = ("owner", "signature")
+
+    def __init__(self, signature):
+        self.owner = None
+        self.signature = signature
+
+    def __set_name__(self, owner, name):
+        self.owner = owner
+
+    def __get__(self, instance, owner=None):
+        return self.signature if instance is None and owner is self.owner else None
+
+
+def _build(core, ABC, ABCMeta, abstractmethod, namespace, unset, marker):
+    public = None
+
     def table_type(self):
         """The kind of table: "life", "disability" or "exit", supplied by each concrete class."""
         raise NotImplementedError
     table_type.__qualname__ = "DecrementTable.table_type"
+
+    def __init_subclass__(cls, **kwargs):
+        super(public, cls).__init_subclass__(**kwargs)
+        own = vars(cls)
+        init = own.get("__init__")
+        if own.get("_INIT_BUILDS_FROM_ARGUMENTS") is True and inspect.isfunction(init):
+            setattr(init, marker, init)
+    __init_subclass__.__qualname__ = "DecrementTable.__init_subclass__"
+
+    apply = core._apply_and_rebuild
+
+    def _apply_and_rebuild(self, *, sex=unset, cohort=unset, duration_internal=unset, unisex_blend=unset):
+        """Assign the given keys (those left at _CONFIGURE_UNSET are not touched), then rebuild
+        once if the table has every key it needs."""
+        apply(self, sex=sex, cohort=cohort, duration_internal=duration_internal, unisex_blend=unisex_blend)
+    _apply_and_rebuild.__qualname__ = "DecrementTable._apply_and_rebuild"
+
+    P = inspect.Parameter
+    given = P.POSITIONAL_OR_KEYWORD
+    defaults = {"sex": None, "cohort": None, "unisex_blend": None, "duration": None,
+                "cartesian": False, "return_dict": False, "pending": False}
+    call = [P("table_name", given)] + [P(k, given, default=v) for k, v in defaults.items()]
+    call.append(P("_kw", P.VAR_KEYWORD))
+
     ns = dict(namespace)
     ns["__slots__"] = ()
     ns["__module__"] = "veltrane.tables.decrement"
     ns["__qualname__"] = "DecrementTable"
+    ns["__signature__"] = _OwnSignature(inspect.Signature(call))
+    ns["__init_subclass__"] = __init_subclass__
+    ns["_apply_and_rebuild"] = _apply_and_rebuild
     ns["table_type"] = property(abstractmethod(table_type))
-    return ABCMeta("DecrementTable", (core, ABC), ns)
+    public = ABCMeta("DecrementTable", (core, ABC), ns)
+    return public
 )PY";
 
 constexpr const char* kPublicClassDoc =
@@ -194,11 +269,15 @@ constexpr const char* kPublicClassDoc =
     "    With sequences of arguments: return a dict keyed by TableKey instead of a tuple.\n\n"
     "Any of table_name, sex, cohort, duration and unisex_blend may be a list or tuple: the call\n"
     "then builds several tables, pairing the sequences element by element (a one-element\n"
-    "sequence is repeated), and returns them as a tuple.\n";
+    "sequence is repeated; an empty cohort, duration or sex sequence gives no tables), and\n"
+    "returns them as a tuple. With return_dict=True, tables that share a key leave the last\n"
+    "of them under it, with a UserWarning naming the key.\n";
 
 py::ref build_public_class(PyObject* module, ModuleState* st) {
     py::ref globals = py::check(PyDict_New());
     py::require(PyDict_SetItemString(globals.get(), "__builtins__", PyEval_GetBuiltins()));
+    py::ref module_name = py::check(PyUnicode_FromString("veltrane.tables.decrement"));
+    py::require(PyDict_SetItemString(globals.get(), "__name__", module_name.get()));
     py::ref code = py::check(Py_CompileString(kPublicClassSource, "<veltrane.tables.decrement>", Py_file_input));
     py::ref done = py::check(PyEval_EvalCode(code.get(), globals.get(), globals.get()));
     PyObject* builder = PyDict_GetItemString(globals.get(), "_build");
@@ -242,10 +321,11 @@ py::ref build_public_class(PyObject* module, ModuleState* st) {
     py::ref select_path = py::check(PyObject_GetAttrString(paths.get(), "select_path"));
     py::require(PyDict_SetItemString(ns.get(), "select_path", select_path.get()));
 
-    PyObject* call[5] = {reinterpret_cast<PyObject*>(st->core_type), abc_base.get(), abcmeta.get(), abstract.get(),
-                         ns.get()};
+    py::ref marker = py::check(PyUnicode_FromString(kInitMarker));
+    PyObject* call[7] = {reinterpret_cast<PyObject*>(st->core_type), abc_base.get(), abcmeta.get(), abstract.get(),
+                         ns.get(), st->sentinel, marker.get()};
     (void)module;
-    return py::check(PyObject_Vectorcall(builder, call, 5, nullptr));
+    return py::check(PyObject_Vectorcall(builder, call, 7, nullptr));
 }
 
 int decrement_exec(PyObject* module) {
@@ -345,6 +425,7 @@ int decrement_exec(PyObject* module) {
         bind(module, "DecrementTable", public_class.get());
         st->public_class = public_class.release();
         st->batch_type = make_batch_type(module);
+        add_batch_init_method(st->batch_type);
         bind(module, "_BatchUpdateContext", reinterpret_cast<PyObject*>(st->batch_type));
         py::add_function(module, configure_all_def);
         bind_registry(module);

@@ -2,8 +2,9 @@
 // instance's fields and Python-level slots are copied, the cohort is validated and set, and
 // the rates are built for it. This is what __init__ would do with the same arguments and
 // another cohort, without its per-instance checks of the table file, which have all passed
-// for the prototype. Used only when the class's __init__ is marked as building the table
-// from its arguments alone (`_INIT_BUILDS_FROM_ARGUMENTS` in the class that defines it).
+// for the prototype. Used only while every __init__ of the class is the one it was defined
+// with, in a class that declares it builds the table from its arguments alone
+// (`_INIT_BUILDS_FROM_ARGUMENTS` in the class that defines it).
 #include "decrement/stamping.hpp"
 
 #include "decrement/projection.hpp"
@@ -20,27 +21,33 @@ constexpr int kObjectSlot = Py_T_OBJECT_EX;
 constexpr int kObjectSlot = T_OBJECT_EX;
 #endif
 
-// The class of the MRO whose dict defines __init__ (the first one).
-PyObject* init_owner(PyTypeObject* type) {
-    PyObject* mro = type->tp_mro;
-    py::ref name = py::check(PyUnicode_InternFromString("__init__"));
-    for (Py_ssize_t i = 0; mro != nullptr && i < PyTuple_GET_SIZE(mro); ++i) {
-        PyObject* cls = PyTuple_GET_ITEM(mro, i);
-        PyObject* dict = reinterpret_cast<PyTypeObject*>(cls)->tp_dict;
-        if (dict == nullptr) continue;
-        if (PyDict_GetItemWithError(dict, name.get()) != nullptr) return cls;
-        if (PyErr_Occurred()) py::throw_error_set();
-    }
-    return nullptr;
-}
-
+// True while every __init__ that constructing `type` runs above the C base is the function
+// its class was defined with, in a class that declares it builds the table from its
+// arguments alone. A replaced __init__ (a patch, a decorator applied later) is not marked,
+// and runs for every instance, as does the __init__ of a class that declares nothing.
 bool init_is_stampable(PyTypeObject* type, ModuleState* st) {
-    PyObject* owner = init_owner(type);
-    if (owner == nullptr) return false;
-    if (owner == reinterpret_cast<PyObject*>(st->core_type)) return true;
-    PyObject* dict = reinterpret_cast<PyTypeObject*>(owner)->tp_dict;
-    PyObject* flag = PyDict_GetItemString(dict, "_INIT_BUILDS_FROM_ARGUMENTS");
-    return flag == Py_True;
+    PyObject* mro = type->tp_mro;
+    if (mro == nullptr) return false;
+    py::ref init_name = py::check(PyUnicode_InternFromString("__init__"));
+    py::ref marker = py::check(PyUnicode_InternFromString(kInitMarker));
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(mro); ++i) {
+        auto* cls = reinterpret_cast<PyTypeObject*>(PyTuple_GET_ITEM(mro, i));
+        if (cls == st->core_type) return true;
+        PyObject* dict = cls->tp_dict;
+        if (dict == nullptr) continue;
+        PyObject* init = PyDict_GetItemWithError(dict, init_name.get());
+        if (init == nullptr) {
+            if (PyErr_Occurred()) py::throw_error_set();
+            continue;
+        }
+        if (PyDict_GetItemString(dict, "_INIT_BUILDS_FROM_ARGUMENTS") != Py_True || !PyFunction_Check(init)) return false;
+        py::ref held = py::ref::borrow(init);
+        py::ref attributes = py::check(PyObject_GenericGetDict(init, nullptr));
+        PyObject* original = PyDict_GetItemWithError(attributes.get(), marker.get());
+        if (original == nullptr && PyErr_Occurred()) py::throw_error_set();
+        if (original != init) return false;
+    }
+    return false;
 }
 
 // Offsets of the object slots that Python classes of the MRO add after the table's fields.

@@ -11,6 +11,10 @@ namespace veltrane::decrement {
 
 struct TrendRecipe;
 
+// The attribute that DecrementTable.__init_subclass__ sets on the `__init__` of a class that
+// declares `_INIT_BUILDS_FROM_ARGUMENTS = True`: the function itself.
+inline constexpr const char* kInitMarker = "_builds_table_from_arguments";
+
 class CohortStamper {
 public:
     // A stamper for instances of `type` that differ from `prototype` (built by __init__ in

@@ -347,6 +347,9 @@ PyObject* Table_deepcopy(PyObject* self, PyObject* memo) {
     });
 }
 
+// __eq__ as a method beside the richcompare slot, so that inspect names its parameter.
+PyObject* Table_eq_method(PyObject* self, PyObject* other) { return Table_richcompare(self, other, Py_EQ); }
+
 PyObject* Table_copy(PyObject* self, PyObject*) {
     return py::guard([&] {
         py::ref memo = py::check(PyDict_New());
@@ -408,8 +411,10 @@ PyMethodDef* build_methods() {
                  "copy($self, /)\n--\n\nReturn a deep copy of the table (``copy.deepcopy(self)``)."};
     defs[n++] = {"__copy__", FASTCALL_KW(Table_copy_method), METH_FASTCALL | METH_KEYWORDS,
                  "__copy__($self, /)\n--\n\nA table shares nothing mutable with its copy: the same as copy()."};
+    defs[n++] = {"__eq__", Table_eq_method, METH_O | METH_COEXIST,
+                 "__eq__($self, other, /)\n--\n\nTrue only for the table itself: tables compare by identity."};
     for (const PyMethodDef* groups :
-         {lifecycle_methods, configure_methods, rates_methods, unisex_methods, function_methods,
+         {construct_methods, lifecycle_methods, configure_methods, rates_methods, unisex_methods, function_methods,
           presentation_methods, summary_methods, modification_methods, pickling_methods, timestep_methods, period_methods,
           cause_methods,
           expectation_methods}) {

@@ -74,9 +74,9 @@ void bind_combination_helpers(PyObject* module);
 // axis is a list (a scalar argument is a list of one).
 struct VectorialCall {
     std::vector<py::ref> table_names;  // str, at least one
-    std::vector<py::ref> sexes;        // lower-cased str; a lone None for pending shells without sex
-    std::vector<py::ref> cohorts;      // int or None
-    std::vector<py::ref> durations;    // int, str or None
+    std::vector<py::ref> sexes;        // lower-cased str (maybe none); a lone None for pending shells without sex
+    std::vector<py::ref> cohorts;      // int or None (maybe none)
+    std::vector<py::ref> durations;    // int, str or None (maybe none)
     PyObject* blend = Py_None;         // borrowed: None, a number, or a list/tuple of them
     bool sex_sequence = false;
     bool blend_sequence = false;
@@ -85,6 +85,10 @@ struct VectorialCall {
     bool pending = false;
     PyObject* kwargs = nullptr;        // borrowed; the keywords that are not the constructor's own are forwarded
 };
+// construct.cpp: __init__ as a method (its parameters for inspect).
+extern PyMethodDef construct_methods[];
+// A scalar blend against a single sex ("m" and "f" take none), then its value in [0, 1].
+void check_scalar_blend(PyObject* blend, PyObject* sex);
 // The table names of a constructor call as a list; refuses an empty sequence and non-strings.
 std::vector<py::ref> resolve_table_names(PyObject* table_name);
 // Builds every requested instance: a tuple, or a dict keyed by TableKey.

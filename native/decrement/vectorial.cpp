@@ -253,6 +253,7 @@ struct Plan {
     }
 };
 
+// Zip mode: the sex list is the anchor that every other list is aligned with.
 void plan_zip(Plan& p, VectorialCall& call, const List& blend_list) {
     if (call.blend_sequence && !call.sex_sequence) {
         const NamedList lists[] = {{&call.sexes, "sex"},
@@ -267,26 +268,14 @@ void plan_zip(Plan& p, VectorialCall& call, const List& blend_list) {
     List* with_both[] = {&call.cohorts, &call.durations};
     align_pair(call.sexes, call.table_names, "sex", "table_name", with_both);
     p.count = call.sexes.size();
-    if (call.blend_sequence) {
-        check_blend_sequence(blend_list, call.sexes, false);
-        if (blend_list.size() != p.count) {
-            py::raise(PyExc_ValueError, "unisex_blend sequence length (%zu) must match instance count (%zu)",
-                      blend_list.size(), p.count);
-        }
-        for (const py::ref& b : blend_list) p.blends.push_back(b.dup());
-    } else {
-        for (const py::ref& sex : call.sexes) {
-            const bool takes_blend = sex.get() == Py_None || str_equals(sex.get(), "u");
-            p.blends.push_back(py::ref::borrow(takes_blend ? call.blend : Py_None));
-        }
-    }
     p.names = std::move(call.table_names);
     p.sexes = std::move(call.sexes);
     p.cohorts = std::move(call.cohorts);
     p.durations = std::move(call.durations);
 }
 
-void plan_cartesian(Plan& p, VectorialCall& call, const List& blend_list, Sources& sources, ModuleState* st) {
+// Cartesian mode: the axes, each without repeats, and the structure every table must share.
+void plan_cartesian(Plan& p, VectorialCall& call, Sources& sources, ModuleState* st) {
     p.cartesian = true;
     p.names = distinct(call.table_names);
     const Names& n = st->names;
@@ -320,11 +309,51 @@ void plan_cartesian(Plan& p, VectorialCall& call, const List& blend_list, Source
                           "mixed sex with per-instance blends, or pass a scalar unisex_blend.");
             }
         }
-        check_blend_sequence(blend_list, p.sexes, true);
-        p.blends = distinct(blend_list, true);
-    } else {
-        p.blends.push_back(py::ref::borrow(call.blend));
     }
+}
+
+// The blend, checked against the aligned lists, and given to the instances that take one.
+// `given_sexes` is the sex argument as a list, before alignment.
+void assign_blends(Plan& p, const VectorialCall& call, const List& blend_list, const List& given_sexes) {
+    if (call.blend_sequence) {
+        if (blend_list.empty()) {
+            py::raise(PyExc_ValueError, "unisex_blend sequence must contain at least one blend weight");
+        }
+        check_blend_sequence(blend_list, p.sexes, p.cartesian);
+        if (p.cartesian) {
+            p.blends = distinct(blend_list, true);
+        } else {
+            if (blend_list.size() != p.count) {
+                py::raise(PyExc_ValueError, "unisex_blend sequence length (%zu) must match instance count (%zu)",
+                          blend_list.size(), p.count);
+            }
+            for (const py::ref& b : blend_list) p.blends.push_back(b.dup());
+        }
+    } else {
+        if (call.blend != Py_None) {
+            if (call.sex_sequence) {
+                bool any_u = false;
+                for (const py::ref& sex : given_sexes) any_u = any_u || str_equals(sex.get(), "u");
+                if (!any_u) {
+                    py::ref shown = py::check(PyList_AsTuple(to_pylist(distinct(given_sexes)).get()));
+                    py::raise(PyExc_ValueError,
+                              "Cannot specify unisex_blend=%S when sex only contains %R (no 'u'). Use sex='u' or "
+                              "include 'u' in the tuple to apply unisex blending.",
+                              call.blend, shown.get());
+                }
+            }
+            check_scalar_blend(call.blend, call.sex_sequence ? Py_None : given_sexes.front().get());
+        }
+        if (p.cartesian) {
+            p.blends.push_back(py::ref::borrow(call.blend));
+        } else {
+            for (const py::ref& sex : p.sexes) {
+                const bool takes_blend = sex.get() == Py_None || str_equals(sex.get(), "u");
+                p.blends.push_back(py::ref::borrow(takes_blend ? call.blend : Py_None));
+            }
+        }
+    }
+    if (!p.cartesian) return;
     std::size_t count = 1;
     for (std::size_t size : {p.names.size(), p.sexes.size(), p.cohorts.size(), p.durations.size(), p.blends.size()}) {
         if (size != 0 && count > static_cast<std::size_t>(PY_SSIZE_T_MAX) / size) {
@@ -468,6 +497,37 @@ py::ref key_of(PyObject* table_key, PyObject* instance, PyObject* fallback_name)
     return py::check(PyObject_Vectorcall(table_key, args, 5, nullptr));
 }
 
+// The key each combination's instance will have, from the arguments: the table's own name
+// as its source gives it, the lower-cased sex, the cohort, the duration, the blend as a float.
+py::ref expected_key(const Plan::Combination& c, Sources& sources, ModuleState* st, PyObject* table_key) {
+    py::ref name = sources.attr(c.name, st->names.table_name);
+    py::ref blend = c.blend == Py_None ? py::ref::borrow(Py_None) : py::check(PyNumber_Float(c.blend));
+    PyObject* args[5] = {name.get(), c.sex, c.cohort, c.duration, blend.get()};
+    return py::check(PyObject_Vectorcall(table_key, args, 5, nullptr));
+}
+
+// A dict holds one instance per key: each key that more than one combination gives is named
+// in a UserWarning, before any instance is built.
+void warn_repeated_keys(const Plan& p, Sources& sources, ModuleState* st, PyObject* table_key) {
+    py::ref seen = py::check(PyDict_New());  // key -> True once it has been warned about
+    for (std::size_t i = 0; i < p.count; ++i) {
+        py::ref key = expected_key(p.at(i), sources, st, table_key);
+        PyObject* found = PyDict_GetItemWithError(seen.get(), key.get());
+        if (found == nullptr) {
+            if (PyErr_Occurred()) py::throw_error_set();
+            py::require(PyDict_SetItem(seen.get(), key.get(), Py_False));
+            continue;
+        }
+        if (found == Py_True) continue;
+        py::require(PyDict_SetItem(seen.get(), key.get(), Py_True));
+        py::ref message = py::check(PyUnicode_FromFormat(
+            "return_dict=True: %R occurs more than once; the dictionary keeps the last instance built for it. "
+            "Use return_dict=False for a tuple of every instance.",
+            key.get()));
+        py::warn_obj(PyExc_UserWarning, message.get(), 1);
+    }
+}
+
 }  // namespace
 
 std::vector<py::ref> resolve_table_names(PyObject* table_name) {
@@ -495,35 +555,31 @@ PyObject* construct_many(PyTypeObject* type, VectorialCall& call) {
     ModuleState* st = state_from_type(type);
     py::ref class_name = type_name_of(reinterpret_cast<PyObject*>(type));
     List blend_list;
-    if (call.blend_sequence) {
-        blend_list = items_of(call.blend);
-        if (blend_list.empty()) {
-            py::raise(PyExc_ValueError, "unisex_blend sequence must contain at least one blend weight");
-        }
-    } else if (call.blend != Py_None && call.sex_sequence) {
-        bool any_u = false;
-        for (const py::ref& sex : call.sexes) any_u = any_u || str_equals(sex.get(), "u");
-        if (!any_u) {
-            py::ref shown = py::check(PyList_AsTuple(to_pylist(distinct(call.sexes)).get()));
-            py::raise(PyExc_ValueError,
-                      "Cannot specify unisex_blend=%S when sex only contains %R (no 'u'). Use sex='u' or include 'u' "
-                      "in the tuple to apply unisex blending.",
-                      call.blend, shown.get());
-        }
-    }
+    if (call.blend_sequence) blend_list = items_of(call.blend);
+    List given_sexes;
+    for (const py::ref& sex : call.sexes) given_sexes.push_back(sex.dup());
 
+    // The lists are paired or crossed first; the blend is checked against what they give.
     Sources sources(st);
     Plan plan;
     if (call.cartesian) {
-        plan_cartesian(plan, call, blend_list, sources, st);
+        plan_cartesian(plan, call, sources, st);
     } else {
         plan_zip(plan, call, blend_list);
     }
+    assign_blends(plan, call, blend_list, given_sexes);
     NativeUnisexCheck native(st, sources, class_name.get());
     check_native_unisex(plan, native);
     // Every name is opened before the first instance, so a missing file builds nothing.
     for (const py::ref& name : plan.names) sources.get(name.get());
     warn_if_large(type, class_name.get(), plan.count);
+    py::ref table_key;
+    if (call.return_dict) {
+        PyObject* module = PyType_GetModuleByDef(type, &module_def);
+        if (module == nullptr) py::throw_error_set();
+        table_key = py::check(PyObject_GetAttrString(module, "TableKey"));
+        warn_repeated_keys(plan, sources, st, table_key.get());
+    }
 
     List instances = build_instances(type, st, plan, call.pending, call.kwargs);
     if (!call.return_dict) {
@@ -533,19 +589,10 @@ PyObject* construct_many(PyTypeObject* type, VectorialCall& call) {
         }
         return out.release();
     }
-    PyObject* module = PyType_GetModuleByDef(type, &module_def);
-    if (module == nullptr) py::throw_error_set();
-    py::ref table_key = py::check(PyObject_GetAttrString(module, "TableKey"));
+    // A repeated key (warned about above) keeps its first place and its last instance.
     py::ref out = py::check(PyDict_New());
     for (std::size_t i = 0; i < instances.size(); ++i) {
         py::ref key = key_of(table_key.get(), instances[i].get(), plan.at(i).name);
-        // A repeated key would silently keep only the last of its instances.
-        if (py::require(PyDict_Contains(out.get(), key.get())) == 1) {
-            py::raise(PyExc_ValueError,
-                      "return_dict=True needs one key per instance, but %R occurs more than once. Remove the "
-                      "repeated combination, or use return_dict=False for a tuple of every instance.",
-                      key.get());
-        }
         py::require(PyDict_SetItem(out.get(), key.get(), instances[i].get()));
     }
     return out.release();
