@@ -181,6 +181,16 @@ def test_registry_round_trips_in_order(kinds):
     assert back.get_or_create(None, "LIFE", "f") is back._cache[(LifeTable, "LIFE", "f", None, None, None)]
 
 
+def test_a_registry_entry_of_many_tables_round_trips(kinds):
+    registry = TableRegistry(LifeTable)
+    pair = registry.get_or_create(None, "LIFE", ("m", "f"))
+    back = roundtrip(registry)
+    (restored,) = back._cache.values()
+    assert isinstance(restored, tuple) and len(restored) == 2
+    for before, after in zip(pair, restored, strict=True):
+        assert_same(before, after)
+
+
 # -- refusals -------------------------------------------------------------------------------------
 
 

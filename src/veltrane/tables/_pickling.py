@@ -355,17 +355,28 @@ def _rebuild_registry(
             and len(entry) == 2
             and isinstance(entry[0], tuple)
             and len(entry[0]) == 6
-            and isinstance(entry[1], DecrementTable)
+            and _registry_tables(entry[1]) is not None
             for entry in entries
         )
     ):
         raise ValueError(
             "cannot unpickle a TableRegistry: its pickled entries are damaged (not key, table pairs)"
         )
-    for key, table in entries:
-        _check_registry_entry(key, table)
+    for key, value in entries:
+        for table in _registry_tables(value) or ():
+            _check_registry_entry(key, table)
     registry._cache = OrderedDict(entries)
     return registry
+
+
+def _registry_tables(value: object) -> list[DecrementTable] | None:
+    """The tables of a registry entry: one table, or the tuple or dictionary a many-table call made."""
+    if isinstance(value, DecrementTable):
+        return [value]
+    tables = list(value.values()) if isinstance(value, dict) else value
+    if isinstance(tables, tuple | list) and all(isinstance(t, DecrementTable) for t in tables):
+        return list(tables)
+    return None
 
 
 def _check_registry_entry(key: tuple[Any, ...], table: DecrementTable) -> None:

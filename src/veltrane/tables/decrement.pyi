@@ -1,5 +1,6 @@
 """Types of the compiled decrement-table module, for type checkers and editors."""
 
+import inspect
 from abc import ABCMeta, abstractmethod
 from collections.abc import Callable, Iterable, Mapping, Sequence
 from pathlib import Path
@@ -95,6 +96,8 @@ class DecrementTable(metaclass=ABCMeta):
     _DECREMENT_PREFIX_MAP: ClassVar[dict[str, str]]
     _VECTORIAL_MEMORY_WARNING_THRESHOLD: ClassVar[int]
     _LX_INTERPOLATION_MAP: ClassVar[dict[str, _Interpolator]]
+    #: The constructor's parameters as inspect.signature shows them.
+    __signature__: ClassVar[inspect.Signature]
 
     # -- construction: scalars give one table, sequences a tuple, return_dict=True a dict ------
     # (type checkers that follow a __new__ returning another type, such as pyright, see the
