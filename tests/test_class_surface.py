@@ -6,10 +6,10 @@ from __future__ import annotations
 import inspect
 
 import pytest
-from veltrane.tables.decrement import DecrementTable
 
 from conftest import exactly
 from veltrane.tables import decrement
+from veltrane.tables.decrement import DecrementTable
 from veltrane.tables.exit import ExitTable
 from veltrane.tables.life import LifeTable
 

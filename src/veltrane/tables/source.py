@@ -670,13 +670,12 @@ def _load(name: str, tables_path: tuple[Path, ...]) -> TableSource:
     hint = " (give the bare name, without extension)" if name.endswith((".toml", ".csv")) else ""
     dirs = ", ".join(str(d) for d in searched)
     raise FileNotFoundError(
-        f"table {name!r} not found{hint}; searched for {name}.toml/{name}.csv in: {dirs}"
-        + _suggestion(name)
+        f"table {name!r} not found{hint}; searched for {name}.toml/{name}.csv in: {dirs}" + _suggestion(name)
     )
 
 
 def _suggestion(name: str) -> str:
-    """" (did you mean 'X'?)" naming the available tables close to ``name``, case ignored, or ""."""
+    """ " (did you mean 'X'?)" naming the available tables close to ``name``, case ignored, or ""."""
     from veltrane.tables.listing import did_you_mean
 
     close = did_you_mean(name)
