@@ -88,6 +88,14 @@ class DecimalsSettings:
     """
 
     __slots__ = tuple(_DEFAULT_DECIMALS)
+    qx: int
+    ix: int
+    ox: int
+    px: int
+    tpx: int
+    tqx: int
+    lx: int
+    dx: int
 
     def __init__(self, **values: int) -> None:
         for name, default in _DEFAULT_DECIMALS.items():
@@ -172,6 +180,12 @@ class Config:
 
     __slots__ = ("_decimals", "_lx_interpolation", "_overridden", "_saved", "_tables_path", "_warn_chained")
     _instance: Config | None = None
+    _decimals: DecimalsSettings
+    _lx_interpolation: str
+    _warn_chained: bool
+    _tables_path: tuple[Path, ...]
+    _saved: list[dict[str, Any]]
+    _overridden: list[dict[str, Any]]
 
     def __new__(cls) -> Config:
         inst = cls._instance

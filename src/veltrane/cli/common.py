@@ -182,7 +182,9 @@ def open_table(args: argparse.Namespace) -> DecrementTable:
         sex = args.sex if args.sex is not None else default_sex(args.name, source.valid_sexes)
         # A select path reads every duration in turn, so any column will do to start from.
         chosen = "ult" if selected_at is not None and source.select else args.duration
-        table = cls(args.name, sex, cohort=args.cohort, unisex_blend=args.blend, duration=chosen)
+        table: DecrementTable = cls(
+            args.name, sex, cohort=args.cohort, unisex_blend=args.blend, duration=chosen
+        )
         return table if selected_at is None else table.select_path(selected_at)
     except (OSError, ValueError, TypeError) as exc:
         raise RefusedError(cli_message(str(exc))) from exc

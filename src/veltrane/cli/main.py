@@ -9,7 +9,7 @@ from collections.abc import Sequence
 from typing import TextIO
 
 from veltrane.cli.common import USAGE_ERROR, RefusedError
-from veltrane.cli.parser import build_parser, check_options
+from veltrane.cli.parser import build_parser, check_options, subcommand_parser
 from veltrane.config import Config
 
 
@@ -37,7 +37,7 @@ def main(argv: Sequence[str] | None = None) -> int:
     if args.command is None:
         parser.error("a COMMAND is required")
     if extra:
-        sub = next(a for a in parser._subparsers._group_actions).choices[args.command]  # type: ignore[union-attr]
+        sub = subcommand_parser(parser, args.command)
         sub.error(f"unrecognized arguments: {' '.join(extra)}")
     directories = [*args.tables_path_first, *args.tables_path]
     try:

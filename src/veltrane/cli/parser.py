@@ -28,9 +28,20 @@ def build_parser() -> Parser:
     return parser
 
 
+def _commands(parser: Parser) -> dict[str, argparse.ArgumentParser]:
+    action = next(a for a in parser._actions if isinstance(a, argparse._SubParsersAction))
+    choices: dict[str, argparse.ArgumentParser] = action.choices
+    return choices
+
+
+def subcommand_parser(parser: Parser, command: str) -> argparse.ArgumentParser:
+    """The parser of one command."""
+    return _commands(parser)[command]
+
+
 def _subcommand(parser: Parser, argv: Sequence[str]) -> tuple[argparse.ArgumentParser | None, int]:
     """The parser of the command named in argv and the position after its name."""
-    commands = next(a for a in parser._actions if isinstance(a, argparse._SubParsersAction))
+    commands = _commands(parser)
     position = 0
     while position < len(argv):
         token = argv[position]
@@ -39,7 +50,7 @@ def _subcommand(parser: Parser, argv: Sequence[str]) -> tuple[argparse.ArgumentP
         elif token.startswith("-"):
             position += 1
         else:
-            return commands.choices.get(token), position + 1
+            return commands.get(token), position + 1
     return None, position
 
 

@@ -288,7 +288,7 @@ def rebuild(r: TableRecipe) -> DecrementTable:
         with warnings.catch_warnings(), _decimals_override(table.table_type, r.decimals[1]):
             # The sender saw these warnings (truncation at certainty) when it modified the table.
             warnings.simplefilter("ignore")
-            table.modify_qx(modifications)
+            table.modify_qx(modifications)  # type: ignore[arg-type]  # the keys of the sender's call
     table._modifications_applied = list(r.descriptors)
     if r.digests is not None and r.digests != (_digest(table._decrement_base), _digest(table._decrement)):
         raise ValueError(
@@ -300,7 +300,7 @@ def rebuild(r: TableRecipe) -> DecrementTable:
 
 def _construct(r: TableRecipe) -> DecrementTable:
     _find_source(r.table_name, r.fingerprint, r.cls)
-    table = DecrementTable.__new__(r.cls, r.table_name, "m")
+    table: DecrementTable = DecrementTable.__new__(r.cls, r.table_name, "m")
     # A male or female table may hold a blend accepted by configure() (it applies once the sex
     # becomes "u"); the constructor refuses one with those sexes, so configure() sets it again.
     later = r.unisex_blend if r.sex in ("m", "f") else None

@@ -94,8 +94,10 @@ def _whole_number(name: str, value: object, low: int, high: int | None) -> int:
 def _durations(source: TableSource, x: int, end: int) -> list[tuple[int | str, slice]]:
     """(duration, attained ages) along the diagonal from age x to age end."""
     start = source.start_duration if source.start_duration is not None else 1
-    period = int(source.select_period)
-    steps = [(start + k, slice(x + k, x + k + 1)) for k in range(min(period, end - x + 1))]
+    period = int(source.select_period or 0)
+    steps: list[tuple[int | str, slice]] = [
+        (start + k, slice(x + k, x + k + 1)) for k in range(min(period, end - x + 1))
+    ]
     if x + period <= end:
         steps.append(("ult", slice(x + period, end + 1)))
     return steps
@@ -103,10 +105,12 @@ def _durations(source: TableSource, x: int, end: int) -> list[tuple[int | str, s
 
 def _rates_at(table: Any, duration: int | str) -> np.ndarray:
     if table.duration == duration:
-        return table._decrement
+        rates: np.ndarray = table._decrement
+        return rates
     column = copy.copy(table)
     column.duration = duration
-    return column._decrement
+    rates = column._decrement
+    return rates
 
 
 def _period_table(table: Any, x: int, rates: np.ndarray) -> Any:
