@@ -1,6 +1,7 @@
-// The period view of a table: the rates of one calendar year, age x read from the cohort
-// born in year - x on a generational table, the table's own rates on any other. Cohorts are set one after another on the table itself inside a
-// key change that is never committed, so the table ends exactly as it began, whatever happens.
+// The period view of a table: the rates of one calendar year, age x read from the cohort born
+// in year - x on a generational table, the table's own rates on any other. Cohorts are set one
+// after another on the table itself inside a key change that is never committed, so the table
+// ends exactly as it began, whatever happens.
 #include "decrement/table.hpp"
 #include "decrement/transaction.hpp"
 
