@@ -417,7 +417,7 @@ def _add_contingency_commands(commands: Any, table_arguments: Any) -> None:
     )
     table_arguments(value)
     value.add_argument("--age", type=_numbers, required=True, help="age(s)")
-    value.add_argument("--rate", type=float, required=True, help="annual effective interest rate (>= 0)")
+    value.add_argument("--rate", type=float, required=True, help="annual effective interest rate (> -1)")
     value.add_argument("--term", type=_numbers, help="term in years (default: whole life)")
     value.add_argument("--m", type=int, choices=PAYMENT_FREQUENCIES, default=1, help="payments per year")
     value.add_argument("--defer", type=float, default=0.0, help="years before the first period (default 0)")
@@ -428,7 +428,7 @@ def _add_contingency_commands(commands: Any, table_arguments: Any) -> None:
 
     columns = commands.add_parser("commutation", help="print or write the commutation columns")
     table_arguments(columns)
-    columns.add_argument("--rate", type=float, required=True, help="annual effective interest rate (>= 0)")
+    columns.add_argument("--rate", type=float, required=True, help="annual effective interest rate (> -1)")
     columns.add_argument("-o", "--output", type=Path, help="write a CSV file instead of printing the columns")
 
 
