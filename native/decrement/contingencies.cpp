@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 namespace veltrane::decrement {
 namespace contingencies {
@@ -35,21 +36,27 @@ constexpr Py_ssize_t kDiagonalTables = 32;
 // unisex blend). They run inside a key change that is never committed: the table ends exactly
 // as it began, its rebuild count included.
 py::ref duration_columns(TableObject* t, long long first, long long ultimate_from, npy_intp ages) {
-    py::ref out = py::new_f64_2d(static_cast<npy_intp>(ultimate_from - first) + 1, ages);
+    // Gathered first, so that a select period longer than the columns present fails on the
+    // first missing one rather than after reserving room for all of them.
+    std::vector<std::vector<double>> rows;
+    {
+        KeyChange scratch(t);
+        auto take = [&](py::ref duration) {
+            t->duration = std::move(duration);
+            rebuild_rates(t);
+            const std::span<const double> q = py::f64_cspan(t->decrement.get());
+            if (static_cast<npy_intp>(q.size()) != ages) {
+                py::ref name = table_name(t);
+                py::raise(PyExc_ValueError, "Table '%S': its duration columns differ in length.", name.get());
+            }
+            rows.emplace_back(q.begin(), q.end());
+        };
+        for (long long d = first; d < ultimate_from; ++d) take(py::check(PyLong_FromLongLong(d)));
+        take(py::ref());  // the ultimate column
+    }
+    py::ref out = py::new_f64_2d(static_cast<npy_intp>(rows.size()), ages);
     double* row = py::f64_data(out.get());
-    KeyChange scratch(t);
-    auto take = [&](py::ref duration) {
-        t->duration = std::move(duration);
-        rebuild_rates(t);
-        const std::span<const double> q = py::f64_cspan(t->decrement.get());
-        if (static_cast<npy_intp>(q.size()) != ages) {
-            py::ref name = table_name(t);
-            py::raise(PyExc_ValueError, "Table '%S': its duration columns differ in length.", name.get());
-        }
-        row = std::copy(q.begin(), q.end(), row);
-    };
-    for (long long d = first; d < ultimate_from; ++d) take(py::check(PyLong_FromLongLong(d)));
-    take(py::ref());  // the ultimate column
+    for (const std::vector<double>& q : rows) row = std::copy(q.begin(), q.end(), row);
     return out;
 }
 
