@@ -41,6 +41,8 @@ def main() -> None:
     print(f"  scalar calls, median per call (target <= {SCALAR_TARGET_US:.0f} us)")
     namespace: dict[str, object] = {
         "t": table,
+        # A select table at duration 1: every call follows the select diagonal (25 select years).
+        "s": LifeTable("CSO2017", "m", duration=1, interest_rate=RATE),
         "annuity": annuity,
         "insurance": insurance,
         "pure_endowment": pure_endowment,
@@ -52,6 +54,7 @@ def main() -> None:
         "insurance(t, 65, m=None)",
         "pure_endowment(t, 65, 20)",
         "t.ex(65, complete=True)",
+        "insurance(s, 45)",
     ):
         us = scalar_us(stmt, namespace)
         print(f"    {stmt:<42} {us:6.2f} us   {'ok' if us <= SCALAR_TARGET_US else 'MISSED'}")

@@ -30,6 +30,7 @@ def run(capsys, command: str) -> tuple[int, str, str]:
         (EX + "65", f"{SULT.ex(65)!r}\n"),
         (EX + "60,120 --complete", f"60\t{SULT.ex(60, complete=True)!r}\n120\t0.5\n"),
         (ANNUITY + "65 --rate 0.05 --term 10 --m 12", f"{annuity(SULT, 65, 10, i=0.05, m=12)!r}\n"),
+        (ANNUITY + "65 --rate -0.02", f"{annuity(SULT, 65, i=-0.02)!r}\n"),  # a negative rate
         (
             ANNUITY + "60,65 --rate 0.04 --immediate --method udd",
             "age\tvalue\n"
@@ -73,6 +74,7 @@ COMMUTATION = "commutation SULT --sex u --rate "
         (ANNUITY + "130 --rate 0.05", f"[annuity] {OVER_W} 130.\n"),
         (ANNUITY + "65 --rate 0.05 --m 5", "argument --m: invalid choice: "),  # 3.14 quotes the value
         (ANNUITY + "65", "the following arguments are required: --rate"),
+        (ANNUITY + "65 --rate -1", "[annuity] i must be > -1, got -1\n"),
         (COMMUTATION + "0.03 -o /nonexistent/dir/c.csv", "cannot write /nonexistent/dir/c.csv"),
         ("eval SULT --sex u qx 65 --complete", "--complete applies to ex only, not qx\n"),
     ],

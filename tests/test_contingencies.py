@@ -137,7 +137,7 @@ def test_exact_annuities_sum_every_payment(sult, method, x, n, defer, due, m):
     assert got == pytest.approx(ref.annuity(x, n, m=m, due=due, defer=defer), rel=RTOL, abs=1e-15)
 
 
-@pytest.mark.parametrize("i", [RATE, 10.0, 1e8, 1e300])
+@pytest.mark.parametrize("i", [RATE, 10.0, 1e8, 1e300, -0.03, -0.6, -0.99])
 @pytest.mark.parametrize(
     ("m", "due", "n", "defer"), [(12, True, None, 0), (12, False, 10, 5), (4, True, 5, 0), (1, False, 10, 3)]
 )
@@ -236,15 +236,44 @@ def test_interest_from_the_table_or_the_call(tables):
     assert annuity(t, 65) == annuity(t, 65, i=0.04)
     assert annuity(t, 65, i=RATE) == annuity(LifeTable("SULT", "u"), 65, i=RATE)
     assert commutation(t)["Dx"][1] == pytest.approx(1e6 / 1.04)
-    t.configure(interest_rate=-0.01)
-    with exactly(ValueError, "[annuity] i (the table's interest_rate) must be >= 0, got -0.01"):
-        annuity(t, 65)
+    t.configure(interest_rate=-0.01)  # negative rates are a valid basis
+    assert annuity(t, 65) == annuity(t, 65, i=-0.01) > annuity(t, 65, i=0)
     # Any decrement table: payments while the member stays, at ages 0..10, the last to those still there.
     tables.write("WD", {"table_type": "exit", "sexes": ["u"]}, {"ox_u": [0.05] * 10 + [1.0]})
     wd = ExitTable("WD", "u")
     assert annuity(wd, 0, i=0.03) == pytest.approx(sum(1.03**-k * 0.95**k for k in range(11)), rel=1e-13)
     with exactly(ValueError, f"[annuity] {NO_I}"):
         annuity(wd, 0)
+
+
+@pytest.mark.parametrize("i", [-0.02, -0.5])
+def test_negative_interest(sult, method, i):
+    ref = Survival(sult, method)
+    for x, n, m, defer, due in [(65, None, 1, 0, True), (40.5, 10, 12, 2, False), (30, 20, 4, 5, True)]:
+        got = annuity(sult, x, n, i=i, m=m, due=due, defer=defer)
+        assert got == pytest.approx(ref.annuity(x, n, i=i, m=m, due=due, defer=defer), rel=RTOL)
+    assert insurance(sult, 65, 20, i=i) == pytest.approx(ref.insurance(65, 20, i=i), rel=RTOL)
+    assert insurance(sult, 50.5, i=i) == pytest.approx(ref.insurance(50.5, i=i), rel=RTOL)
+    # Discounting grows without bound, survival ends: a payment past the table is worth 0, not NaN.
+    assert pure_endowment(sult, 65, [1e300, 60.5], i=i).tolist() == [0.0, 0.0]
+    whole_life = insurance(sult, 65, i=i)
+    assert insurance(sult, 65, 1e300, i=i, endowment=True) == whole_life > 1.0
+    # Where the values leave the range of a float the rate is refused, not answered with inf or NaN.
+    with pytest.raises(ValueError, match=r"^\[annuity\] .*beyond the range of a float"):
+        annuity(sult, [65, 0], i=-1 + 1e-12)
+
+
+def test_three_term_woolhouse_is_never_negative(sult):
+    """Refused where its second correction outweighs the first; elsewhere at least 0."""
+    given, refused = [], 0
+    for i in (0.05, 1.0, 30.0, 100.0, 1e3, 1e6, -0.5):
+        for m, x, n, defer in [(12, 65, None, 0), (2, 119.0, None, 0), (4, 30, 10, 5), (12, 110, 5, 0)]:
+            try:
+                given.append(annuity(sult, x, n, i=i, m=m, defer=defer, method="woolhouse"))
+            except ValueError as exc:
+                assert 'use method="exact"' in str(exc)
+                refused += 1
+    assert min(given) >= 0.0 and refused > 0 and len(given) > 14
 
 
 def test_zero_interest_and_its_limits(sult):
@@ -284,13 +313,20 @@ def test_truncated_and_exhausted_tables(tables):
 OVER_W = "All ages x must be <= w (120) for table 'SULT', got"
 WHOLE_PERIODS = "n must be a whole number of payment periods (1/4 of a year), got 2.1"
 NUMBERS = "a number or an array of numbers"
+WOOLHOUSE = (
+    'method="woolhouse" does not hold at x = 65 with i = 1000000 and m = 12: its second correction '
+    '(1.1438) outweighs its first (0.45833); use method="exact"'
+)
 METHODS = "method must be one of 'exact', 'udd', 'woolhouse', 'woolhouse2', got 'cubic'"
 
 
 @pytest.mark.parametrize(
     ("call", "args", "kw", "exc", "message"),
     [
-        (annuity, (65,), {"i": -0.01}, ValueError, "i must be >= 0, got -0.01"),
+        (annuity, (65,), {"i": -1}, ValueError, "i must be > -1, got -1"),
+        (insurance, (65,), {"i": -1.5}, ValueError, "i must be > -1, got -1.5"),
+        (pure_endowment, (65, 5), {"i": -math.inf}, ValueError, "i must be finite, got -inf"),
+        (annuity, (65,), {"i": 1e6, "m": 12, "method": "woolhouse"}, ValueError, WOOLHOUSE),
         (annuity, (65,), {"i": math.nan}, ValueError, "i must be finite, got nan"),
         (annuity, (65,), {"i": [0.05]}, TypeError, "i must be a single number, got list"),
         (annuity, (65,), {"m": 5}, ValueError, "m must be one of 1, 2, 3, 4, 6, 12, got 5"),

@@ -38,12 +38,25 @@ def test_the_table_is_left_as_it_was(standard):
     assert t.cohort == 1960 and t._decrement_base is base and t._decrement is rates
 
 
-NOT_GENERATIONAL = "Table 'PER' is not generational: its rates are the same in every year."
+@pytest.mark.parametrize(
+    ("name", "sex", "keys", "column"),
+    [("PER", "m", {}, "qx_m"), ("SEL", "f", {"duration": 2}, "qx_f_s2"), ("SEL", "m", {}, "qx_m_ult")],
+)
+def test_a_period_table_has_the_same_rates_in_every_year(standard, name, sex, keys, column):
+    for year in (1000, 2024, 3000):
+        np.testing.assert_array_equal(
+            period_rates(name, sex, year, **keys), np.round(standard[name][column], 12)
+        )
+    blend = period_rates("PER", "u", 1990, unisex_blend=0.25)
+    np.testing.assert_array_equal(blend, LifeTable("PER", "u", unisex_blend=0.25).qx(np.arange(8.0)))
+
+
 NOT_SELECT = "duration is only valid for select tables. Table 'GEN' is not a select table."
 
 
 @pytest.mark.parametrize(("name", "year", "duration", "exc", "message"), [
-    ("PER", 2000, None, ValueError, NOT_GENERATIONAL), ("GEN", 2000, 1, ValueError, NOT_SELECT),
+    ("GEN", 2000, 1, ValueError, NOT_SELECT), ("PER", 2000.0, None, TypeError, "year must be int, got float"),
+    ("PER", 999, None, ValueError, "year must be between 1000 and 3000, got 999"),
     ("GEN", 2000.0, None, TypeError, "year must be int, got float"),
     ("GEN", True, None, TypeError, "year must be int, got bool"),
     ("GEN", 10**20, None, ValueError, "year must be between 1000 and 3000, got 100000000000000000000"),

@@ -3,13 +3,15 @@
 from __future__ import annotations
 
 import copy
+import math
 import pickle
 
 import numpy as np
 import pytest
 
 from veltrane import LifeTable, cli
-from veltrane.contingencies import annuity
+from veltrane.config import Config
+from veltrane.contingencies import annuity, insurance, net_premium, pure_endowment
 from veltrane.tables.source import TableSource
 
 AGES = np.arange(121.0)
@@ -133,3 +135,152 @@ def test_command_line_follows_the_path(capsys):
     assert cli.main(["eval", "SULT", "--selected-at", "65", "ex", "65"]) == 2  # the path's own refusal
     err = capsys.readouterr().err
     assert err.count("\n") == 1 and "needs a select-and-ultimate table" in err
+
+
+# -- a select table at a duration: the contingency functions follow the diagonal ---------------
+
+
+def contingency_values(table, x: float) -> list[float]:
+    """Every kind of contingency value of a life aged x (i = 3 %)."""
+    return [
+        table.ex(x),
+        table.ex(x, complete=True),
+        annuity(table, x, i=0.03),
+        annuity(table, x, 3, i=0.03, m=4, due=False),
+        annuity(table, x, i=0.03, m=12, defer=1, method="udd"),
+        annuity(table, x, i=0.03, m=12, method="woolhouse"),
+        annuity(table, x, 2, i=0.03, m=2, method="woolhouse2"),
+        insurance(table, x, i=0.03),
+        insurance(table, x, 2, i=0.03, m=None, endowment=True),
+        insurance(table, x, i=0.03, m=12, defer=1),
+        pure_endowment(table, x, 2.5, i=0.03),
+        net_premium(table, x, 3, i=0.03, m=12),
+    ]
+
+
+@pytest.mark.parametrize(("x", "duration"), [(45, 1), (60, 2), (60.25, 1), (61.75, 2), (118, 1), (120, 2)])
+def test_a_life_at_a_duration_is_the_life_selected_that_many_years_before(x, duration):
+    """Aged x at duration d: selected at x - (d - 1), so valued on that select path (a fractional
+    age on the diagonal of the whole age below it)."""
+    table = LifeTable("SSSM", "u", duration=duration)
+    path = table.select_path(math.floor(x) - (duration - 1))
+    np.testing.assert_allclose(contingency_values(table, x), contingency_values(path, x), rtol=1e-12)
+    # The table functions keep reading their one column.
+    assert table.tpx(60, 3) == pytest.approx(float(np.prod(1 - table.qx([60, 61, 62]))), rel=1e-11)
+
+
+def diagonal_curtate_ex(table_of, x: int, duration: int, first_ultimate: int) -> float:
+    """The curtate expectation of life at age x and a duration, by products along the diagonal."""
+    w = table_of("ult").w
+
+    def rate(age: int, d: int) -> float:
+        return table_of(d if d < first_ultimate else "ult")._decrement[age]  # unrounded
+
+    return sum(math.prod(1 - rate(x + k, duration + k) for k in range(n)) for n in range(1, w + 1 - x))
+
+
+@pytest.mark.parametrize(
+    ("sex", "keys", "period", "start"),
+    [("f", {"cohort": 1970}, 3, 0), ("m", {"cohort": 1985}, 2, 1), ("u", {"unisex_blend": 0.3}, 2, 1)],
+)
+def test_generational_and_blended_select_tables_follow_their_diagonal(tables, sex, keys, period, start):
+    generational = "exponential" if "cohort" in keys else None
+    tables.select("SEL", period=period, start=start, generational=generational)
+    for duration in range(start, start + period + 1):
+        table = LifeTable("SEL", sex, duration=duration, **keys)
+        # Curtate expectations at every age against the products along each diagonal; a life
+        # younger than its years since selection starts the diagonal at age 0.
+        hand = [
+            diagonal_curtate_ex(
+                lambda d: LifeTable("SEL", sex, duration=d, **keys), x, duration, start + period
+            )
+            for x in range(8)
+        ]
+        np.testing.assert_allclose(table.ex(), hand, rtol=1e-13)
+        for x in (3, 4.5, 7):
+            issue = math.floor(x) - (duration - start)
+            if issue >= 0 and duration < start + period:  # past the period: the ultimate column
+                expected = contingency_values(table.select_path(issue), x)
+                np.testing.assert_allclose(contingency_values(table, x), expected, rtol=1e-12)
+        # Vectors of ages: each element as its own scalar call, bit for bit.
+        ages = np.array([6, 0.5, 3, 3.25, 0, 6])
+        np.testing.assert_array_equal(
+            annuity(table, ages, i=0.03, m=4), [annuity(table, a, i=0.03, m=4) for a in ages]
+        )
+        np.testing.assert_array_equal(
+            table.ex(ages, complete=True), [table.ex(a, complete=True) for a in ages]
+        )
+
+
+def test_the_table_is_left_as_it_was_and_counts_no_rebuilds():
+    table = LifeTable("SSSM", "u", duration=1, interest_rate=0.05)
+    table.lx()
+    fields = ("_decrement_base", "_decrement", "_lx_raw", "_lx")
+    held = [getattr(table, name) for name in fields]
+    for _ in range(40):  # a chained-rebuild warning would be an error here
+        annuity(table, [60, 61.5], m=12)
+        table.ex(60)
+    assert all(getattr(table, name) is value for name, value in zip(fields, held, strict=True))
+    assert table.duration == 1 and not table.modified
+
+
+def test_values_follow_every_change_of_the_table(tables):
+    """The duration columns a table's calls reuse are never those of another state or copy."""
+    tables.select("SEL", period=3, start=1, generational="exponential")
+    base = {"cohort": 1960, "duration": 1, "unisex_blend": 0.5}
+
+    def value(table):
+        return [*annuity(table, [1, 2.5], i=0.05, m=12).tolist(), table.ex(1)]
+
+    def fresh(**keys):
+        return value(LifeTable("SEL", "u", **(base | keys)))
+
+    table = LifeTable("SEL", "u", **base)
+    assert value(table) == fresh()
+    for key, new in [("duration", 2), ("cohort", 1970), ("unisex_blend", 0.2)]:
+        setattr(table, key, new)
+        base[key] = new
+        assert value(table) == fresh()
+    with Config().override(decimals={"qx": 3}):  # the blend rounds each sex to the rate decimals
+        assert value(table) == fresh()
+    # A time step moves the table along the diagonal and back; copies go their own ways.
+    before = value(table)
+    snapshot = table._advance_actuarial_state_for_ts(1)
+    assert value(table) == fresh(duration=3, cohort=1971)
+    table._restore_actuarial_state_from_ts_snapshot(snapshot)
+    assert value(table) == before
+    for twin in (copy.copy(table), copy.deepcopy(table)):
+        twin.duration = 1
+        assert value(twin) == fresh(duration=1) and value(table) == before
+
+
+def test_modifications_of_a_select_column_are_refused_on_the_diagonal():
+    table = LifeTable("SSSM", "u", duration=1, interest_rate=0.05)
+    table.modify_qx({"decrement_multiplier": 1.1})
+    for call in (lambda: annuity(table, 60), lambda: insurance(table, 60), lambda: table.ex(60)):
+        with pytest.raises(ValueError, match=r"modif.*select_path\(x\)"):
+            call()
+    # On the ultimate column (or past the select period) there is no diagonal: the modified rates apply.
+    for duration in ("ult", 3):
+        past = LifeTable("SSSM", "u", duration=duration, interest_rate=0.05)
+        past.modify_qx({"decrement_multiplier": 1.1})
+        survival = np.concatenate([[1.0], np.cumprod(1 - past.qx(AGES[60:]))])[:61]
+        assert annuity(past, 60) == pytest.approx(float(1.05 ** -np.arange(61) @ survival), rel=1e-10)
+
+
+def test_published_select_table_at_duration_one():
+    male = LifeTable("CSO2017", "m", duration=1, interest_rate=0.04)
+    assert insurance(male, 45) == pytest.approx(0.2500, abs=5e-5)
+    assert insurance(male, 45) == insurance(male.select_path(45), 45)
+
+
+@pytest.mark.parametrize(
+    "command",
+    ["annuity CSO2017 --sex f {} --age 45 --rate 0.03", "eval CSO2017 --sex f {} ex 45.5"],
+)
+def test_command_line_at_a_duration_values_the_selected_life(capsys, command):
+    outputs = []
+    for keys in ("--duration 1", "--selected-at 45"):
+        assert cli.main(command.format(keys).split()) == 0
+        outputs.append(capsys.readouterr().out)
+    assert outputs[0] == outputs[1]

@@ -4,10 +4,14 @@
 #include "decrement/contingencies.hpp"
 
 #include "decrement/arguments.hpp"
+#include "decrement/transaction.hpp"
 #include "pyutil/module_functions.hpp"
 
+#include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <string>
+#include <vector>
 
 namespace veltrane::decrement {
 namespace contingencies {
@@ -22,13 +26,112 @@ using numeric::number_text;
 
 }  // namespace
 
-Life life_of(TableObject* t) {
+namespace {
+
+// Tables whose duration columns are kept (the most recent ones).
+constexpr Py_ssize_t kDiagonalTables = 32;
+
+// The rates in force at each duration from `first` to ultimate_from - 1, then the ultimate
+// ones, as the rows of a matrix, from the table's own rebuilds under its other keys (cohort,
+// unisex blend). They run inside a key change that is never committed: the table ends exactly
+// as it began, its rebuild count included.
+py::ref duration_columns(TableObject* t, long long first, long long ultimate_from, npy_intp ages) {
+    // Gathered first, so that a select period longer than the columns present fails on the
+    // first missing one rather than after reserving room for all of them.
+    std::vector<std::vector<double>> rows;
+    {
+        KeyChange scratch(t);
+        auto take = [&](py::ref duration) {
+            t->duration = std::move(duration);
+            rebuild_rates(t);
+            const std::span<const double> q = py::f64_cspan(t->decrement.get());
+            if (static_cast<npy_intp>(q.size()) != ages) {
+                py::ref name = table_name(t);
+                py::raise(PyExc_ValueError, "Table '%S': its duration columns differ in length.", name.get());
+            }
+            rows.emplace_back(q.begin(), q.end());
+        };
+        for (long long d = first; d < ultimate_from; ++d) take(py::check(PyLong_FromLongLong(d)));
+        take(py::ref());  // the ultimate column
+    }
+    py::ref out = py::new_f64_2d(static_cast<npy_intp>(rows.size()), ages);
+    double* row = py::f64_data(out.get());
+    for (const std::vector<double>& q : rows) row = std::copy(q.begin(), q.end(), row);
+    return out;
+}
+
+// The same, kept per table while its state is the one they were built in: repeated calls cost
+// no rebuilds. The state is told by `_decrement_base`, which every rebuild replaces (held by the
+// entry, so no other vector can take its address), and by the keys and the settings.
+py::ref cached_duration_columns(TableObject* t, long long first, long long ultimate_from, npy_intp ages) {
+    ModuleState* st = t->st;
+    py::ref id = py::check(PyLong_FromLongLong(t->instance_id));
+    py::ref keys = py::check(Py_BuildValue("(OOOOLK)", t->sex.or_none(), t->cohort.or_none(), t->duration.or_none(),
+                                           t->unisex_blend.or_none(), first,
+                                           static_cast<unsigned long long>(st->config_version)));
+    py::ref entry = py::ref::borrow(PyDict_GetItemWithError(st->select_diagonals, id.get()));
+    if (!entry && PyErr_Occurred()) py::throw_error_set();
+    if (entry && PyTuple_GET_ITEM(entry.get(), 0) == t->decrement_base.get() &&
+        py::require(PyObject_RichCompareBool(PyTuple_GET_ITEM(entry.get(), 1), keys.get(), Py_EQ)) == 1) {
+        return py::ref::borrow(PyTuple_GET_ITEM(entry.get(), 2));
+    }
+    py::ref columns = duration_columns(t, first, ultimate_from, ages);
+    py::ref fresh = py::check(PyTuple_Pack(3, t->decrement_base.or_none(), keys.get(), columns.get()));
+    if (!entry) {
+        while (PyDict_GET_SIZE(st->select_diagonals) >= kDiagonalTables) {
+            // The oldest first (a dict keeps the order of insertion).
+            Py_ssize_t pos = 0;
+            PyObject* oldest = nullptr;
+            PyDict_Next(st->select_diagonals, &pos, &oldest, nullptr);
+            const py::ref held = py::ref::borrow(oldest);
+            py::require(PyDict_DelItem(st->select_diagonals, held.get()));
+        }
+    }
+    py::require(PyDict_SetItem(st->select_diagonals, id.get(), fresh.get()));
+    return columns;
+}
+
+}  // namespace
+
+Lives::Lives(TableObject* t, std::string_view method) {
     const ConfigSnapshot& cfg = config(t->st);
     actuarial::LVector l = actuarial::survivorship(t, cfg, true);
-    Life life;
-    life.keep = std::move(l.keep);
-    life.model.s = l.view;
-    return life;
+    keep_ = std::move(l.keep);
+    model_.s = l.view;
+    if (!source_flag(t, t->st->names.select.get()) || past_select_period(t, t->duration.get())) return;
+    const long long duration = PyLong_AsLongLong(t->duration.get());
+    if (duration == -1 && PyErr_Occurred()) py::throw_error_set();
+    if (t->modified) {
+        py::ref name = table_name(t);
+        py::raise(PyExc_ValueError,
+                  "[%s] Table '%S' at select duration %lld carries modifications, which were made on that one "
+                  "column, while a life aged x moves along the select diagonal. Call select_path(x) on the "
+                  "unmodified table and modify the path it returns, or value on duration='ult'.",
+                  std::string(method).c_str(), name.get(), duration);
+    }
+    // The year before the whole age is followed too (the force of decrement at x looks back on it).
+    const long long first = std::max<long long>(start_duration(t), duration - 1);
+    const long long ultimate_from = first_ultimate_duration(t);
+    const auto ages = static_cast<npy_intp>(model_.s.l.size());
+    rates_ = cached_duration_columns(t, first, ultimate_from, ages);
+    const double* row = py::f64_data(rates_.get());
+    for (long long d = first; d < ultimate_from; ++d, row += ages) {
+        diagonal_.columns.emplace_back(row, static_cast<std::size_t>(ages));
+    }
+    diagonal_.ultimate = std::span<const double>(row, static_cast<std::size_t>(ages));
+    diagonal_.first = first;
+    diagonal_.ultimate_from = ultimate_from;
+    diagonal_.duration = duration;
+    radix_ = t->st->lx_radix;
+    on_diagonal_ = true;
+}
+
+bool Lives::has_nan() const noexcept {
+    auto any_nan = [](std::span<const double> v) {
+        return std::any_of(v.begin(), v.end(), [](double e) { return std::isnan(e); });
+    };
+    if (!on_diagonal_) return any_nan(model_.s.l);
+    return any_nan(py::f64_cspan(rates_.get()));
 }
 
 actuarial::Values checked_ages(TableObject* t, PyObject* x, std::string_view method) {
@@ -67,7 +170,8 @@ TableObject* table_argument(PyObject* module, PyObject* table, const char* metho
     return t;
 }
 
-// The rate i of the call, or else the table's interest_rate; finite and >= 0.
+// The rate i of the call, or else the table's interest_rate; finite and > -1 (a negative rate
+// is a valid basis: v > 1).
 kernels::Interest interest(PyObject* table, PyObject* i, const char* method) {
     py::ref own;
     const bool from_table = i == nullptr || i == Py_None;
@@ -83,7 +187,9 @@ kernels::Interest interest(PyObject* table, PyObject* i, const char* method) {
         i = own.get();
     }
     const double rate = numeric::validate_scalar(i, "i", method);
-    if (rate < 0.0) refuse(method, from_table ? "i (the table's interest_rate) must be >= 0" : "i must be >= 0", rate);
+    if (!(rate > -1.0)) {
+        refuse(method, from_table ? "i (the table's interest_rate) must be > -1" : "i must be > -1", rate);
+    }
     return kernels::Interest(rate);
 }
 
@@ -132,20 +238,45 @@ void check_lengths(const actuarial::Values& x, const actuarial::Values& n, const
     }
 }
 
-// Runs `kernel(out)` over the broadcast length of x and n; a float when both were single numbers.
-template <class Kernel>
-PyObject* evaluate(const actuarial::Values& x, const actuarial::Values& n, Kernel&& kernel) {
-    if (x.scalar && n.scalar) {
-        double value = 0.0;
-        kernel(std::span<double>(&value, 1));
-        return actuarial::new_float(value);
-    }
+using Breakdown = std::optional<kernels::Breakdown>;
+
+// What a kernel that cannot break down reports.
+constexpr Breakdown kHolds = std::nullopt;
+
+// Runs `kernel(model, x, n, out)` on each element's survival over the broadcast length of x and n;
+// a float when both were single numbers. A breakdown the kernel reports goes to `refuse_at`
+// (which raises). A value beyond the range of a float (discounting at a rate near -1) is refused
+// rather than returned as inf or NaN; a NaN in the table's rates propagates as it does everywhere.
+template <class Kernel, class Refuse>
+PyObject* evaluate(const Lives& lives, const actuarial::Values& x, const actuarial::Values& n, const char* method,
+                   const kernels::Interest& r, Kernel&& kernel, Refuse&& refuse_at) {
     // One of them single (a number or a vector of one) takes the length of the other.
     const std::size_t count = x.scalar ? n.size() : n.scalar ? x.size() : x.size() == 1 ? n.size() : x.size();
-    py::ref out = py::new_f64(static_cast<npy_intp>(count));
-    const std::span<double> o = py::f64_span(out.get());
-    actuarial::run_piece(count, [&] { kernel(o); });
-    return out.release();
+    py::ref out;
+    double value = 0.0;
+    std::span<double> o(&value, 1);
+    if (!(x.scalar && n.scalar)) {
+        out = py::new_f64(static_cast<npy_intp>(count));
+        o = py::f64_span(out.get());
+    }
+    const Breakdown breakdown =
+        actuarial::run_piece(count, [&] { return lives.run(x.view(), n.view(), o, kernel); });
+    if (breakdown) refuse_at(*breakdown);
+    const auto infinite = std::find_if(o.begin(), o.end(), [](double v) { return !std::isfinite(v); });
+    if (infinite != o.end() && !lives.has_nan()) {
+        const std::size_t k = static_cast<std::size_t>(infinite - o.begin());
+        const double age = x.size() == 1 ? x.view()[0] : x.view()[k];
+        py::raise_str(PyExc_ValueError, "[" + std::string(method) + "] at i = " + number_text(r.i) +
+                                            " the value at x = " + number_text(age) +
+                                            " is beyond the range of a float");
+    }
+    return out ? out.release() : actuarial::new_float(value);
+}
+
+template <class Kernel>
+PyObject* evaluate(const Lives& lives, const actuarial::Values& x, const actuarial::Values& n, const char* method,
+                   const kernels::Interest& r, Kernel&& kernel) {
+    return evaluate(lives, x, n, method, r, kernel, [](const kernels::Breakdown&) {});
 }
 
 enum class Method { exact, udd, woolhouse2, woolhouse3 };
@@ -176,18 +307,29 @@ PyObject* annuity(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyO
         const actuarial::Values n = term(a.values[2], per_year, "annuity");
         const double defer = deferment(a.values[6], per_year, "annuity");
         check_lengths(x, n, "annuity");
-        const Life life = life_of(t);
+        const Lives lives(t, "annuity");
         const kernels::Payments payments{m, due, defer};
-        return evaluate(x, n, [&](std::span<double> out) {
-            if (method == Method::exact) {
-                kernels::annuity(life.model, r, payments, x.view(), n.view(), out);
-                return;
+        const auto approximation = method == Method::udd          ? kernels::AnnuityApproximation::udd
+                                   : method == Method::woolhouse2 ? kernels::AnnuityApproximation::woolhouse2
+                                                                  : kernels::AnnuityApproximation::woolhouse3;
+        auto kernel = [&](const kernels::LifeModel& life, std::span<const double> xs, std::span<const double> ns,
+                          std::span<double> out) -> Breakdown {
+            if (method != Method::exact) {
+                return kernels::annuity_from_annual(life, r, payments, approximation, xs, ns, out);
             }
-            const auto approximation = method == Method::udd          ? kernels::AnnuityApproximation::udd
-                                       : method == Method::woolhouse2 ? kernels::AnnuityApproximation::woolhouse2
-                                                                      : kernels::AnnuityApproximation::woolhouse3;
-            kernels::annuity_from_annual(life.model, r, payments, approximation, x.view(), n.view(), out);
-        });
+            kernels::annuity(life, r, payments, xs, ns, out);
+            return kHolds;
+        };
+        auto refuse_at = [&](const kernels::Breakdown& b) {
+            const double age = x.size() == 1 ? x.view()[0] : x.view()[b.index];
+            char corrections[96];
+            std::snprintf(corrections, sizeof corrections, "its second correction (%.5g) outweighs its first (%.5g)",
+                          std::fabs(b.second), std::fabs(b.first));
+            py::raise_str(PyExc_ValueError, "[annuity] method=\"woolhouse\" does not hold at x = " + number_text(age) +
+                                                " with i = " + number_text(r.i) + " and m = " + std::to_string(m) +
+                                                ": " + corrections + "; use method=\"exact\"");
+        };
+        return evaluate(lives, x, n, "annuity", r, kernel, refuse_at);
     });
 }
 
@@ -209,10 +351,13 @@ PyObject* insurance(PyObject* module, PyObject* const* args, Py_ssize_t nargs, P
         }
         check_lengths(x, n, "insurance");
         const double factor = continuous ? kernels::i_over_delta(r.delta) : kernels::i_over_im(r.delta, m);
-        const Life life = life_of(t);
-        return evaluate(x, n, [&](std::span<double> out) {
-            kernels::insurance(life.model, r, defer, factor, endowment, x.view(), n.view(), out);
-        });
+        const Lives lives(t, "insurance");
+        return evaluate(lives, x, n, "insurance", r,
+                        [&](const kernels::LifeModel& life, std::span<const double> xs, std::span<const double> ns,
+                            std::span<double> out) {
+                            kernels::insurance(life, r, defer, factor, endowment, xs, ns, out);
+                            return kHolds;
+                        });
     });
 }
 
@@ -228,10 +373,13 @@ PyObject* pure_endowment(PyObject* module, PyObject* const* args, Py_ssize_t nar
         }
         const actuarial::Values n = term(a.values[2], 0, "pure_endowment");
         check_lengths(x, n, "pure_endowment");
-        const Life life = life_of(t);
-        return evaluate(x, n, [&](std::span<double> out) {
-            kernels::pure_endowment(life.model, r, x.view(), n.view(), out);
-        });
+        const Lives lives(t, "pure_endowment");
+        return evaluate(lives, x, n, "pure_endowment", r,
+                        [&](const kernels::LifeModel& life, std::span<const double> xs, std::span<const double> ns,
+                            std::span<double> out) {
+                            kernels::pure_endowment(life, r, xs, ns, out);
+                            return kHolds;
+                        });
     });
 }
 
@@ -241,10 +389,12 @@ PyObject* commutation(PyObject* module, PyObject* const* args, Py_ssize_t nargs,
         const Arguments<2> a = parse_arguments("_commutation", names, 1, args, nargs, kwnames);
         TableObject* t = table_argument(module, a.values[0], "commutation");
         const kernels::Interest r = interest(a.values[0], a.values[1], "commutation");
-        const Life life = life_of(t);
+        // The table's own column, also on a select table at a select duration: the columns are
+        // a function of the age alone.
+        const actuarial::LVector life = actuarial::survivorship(t, config(t->st), true);
         // The ages 0..w of the table in force.
-        const std::size_t w = static_cast<std::size_t>(life.model.s.w);
-        const std::span<const double> all = life.model.s.l;
+        const std::size_t w = static_cast<std::size_t>(life.view.w);
+        const std::span<const double> all = life.view.l;
         const std::span<const double> l = all.first(std::min(all.size(), w + 1));
         const auto size = static_cast<npy_intp>(l.size());
         py::ref lx = py::f64_from(l);
@@ -255,6 +405,12 @@ PyObject* commutation(PyObject* module, PyObject* const* args, Py_ssize_t nargs,
                                  py::f64_span(columns[4].get()), py::f64_span(columns[5].get()),
                                  py::f64_span(columns[6].get())};
         kernels::commutation(l, r, out);
+        const bool finite = std::all_of(out.R.begin(), out.R.end(), [](double v) { return std::isfinite(v); }) &&
+                            std::all_of(out.S.begin(), out.S.end(), [](double v) { return std::isfinite(v); });
+        if (!finite && std::none_of(l.begin(), l.end(), [](double v) { return std::isnan(v); })) {
+            py::raise_str(PyExc_ValueError, "[commutation] at i = " + number_text(r.i) +
+                                                " the columns are beyond the range of a float");
+        }
         return py::require(PyTuple_Pack(8, lx.get(), columns[0].get(), columns[1].get(), columns[2].get(),
                                         columns[3].get(), columns[4].get(), columns[5].get(), columns[6].get()));
     });

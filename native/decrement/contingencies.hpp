@@ -1,13 +1,16 @@
 // Glue shared by the life-contingency functions: the expectation of life on the table
 // (expectation.cpp) and the module functions behind veltrane.contingencies (contingencies.cpp).
-// Both read the unrounded l vector (the lx decimals would cost old ages most of their digits)
+// Both read unrounded l vectors (the lx decimals would cost old ages most of their digits)
 // and return unrounded values.
 #pragma once
 
 #include "decrement/functions.hpp"
 #include "kernels/contingencies.hpp"
 
+#include <optional>
+#include <span>
 #include <string_view>
+#include <vector>
 
 namespace veltrane::decrement {
 
@@ -18,12 +21,47 @@ void bind_contingencies(PyObject* module);
 
 namespace contingencies {
 
-// The survival model of a ready table under the current settings; `keep` holds the l vector.
-struct Life {
-    py::ref keep;
-    kernels::LifeModel model;
+// The survival a contingency values, under the current settings. On most tables the table's own
+// l vector. On a select table at a select duration d, a life aged x is at duration d + k at age
+// x + k (the ultimate column once past the select period), as in a projection: each whole age
+// then has its own l vector, along its diagonal, built from the duration columns, and a
+// fractional age follows the diagonal of the whole age below it. The table functions (tpx, ...)
+// keep reading the one column. Built with the GIL; run() touches no Python object.
+class Lives {
+public:
+    // Refuses, with "[method] ...", a select table at a select duration that carries
+    // modifications: they were made on one column and have no meaning along a diagonal.
+    Lives(TableObject* t, std::string_view method);
+
+    // `value(model, x, n, out)` (returning std::optional<kernels::Breakdown>) over every element,
+    // on the model of each element's diagonal; the first breakdown of the call, if any.
+    template <class Value>
+    std::optional<kernels::Breakdown> run(std::span<const double> x, std::span<const double> n,
+                                          std::span<double> out, Value&& value) const {
+        if (!on_diagonal_) return value(model_, x, n, out);
+        const auto w = static_cast<std::size_t>(model_.s.w);
+        std::vector<double> l(w + 1);
+        kernels::LifeModel path = model_;
+        path.s.l = l;
+        return kernels::by_diagonal(x, n, out, model_.s.eps, w,
+                                    [&](std::size_t j, std::span<const double> xs, std::span<const double> ns,
+                                        std::span<double> os) {
+                                        kernels::diagonal_survivorship(diagonal_, j, radix_, l);
+                                        return value(path, xs, ns, os);
+                                    });
+    }
+
+    // True when the rates read hold a NaN (then so may every result).
+    bool has_nan() const noexcept;
+
+private:
+    py::ref keep_;              // the table's l vector
+    kernels::LifeModel model_;  // on it; on a diagonal, its settings and w serve every path
+    bool on_diagonal_ = false;
+    py::ref rates_;  // the select columns, then the ultimate one, as the rows of a matrix
+    kernels::SelectDiagonal diagonal_;
+    double radix_ = 0.0;
 };
-Life life_of(TableObject* t);
 
 // Ages x, validated (finite numbers) and within [0, w]; errors are prefixed "[method] ".
 actuarial::Values checked_ages(TableObject* t, PyObject* x, std::string_view method);

@@ -1,6 +1,7 @@
 // The expectation of life of a table, ex(x, complete=False): curtate from the survivors at the
 // whole years that follow x, complete from the integral of l in closed form under the configured
 // interpolation. Unrounded, on the unrounded l vector; the year after w as in kernels/contingencies.hpp.
+// On a select table at a select duration each age follows its select diagonal (contingencies.hpp).
 #include "decrement/contingencies.hpp"
 
 #include "decrement/arguments.hpp"
@@ -30,16 +31,23 @@ PyObject* Table_ex(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyOb
         PyObject* x = a.get(0, Py_None);
         const Values ages = x == Py_None ? every_age(t) : contingencies::checked_ages(t, x, "ex");
         const bool complete = a.given(1) ? contingencies::flag(a.values[1], "ex", "complete") : false;
-        const contingencies::Life life = contingencies::life_of(t);
+        const contingencies::Lives lives(t, "ex");
+        auto expectation = [&](const kernels::LifeModel& life, std::span<const double> xs, std::span<const double>,
+                               std::span<double> out) -> std::optional<kernels::Breakdown> {
+            kernels::expectation(life, xs, complete, out);
+            return std::nullopt;
+        };
+        const double no_term = 0.0;  // broadcast over every age, unread
+        const std::span<const double> n(&no_term, 1);
         if (ages.scalar) {
             double value = 0.0;
-            kernels::expectation(life.model, ages.view(), complete, std::span<double>(&value, 1));
+            lives.run(ages.view(), n, std::span<double>(&value, 1), expectation);
             return actuarial::new_float(value);
         }
         const std::span<const double> in = ages.view();
         py::ref out = py::new_f64(static_cast<npy_intp>(in.size()));
         const std::span<double> o = py::f64_span(out.get());
-        actuarial::run_piece(in.size(), [&] { kernels::expectation(life.model, in, complete, o); });
+        actuarial::run_piece(in.size(), [&] { lives.run(in, n, o, expectation); });
         return out.release();
     });
 }
@@ -55,7 +63,10 @@ PyMethodDef expectation_methods[] = {
      "Curtate: e(x) = sum over k >= 1 of l(x + k) / l(x). Complete: the integral of l(x + t) / l(x)\n"
      "over t >= 0, exact under ``Config().lx_interpolation``. In the year after ``w`` the survivors at\n"
      "``w`` leave uniformly, so the complete expectation at ``w`` is 1/2. Computed on the unrounded\n"
-     "survivorship; 0 at an age where no life remains.\n\n"
+     "survivorship; 0 at an age where no life remains. On a select table at a select duration d a\n"
+     "life aged x is at duration d + k at age x + k (the ultimate column after the select period;\n"
+     "a fractional age on the diagonal of the whole age below it), unlike ``tpx``, which reads the\n"
+     "one column; a modified select table is refused there (see ``select_path``).\n\n"
      "Parameters\n----------\n"
      "x : float, sequence, ndarray, pandas or Polars Series, or None\n"
      "    Ages in [0, w], fractional ages too. None gives every integer age 0..w.\n"

@@ -391,6 +391,7 @@ int decrement_exec(PyObject* module) {
         py::ref sentinel = py::check(PyObject_CallNoArgs(reinterpret_cast<PyObject*>(&PyBaseObject_Type)));
         bind(module, "_CONFIGURE_UNSET", sentinel.get());
         st->sentinel = sentinel.release();
+        st->select_diagonals = py::check(PyDict_New()).release();
         py::add_function(module, clear_cache_def);
         py::ref clear = py::check(PyObject_GetAttrString(module, "_clear_cohort_unisex_cache"));
         py::ref reset_callbacks = py::check(PyObject_GetAttrString(module, "_reset_callbacks"));
@@ -453,6 +454,7 @@ int decrement_traverse(PyObject* module, visitproc visit, void* arg) {
     Py_VISIT(st->prefix_map);
     Py_VISIT(st->instance_counter);
     Py_VISIT(st->unisex_cache);
+    Py_VISIT(st->select_diagonals);
     Py_VISIT(st->polars_series);
     return 0;
 }
@@ -476,6 +478,7 @@ int decrement_clear(PyObject* module) {
     Py_CLEAR(st->prefix_map);
     Py_CLEAR(st->instance_counter);
     Py_CLEAR(st->unisex_cache);
+    Py_CLEAR(st->select_diagonals);
     Py_CLEAR(st->polars_series);
     return 0;
 }

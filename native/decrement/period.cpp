@@ -1,6 +1,7 @@
-// The period view of a generational table: the rates of one calendar year, age x read from
-// the cohort born in year - x. Cohorts are set one after another on the table itself inside a
-// key change that is never committed, so the table ends exactly as it began, whatever happens.
+// The period view of a table: the rates of one calendar year, age x read from the cohort born
+// in year - x on a generational table, the table's own rates on any other. Cohorts are set one
+// after another on the table itself inside a key change that is never committed, so the table
+// ends exactly as it began, whatever happens.
 #include "decrement/table.hpp"
 #include "decrement/transaction.hpp"
 
@@ -30,11 +31,6 @@ PyObject* Table_period_decrement(PyObject* self, PyObject* arg) {
     return py::guard([&]() -> PyObject* {
         TableObject* t = as_table(self);
         const Names& n = t->st->names;
-        py::ref name = table_name(t);
-        if (!source_flag(t, n.generational.get())) {
-            py::raise(PyExc_ValueError, "Table '%S' is not generational: its rates are the same in every year.",
-                      name.get());
-        }
         if (PyBool_Check(arg) || !is_integer_object(arg)) {
             py::ref type = type_name_of(arg);
             py::raise(PyExc_TypeError, "year must be int, got %U", type.get());
@@ -45,6 +41,17 @@ PyObject* Table_period_decrement(PyObject* self, PyObject* arg) {
             py::raise(PyExc_ValueError, "year must be between 1000 and 3000, got %R", arg);
         }
         ensure_ready(t, "period_rates");
+        if (!source_flag(t, n.generational.get())) {
+            // The same rates in every year: the table's own.
+            if (t->decrement_base.is_none()) {
+                py::ref name = table_name(t);
+                py::raise(PyExc_ValueError, "Table '%S' has no base rates.", name.get());
+            }
+            const py::ref base = t->decrement_base.dup();
+            py::ref out = py::copy_as_f64(base.get());
+            kernels::round_in_place(py::f64_span(out.get()), decimals_for_decrement(t));
+            return out.release();
+        }
         const int d = decimals_for_decrement(t);
         std::vector<double> q;
         if (str_equals(t->sex.get(), "u") && !t->unisex_blend.is_none()) {
@@ -75,8 +82,9 @@ PyObject* Table_period_decrement(PyObject* self, PyObject* arg) {
 PyMethodDef period_methods[] = {
     {"_period_decrement", Table_period_decrement, METH_O,
      "_period_decrement($self, year, /)\n--\n\n"
-     "The rates of calendar year ``year`` by age (age x from the cohort born in year - x), rounded "
-     "as rates are; the table is left as it was."},
+     "The rates of calendar year ``year`` by age (age x from the cohort born in year - x; a table "
+     "that is not generational has its base rates in every year), rounded as rates are; the table "
+     "is left as it was."},
     {nullptr, nullptr, 0, nullptr},
 };
 

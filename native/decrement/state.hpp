@@ -49,6 +49,7 @@ struct ModuleState {
     PyObject* prefix_map = nullptr;     // DecrementTable._DECREMENT_PREFIX_MAP
     PyObject* instance_counter = nullptr;  // _table_instance_counter
     PyObject* unisex_cache = nullptr;   // _COHORT_ADJUSTED_QX_CACHE_UNISEX
+    PyObject* select_diagonals = nullptr;  // contingencies.cpp: recent tables' duration columns
     PyObject* polars_series = nullptr;  // polars.Series
     double lx_radix = 1'000'000.0;
     Names names;

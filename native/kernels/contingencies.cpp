@@ -5,6 +5,7 @@
 #include "kernels/contingencies.hpp"
 
 #include <algorithm>
+#include <optional>
 #include <vector>
 
 namespace veltrane::kernels {
@@ -22,14 +23,40 @@ std::size_t first_year(std::span<const double> x) noexcept {
     return static_cast<std::size_t>(std::floor(std::max(lowest, 0.0)));
 }
 
-// Sums from age j upwards of v^(k - j) value(k), for j = j0 .. w + 1 (0 at w + 1):
-// tail[j - j0] = value(j) + v tail[j + 1 - j0].
-template <class Value>
-std::vector<double> discounted_tail(std::size_t j0, std::size_t w, double v, Value value) {
-    std::vector<double> tail(w + 2 - j0, 0.0);
-    for (std::size_t j = w + 1; j-- > j0;) tail[j - j0] = value(j) + v * tail[j + 1 - j0];
-    return tail;
-}
+// Discounted sums over the years of age j0 .. w of a value per year: window(a, b) is the sum
+// over a <= k < b of v^(k - a) value(k). The tails (b past w) come from one backward recursion,
+// tail[j - j0] = value(j) + v tail[j + 1 - j0], so every one costs O(1). While v <= 1 a window
+// that ends before w is a tail less the discounted tail at its end: the digits that difference
+// loses are those of tail / window, which survival alone bounds. With v > 1 (a negative rate)
+// discounting multiplies that ratio by up to v^w, and the difference could be all cancellation:
+// the window is summed over its own years instead.
+class YearSums {
+public:
+    template <class Value>
+    YearSums(std::size_t j0, std::size_t w, double v, Value value)
+        : j0_(j0), w_(w), v_(v), values_(w + 1 - j0), tail_(w + 2 - j0, 0.0) {
+        for (std::size_t j = w + 1; j-- > j0;) {
+            values_[j - j0] = value(j);
+            tail_[j - j0] = values_[j - j0] + v * tail_[j + 1 - j0];
+        }
+    }
+
+    // a in [j0, w], b >= a a whole number (any b past w is the tail).
+    double window(std::size_t a, double b, const Interest& r) const noexcept {
+        const double tail = tail_[a - j0_];
+        if (b > static_cast<double>(w_)) return tail;
+        const auto end = static_cast<std::size_t>(b);
+        if (v_ <= 1.0) return tail - r.discount(b - static_cast<double>(a)) * tail_[end - j0_];
+        double sum = 0.0;
+        for (std::size_t j = end; j-- > a;) sum = values_[j - j0_] + v_ * sum;
+        return sum;
+    }
+
+private:
+    std::size_t j0_, w_;
+    double v_;
+    std::vector<double> values_, tail_;
+};
 
 // Whole years of a term: n itself, or a number past w + 1 for life.
 inline double term_end(double start, double n, std::size_t w) noexcept {
@@ -128,10 +155,12 @@ inline bool whole_years(double x, double defer, double n, double eps) noexcept {
     return whole_age(x, eps) >= 0.0 && whole_age(defer, eps) >= 0.0 && (std::isinf(n) || whole_age(n, eps) >= 0.0);
 }
 
-// E(t) = v^t l(x + t) / l(x); 0 for an infinite t (the end of a life annuity).
+// E(t) = v^t l(x + t) / l(x); 0 for an infinite t (the end of a life annuity), and 0 where no
+// life remains, whatever v^t (past the table, with v > 1, it overflows).
 inline double endowment_factor(const LifeModel& life, const Interest& r, double x, double lx, double t) noexcept {
     if (std::isinf(t) || lx == 0.0) return 0.0;
-    return r.discount(t) * life.at(x + t) / lx;
+    const double lives = life.at(x + t);
+    return lives == 0.0 ? 0.0 : r.discount(t) * lives / lx;
 }
 
 }  // namespace
@@ -148,12 +177,13 @@ double udd_alpha(double delta, int m) noexcept {
 double udd_beta(double delta, int m) noexcept {
     const double mm = m;
     if (m == 1) return 0.0;
-    if (delta < 1e-150) return (mm - 1.0) / (2.0 * mm);  // the limit; delta^2 would underflow
+    if (std::fabs(delta) < 1e-150) return (mm - 1.0) / (2.0 * mm);  // the limit; delta^2 would underflow
     const double h = std::sinh(delta / (2.0 * mm));
     const double denominator = 4.0 * mm * mm * h * h;
     double numerator;
-    if (delta < 0.5) {
-        // i - i^(m) = sum over k >= 2 of delta^k / k! (1 - m^(1 - k)): no cancellation for small delta.
+    if (std::fabs(delta) < 0.5) {
+        // i - i^(m) = sum over k >= 2 of delta^k / k! (1 - m^(1 - k)): no cancellation for small
+        // |delta| (the terms alternate below 0, and shrink at least fourfold each).
         numerator = 0.0;
         double term = delta;
         double mpow = 1.0;
@@ -162,7 +192,7 @@ double udd_beta(double delta, int m) noexcept {
             mpow *= mm;
             const double add = term * (1.0 - 1.0 / mpow);
             numerator += add;
-            if (add <= numerator * 1e-18) break;
+            if (std::fabs(add) <= std::fabs(numerator) * 1e-18) break;
         }
     } else {
         numerator = std::expm1(delta) - mm * std::expm1(delta / mm);
@@ -173,9 +203,9 @@ double udd_beta(double delta, int m) noexcept {
 double udd_alpha_less_beta(double delta, int m) noexcept {
     if (m == 1) return 1.0;
     // Both terms are of order 1 here, so their difference is accurate.
-    if (delta < 0.5) return udd_alpha(delta, m) - udd_beta(delta, m);
+    if (std::fabs(delta) < 0.5) return udd_alpha(delta, m) - udd_beta(delta, m);
     // (i^(m) - d) / (i^(m) d^(m)): i^(m) > delta > d, no cancellation, and no overflow for any
-    // finite rate (delta <= 710).
+    // finite rate (delta <= 710; above -1 a double rate has delta >= -37.5).
     const double mm = m;
     const double im = mm * std::expm1(delta / mm);
     const double d = -std::expm1(-delta);
@@ -283,8 +313,7 @@ void annuity(const LifeModel& life, const Interest& r, const Payments& p, std::s
     const std::size_t w = last_age(life);
     const double eps = life.s.eps;
     const PointwiseAnnuity pointwise(life, r, p.m);
-    std::vector<double> tail;  // built for the first element that reads it
-    std::size_t j0 = 0;
+    std::optional<YearSums> sums;  // built for the first element that reads them
     for (std::size_t k = 0; k < count; ++k) {
         const double age = pick(x, k);
         const double term = pick(n, k);
@@ -295,17 +324,12 @@ void annuity(const LifeModel& life, const Interest& r, const Payments& p, std::s
         }
         double due = 0.0;
         if (whole_years(age, p.defer, term, eps)) {
-            if (tail.empty()) {
-                j0 = std::min(first_year(x), w);
-                tail = discounted_tail(j0, w, r.v, YearPayments(life, r, p.m));
-            }
+            if (!sums) sums.emplace(std::min(first_year(x), w), w, r.v, YearPayments(life, r, p.m));
             const double defer = whole_age(p.defer, eps);
             const double start = whole_age(age, eps) + defer;
             if (start <= static_cast<double>(w)) {
                 const double end = term_end(start, std::isinf(term) ? term : whole_age(term, eps), w);
-                double sum = tail[static_cast<std::size_t>(start) - j0];
-                if (end <= static_cast<double>(w)) sum -= r.discount(end - start) * tail[static_cast<std::size_t>(end) - j0];
-                due = r.discount(defer) * sum / lx;
+                due = r.discount(defer) * sums->window(static_cast<std::size_t>(start), end, r) / lx;
             }
         } else {
             due = pointwise(age, lx, p.defer, term);
@@ -318,12 +342,13 @@ void annuity(const LifeModel& life, const Interest& r, const Payments& p, std::s
     }
 }
 
-void annuity_from_annual(const LifeModel& life, const Interest& r, const Payments& p, AnnuityApproximation method,
-                         std::span<const double> x, std::span<const double> n, std::span<double> out) {
+std::optional<Breakdown> annuity_from_annual(const LifeModel& life, const Interest& r, const Payments& p,
+                                             AnnuityApproximation method, std::span<const double> x,
+                                             std::span<const double> n, std::span<double> out) {
     if (p.m == 1) {
         // Every method is the annual annuity itself, in advance or in arrears.
         annuity(life, r, p, x, n, out);
-        return;
+        return std::nullopt;
     }
     annuity(life, r, Payments{1, true, p.defer}, x, n, out);
     const double m = p.m;
@@ -339,6 +364,7 @@ void annuity_from_annual(const LifeModel& life, const Interest& r, const Payment
     }
     const double second = (m - 1.0) / (2.0 * m);
     const double third = (m * m - 1.0) / (12.0 * m * m);
+    std::optional<Breakdown> breakdown;
     for (std::size_t k = 0; k < out.size(); ++k) {
         const double age = pick(x, k);
         const double term = pick(n, k);
@@ -353,13 +379,19 @@ void annuity_from_annual(const LifeModel& life, const Interest& r, const Payment
             case AnnuityApproximation::woolhouse3: {
                 double correction = lead * (r.delta + life.force(age + p.defer));
                 if (end != 0.0) correction -= end * (r.delta + life.force(age + p.defer + term));
-                value -= second * (lead - end) + third * correction;
+                const double first_term = second * (lead - end);
+                const double second_term = third * correction;
+                if (std::fabs(second_term) > std::fabs(first_term) && !breakdown) {
+                    breakdown = Breakdown{k, first_term, second_term};
+                }
+                value -= first_term + second_term;
                 break;
             }
         }
         if (!p.due) value -= (lead - end) / m;
         out[k] = value;
     }
+    return breakdown;
 }
 
 // ---- insurances and endowments ------------------------------------------------------------
@@ -374,8 +406,7 @@ void insurance(const LifeModel& life, const Interest& r, double defer, double de
     // Whole years, validated to within the integer tolerance: taken at their whole values, since
     // the sums below index years by truncation (2.9999999996 years would otherwise read as 2).
     defer = round_half_even(defer);
-    std::vector<double> tail;
-    std::size_t j0 = 0;
+    std::optional<YearSums> sums;
     for (std::size_t k = 0; k < count; ++k) {
         const double age = pick(x, k);
         const double given = pick(n, k);
@@ -388,17 +419,15 @@ void insurance(const LifeModel& life, const Interest& r, double defer, double de
         double death = 0.0;
         const double start = age + defer;
         if (whole_age(age, eps) >= 0.0) {
-            if (tail.empty()) {
-                j0 = std::min(first_year(x), w);
+            if (!sums) {
                 // v (l(j) - l(j + 1)): the deaths of the year, paid at its end, discounted to age j.
-                tail = discounted_tail(j0, w, r.v, [&](std::size_t j) { return r.v * (life.l_int(j) - life.l_int(j + 1)); });
+                sums.emplace(std::min(first_year(x), w), w, r.v,
+                             [&](std::size_t j) { return r.v * (life.l_int(j) - life.l_int(j + 1)); });
             }
             const double from = whole_age(age, eps) + defer;
             if (from <= static_cast<double>(w)) {
                 const double end = term_end(from, term, w);
-                double sum = tail[static_cast<std::size_t>(from) - j0];
-                if (end <= static_cast<double>(w)) sum -= r.discount(end - from) * tail[static_cast<std::size_t>(end) - j0];
-                death = r.discount(defer) * sum / lx;
+                death = r.discount(defer) * sums->window(static_cast<std::size_t>(from), end, r) / lx;
             }
         } else {
             const double stop = std::isinf(term) ? top : std::min(top, start + term);
@@ -422,6 +451,24 @@ void pure_endowment(const LifeModel& life, const Interest& r, std::span<const do
     for (std::size_t k = 0; k < out.size(); ++k) {
         const double age = pick(x, k);
         out[k] = endowment_factor(life, r, age, life.at(age), pick(n, k));
+    }
+}
+
+// ---- select diagonals ---------------------------------------------------------------------
+
+void diagonal_survivorship(const SelectDiagonal& diagonal, std::size_t j, double radix, std::span<double> l) noexcept {
+    const std::size_t size = l.size();
+    if (size == 0) return;
+    const bool look_back = j >= 1 && diagonal.duration - 1 >= diagonal.first;
+    const std::size_t from = std::min(look_back ? j - 1 : j, size - 1);
+    std::fill(l.begin(), l.begin() + static_cast<std::ptrdiff_t>(from) + 1, radix * 1.0);
+    // The same running product as the table's own l (survivorship), from `from` on.
+    double product = 1.0;
+    for (std::size_t y = from; y + 1 < size; ++y) {
+        const long long d = diagonal.duration + (static_cast<long long>(y) - static_cast<long long>(j));
+        const std::span<const double> q = diagonal.rates(d);
+        product *= (1.0 - (y < q.size() ? q[y] : 1.0));
+        l[y + 1] = radix * product;
     }
 }
 

@@ -1,5 +1,5 @@
 // Life contingencies over a survivorship vector: expectation of life, life annuities,
-// insurances, pure endowments and commutation columns, at an annual effective rate i >= 0.
+// insurances, pure endowments and commutation columns, at an annual effective rate i > -1.
 //
 // Survival model (LifeModel): l at integer ages 0..w, between them the table's interpolation;
 // the survivors at w leave uniformly over the following year, l(w + f) = l(w) (1 - f), and l is
@@ -8,7 +8,9 @@
 // both would put every exit at the very start of the year.
 //
 // Callers validate: ages in [0, w], terms and deferments >= 0 and whole numbers of the
-// periods the routine works in, finite i >= 0, m in 1..12. NaN rules: no input may be NaN;
+// periods the routine works in, finite i > -1, m in 1..12. Below 0 the discount factor v
+// exceeds 1 and grows without bound with time, so a payment that no life reaches is 0 however
+// far off it is (never v^t times 0, which is NaN once v^t overflows). NaN rules: no input may be NaN;
 // a NaN in l (rates edited by hand) propagates into every result that reads it. Where
 // l(x) = 0 (ages past a certain rate below w) every conditional value is 0.
 // Pairs of ages and terms broadcast: both spans have one length, or one of them has one element.
@@ -16,16 +18,19 @@
 
 #include "kernels/probability.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <limits>
+#include <optional>
 #include <span>
+#include <vector>
 
 namespace veltrane::kernels {
 
 inline constexpr double kWholeLife = std::numeric_limits<double>::infinity();
 
-// Interest at an annual effective rate i >= 0: v = 1 / (1 + i), delta = ln(1 + i).
+// Interest at an annual effective rate i > -1: v = 1 / (1 + i), delta = ln(1 + i) (< 0 for i < 0).
 struct Interest {
     explicit Interest(double rate) noexcept : i(rate), v(1.0 / (1.0 + rate)), delta(std::log1p(rate)) {}
     double i, v, delta;
@@ -33,7 +38,7 @@ struct Interest {
 };
 
 // UDD factors of m-thly annuities, i d / (i^(m) d^(m)) and (i - i^(m)) / (i^(m) d^(m)), in forms that
-// stay accurate as i tends to 0 (their limits 1 and (m - 1) / 2m at i = 0).
+// stay accurate as i tends to 0 from either side (their limits 1 and (m - 1) / 2m at i = 0).
 double udd_alpha(double delta, int m) noexcept;
 double udd_beta(double delta, int m) noexcept;
 // alpha(m) - beta(m), accurate at every rate (both grow without bound with i, their difference
@@ -104,9 +109,20 @@ void annuity(const LifeModel& life, const Interest& r, const Payments& p, std::s
 // with 3 terms also - (m^2 - 1) / 12 m^2 (E(defer) (delta + mu(x + defer)) - E(defer + n) (delta + mu(x + defer + n))),
 // where E(t) = v^t l(x + t) / l(x). Then, for payments in arrears, minus (E(defer) - E(defer + n)) / m.
 // With m = 1 every method is the annual annuity (in advance or in arrears). Whole years only (n, defer).
+//
+// Woolhouse's formula is the start of an asymptotic series; cut after its second correction it
+// means something only while that correction is smaller than the first (with delta + mu large,
+// at high rates or forces, it would go on to any value, negative ones too). The first element
+// where it is not is returned, with both corrections, and the outputs are then not to be used.
+// Within that bound the value is never negative.
 enum class AnnuityApproximation { udd, woolhouse2, woolhouse3 };
-void annuity_from_annual(const LifeModel& life, const Interest& r, const Payments& p, AnnuityApproximation method,
-                         std::span<const double> x, std::span<const double> n, std::span<double> out);
+struct Breakdown {
+    std::size_t index;     // in the elements of the call
+    double first, second;  // the first and second corrections there
+};
+std::optional<Breakdown> annuity_from_annual(const LifeModel& life, const Interest& r, const Payments& p,
+                                             AnnuityApproximation method, std::span<const double> x,
+                                             std::span<const double> n, std::span<double> out);
 
 // ---- insurances and endowments ------------------------------------------------------------
 // 1 paid at the end of the year of death within the years defer .. defer + n - 1 (whole years;
@@ -125,5 +141,79 @@ struct Commutation {
     std::span<double> d, D, N, S, C, M, R;
 };
 void commutation(std::span<const double> l, const Interest& r, const Commutation& out) noexcept;
+
+// ---- select diagonals --------------------------------------------------------------------
+// A life aged j at duration d of a select table is at duration d + k at age j + k, on the
+// ultimate column from duration `ultimate_from` on. `columns[c]` holds the rates by age
+// 0 .. w of duration `first` + c (for every duration from `first` to ultimate_from - 1).
+struct SelectDiagonal {
+    std::vector<std::span<const double>> columns;
+    std::span<const double> ultimate;
+    long long first = 1;
+    long long ultimate_from = 1;
+    long long duration = 1;  // the duration of a life at a whole age j, d above (first <= d)
+
+    std::span<const double> rates(long long d) const noexcept {
+        return d >= ultimate_from || d < first ? ultimate : columns[static_cast<std::size_t>(d - first)];
+    }
+};
+
+// l along the diagonal of a life at the whole age j (l.size() ages from 0): radix up to the
+// age where the diagonal is followed from, then radix (1 - q) ... along it. That age is j - 1,
+// at duration d - 1, when that duration is a select one (the year before, which the force of
+// decrement at j looks back on), else j itself, so that a life selected at j has the l of a
+// table whose rates are 0 below j and those of the diagonal from j on.
+void diagonal_survivorship(const SelectDiagonal& diagonal, std::size_t j, double radix, std::span<double> l) noexcept;
+
+// The whole age whose diagonal an age x >= 0 follows: x itself when it is whole (within eps),
+// else the whole age below it (a fractional age reads the diagonal through its year of age).
+inline std::size_t diagonal_age(double x, double eps) noexcept {
+    const double whole = whole_age(x, eps);
+    return static_cast<std::size_t>(whole >= 0.0 ? whole : std::floor(x));
+}
+
+// Runs `value(j, xs, ns, outs)` once for every whole age j (diagonal_age, at most `w`) found in
+// x, on the elements of that age gathered (x and n broadcast as the kernels do; a single
+// element stays single), and writes the results back into out. `value` returns
+// std::optional<Breakdown> for the elements it was given; the first one found is returned with
+// its index in the whole call.
+template <class Value>
+std::optional<Breakdown> by_diagonal(std::span<const double> x, std::span<const double> n, std::span<double> out,
+                                     double eps, std::size_t w, Value&& value) {
+    const std::size_t count = out.size();
+    if (count == 0) return std::nullopt;
+    auto key = [&](std::size_t k) { return std::min(diagonal_age(x[k], eps), w); };
+    if (x.size() == 1) return value(key(0), x, n, out);  // one age: one diagonal
+    // The elements ordered by whole age (a counting sort), then each age's run gathered.
+    std::vector<std::size_t> start(w + 2, 0);
+    for (std::size_t k = 0; k < count; ++k) ++start[key(k) + 1];
+    for (std::size_t j = 0; j <= w; ++j) start[j + 1] += start[j];
+    std::vector<std::size_t> order(count);
+    {
+        std::vector<std::size_t> next(start.begin(), start.end() - 1);
+        for (std::size_t k = 0; k < count; ++k) order[next[key(k)]++] = k;
+    }
+    std::vector<double> xs, ns, os;
+    std::optional<Breakdown> first;
+    for (std::size_t j = 0; j <= w; ++j) {
+        const std::size_t b = start[j], e = start[j + 1];
+        if (b == e) continue;
+        xs.resize(e - b);
+        os.resize(e - b);
+        for (std::size_t k = b; k < e; ++k) xs[k - b] = x[order[k]];
+        std::span<const double> group_n = n;
+        if (n.size() != 1) {
+            ns.resize(e - b);
+            for (std::size_t k = b; k < e; ++k) ns[k - b] = n[order[k]];
+            group_n = ns;
+        }
+        const std::optional<Breakdown> fault = value(j, std::span<const double>(xs), group_n, std::span<double>(os));
+        for (std::size_t k = b; k < e; ++k) out[order[k]] = os[k - b];
+        if (fault && (!first || order[b + fault->index] < first->index)) {
+            first = Breakdown{order[b + fault->index], fault->first, fault->second};
+        }
+    }
+    return first;
+}
 
 }  // namespace veltrane::kernels

@@ -1,9 +1,16 @@
 """Life contingencies on any decrement table: annuities, insurances, endowments, premiums, commutation.
 
 The values are computed by C++ kernels from the table's unrounded survivorship, under the
-configured ``lx_interpolation`` wherever a fraction of a year enters, and are not rounded. The
-annual effective interest rate ``i`` is taken from the call, or else from the table's
-``interest_rate`` (life tables carry one); it must be >= 0.
+configured ``lx_interpolation`` wherever a fraction of a year enters, and are not rounded (unlike
+the table functions ``qx``, ``tpx``, ...). The annual effective interest rate ``i`` is taken from
+the call, or else from the table's ``interest_rate`` (life tables carry one); any finite rate
+above -1 is a basis, negative ones included.
+
+On a select table at a select duration d, a life aged x is at duration d + k at age x + k (the
+ultimate column once past the select period), as for the life selected d - 1 years before, whose
+``select_path`` gives the same values; a fractional age follows the diagonal of the whole age
+below it. ``duration="ult"`` values on the ultimate column. The table functions (``tpx``, ...)
+and :func:`commutation` read the table's one column.
 
 Ages ``x`` may be a number or a vector (fractional ages too, up to the table's last age ``w``),
 and so may terms ``n``: a vector of ages and a vector of terms pair element by element, and a
@@ -68,7 +75,7 @@ def annuity(
     n : float or array-like, optional
         Term in years (payments stop at ``defer + n``); None for a whole-life annuity.
     i : float, optional
-        Annual effective interest rate (>= 0); defaults to the table's ``interest_rate``.
+        Annual effective interest rate (> -1); defaults to the table's ``interest_rate``.
     due : bool, default True
         Payments at the start of each period (annuity-due); False: at the end (immediate).
     m : {1, 2, 3, 4, 6, 12}
@@ -79,12 +86,19 @@ def annuity(
         "exact" sums every payment with the table's own survival at fractional ages (``n`` and
         ``defer`` in whole periods of 1/m); "udd" applies alpha(m) and beta(m) to the annual
         annuity; "woolhouse" is Woolhouse's formula with three terms, "woolhouse2" with two (these
-        three need whole years).
+        three need whole years). "woolhouse" is refused (ValueError) where its second correction
+        outweighs its first, at very high rates or forces of decrement, where it means nothing.
 
     Returns
     -------
     float or ndarray
         A float for a single age and term, otherwise a float64 vector.
+
+    Raises
+    ------
+    ValueError
+        Among others: ``i`` <= -1, a value beyond the range of a float (rates near -1), a select
+        table at a select duration that carries modifications (use ``select_path``).
     """
     return _native._annuity(table, x, n, i, due, m, defer, method)
 
@@ -110,7 +124,7 @@ def insurance(
     n : float or array-like, optional
         Term in whole years (cover from ``defer`` to ``defer + n``); None for whole life.
     i : float, optional
-        Annual effective interest rate (>= 0); defaults to the table's ``interest_rate``.
+        Annual effective interest rate (> -1); defaults to the table's ``interest_rate``.
     m : {1, 2, 3, 4, 6, 12} or None, default 1
         The benefit is paid at the end of the 1/m-year period of death: m = 1 at the end of the
         year, None at the moment of death. Other than 1, under a uniform distribution of deaths
@@ -140,7 +154,7 @@ def pure_endowment(
     n : float or array-like
         Years (>= 0; any real number).
     i : float, optional
-        Annual effective interest rate (>= 0); defaults to the table's ``interest_rate``.
+        Annual effective interest rate (> -1); defaults to the table's ``interest_rate``.
 
     Returns
     -------
@@ -176,7 +190,7 @@ def net_premium(
     n : float or array-like, optional
         Term of the cover in whole years; None for whole life.
     i : float, optional
-        Annual effective interest rate (>= 0); defaults to the table's ``interest_rate``.
+        Annual effective interest rate (> -1); defaults to the table's ``interest_rate``.
     endowment : bool, default False
         An endowment insurance (needs ``n``) instead of a term or whole-life insurance.
     m : {1, 2, 3, 4, 6, 12}
@@ -217,6 +231,9 @@ def net_premium(
 def commutation(table: DecrementTable, i: float | None = None) -> pl.DataFrame:
     """Commutation columns of the table at interest ``i``, one row per integer age 0..w.
 
+    They are a function of the age alone: a select table gives those of its one column (on a
+    select duration, ``table.select_path(x)`` gives the columns of the life selected at x).
+
     ``lx`` is the unrounded survivorship (``table.lx()`` rounds it to ``decimals.lx``);
     ``dx = lx - l(x+1)`` (all of ``lw`` at the last age); ``Dx = v^x lx``, ``Cx = v^(x+1) dx``;
     ``Nx``, ``Sx``, ``Mx``, ``Rx`` sum ``Dx``, ``Nx``, ``Cx``, ``Mx`` from the age upwards. So
@@ -226,7 +243,7 @@ def commutation(table: DecrementTable, i: float | None = None) -> pl.DataFrame:
     ----------
     table : DecrementTable
     i : float, optional
-        Annual effective interest rate (>= 0); defaults to the table's ``interest_rate``.
+        Annual effective interest rate (> -1); defaults to the table's ``interest_rate``.
 
     Returns
     -------

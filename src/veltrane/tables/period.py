@@ -1,4 +1,4 @@
-"""Period views of generational tables: the rates in force in one calendar year."""
+"""Period views of tables: the rates in force in one calendar year."""
 
 from __future__ import annotations
 
@@ -32,18 +32,19 @@ def period_rates(
     duration: int | str | None = None,
     unisex_blend: float | None = None,
 ) -> NDArray[np.float64]:
-    """Return the one-year rates of calendar year ``year`` for every age of a generational table.
+    """Return the one-year rates of calendar year ``year`` for every age of a table.
 
-    Age x reads the rate of the cohort born in ``year - x`` at age x, so the vector is the
-    diagonal of the cohort tables that a period (cross-sectional) view of mortality shows.
-    Any calendar year from 1000 to 3000 is accepted, including years whose birth cohorts lie
-    outside the years a table constructor accepts: the projection formula is applied to them
-    directly.
+    On a generational table age x reads the rate of the cohort born in ``year - x`` at age x, so
+    the vector is the diagonal of the cohort tables that a period (cross-sectional) view of
+    mortality shows. Any calendar year from 1000 to 3000 is accepted, including years whose
+    birth cohorts lie outside the years a table constructor accepts: the projection formula is
+    applied to them directly. A table that is not generational has the same rates in every
+    year: they are returned as they are.
 
     Parameters
     ----------
     table_name : str
-        A generational table.
+        The table's name.
     sex : {"m", "f", "u"}
         The sex; ``"u"`` needs a native unisex column or ``unisex_blend``.
     year : int
@@ -64,13 +65,12 @@ def period_rates(
     >>> q2030 = period_rates("DEMO_GEN", "m", 2030)  # doctest: +SKIP
     """
     source = TableSource(table_name)
-    if not source.generational:
-        raise ValueError(f"Table '{table_name}' is not generational: its rates are the same in every year.")
     cls = _table_class(source.table_type)
-    # Any cohort the constructor accepts will do: the view replaces it age by age.
-    base = source.base_year if source.base_year is not None else 1900
-    cohort = min(max(int(base), 1900), _current_calendar_year())
-    keys: dict[str, Any] = {"cohort": cohort, "unisex_blend": unisex_blend}
+    keys: dict[str, Any] = {"unisex_blend": unisex_blend}
+    if source.generational:
+        # Any cohort the constructor accepts will do: the view replaces it age by age.
+        base = source.base_year if source.base_year is not None else 1900
+        keys["cohort"] = min(max(int(base), 1900), _current_calendar_year())
     if source.select:
         keys["duration"] = "ult" if duration is None else duration
     elif duration is not None:
