@@ -29,7 +29,7 @@ Examples
 
 from __future__ import annotations
 
-from typing import TYPE_CHECKING, Literal
+from typing import TYPE_CHECKING, Any, Literal, overload
 
 import numpy as np
 import polars as pl
@@ -43,7 +43,10 @@ if TYPE_CHECKING:
 
     from veltrane.tables.decrement import DecrementTable
 
-    Numbers = float | Sequence[float] | NDArray[np.floating] | NDArray[np.integer]
+    # One age or term gives a float; a sequence or an array of them, a float64 array.
+    Number = float | np.floating[Any] | np.integer[Any]
+    Many = Sequence[float] | NDArray[np.floating[Any]] | NDArray[np.integer[Any]]
+    Numbers = Number | Many
 
 __all__ = ["annuity", "commutation", "insurance", "net_premium", "pure_endowment"]
 
@@ -51,6 +54,44 @@ AnnuityMethod = Literal["exact", "udd", "woolhouse", "woolhouse2"]
 
 #: The columns of :func:`commutation`, in order.
 COMMUTATION_COLUMNS = ("age", "lx", "dx", "Dx", "Nx", "Sx", "Cx", "Mx", "Rx")
+
+
+@overload
+def annuity(
+    table: DecrementTable,
+    x: Number,
+    n: Number | None = None,
+    *,
+    i: float | None = None,
+    due: bool = True,
+    m: int = 1,
+    defer: float = 0,
+    method: AnnuityMethod = "exact",
+) -> float: ...
+@overload
+def annuity(
+    table: DecrementTable,
+    x: Many,
+    n: Number | None = None,
+    *,
+    i: float | None = None,
+    due: bool = True,
+    m: int = 1,
+    defer: float = 0,
+    method: AnnuityMethod = "exact",
+) -> NDArray[np.float64]: ...
+@overload
+def annuity(
+    table: DecrementTable,
+    x: Number | Many,
+    n: Many,
+    *,
+    i: float | None = None,
+    due: bool = True,
+    m: int = 1,
+    defer: float = 0,
+    method: AnnuityMethod = "exact",
+) -> NDArray[np.float64]: ...
 
 
 def annuity(
@@ -103,6 +144,41 @@ def annuity(
     return _native._annuity(table, x, n, i, due, m, defer, method)
 
 
+@overload
+def insurance(
+    table: DecrementTable,
+    x: Number,
+    n: Number | None = None,
+    *,
+    i: float | None = None,
+    m: int | None = 1,
+    defer: float = 0,
+    endowment: bool = False,
+) -> float: ...
+@overload
+def insurance(
+    table: DecrementTable,
+    x: Many,
+    n: Number | None = None,
+    *,
+    i: float | None = None,
+    m: int | None = 1,
+    defer: float = 0,
+    endowment: bool = False,
+) -> NDArray[np.float64]: ...
+@overload
+def insurance(
+    table: DecrementTable,
+    x: Number | Many,
+    n: Many,
+    *,
+    i: float | None = None,
+    m: int | None = 1,
+    defer: float = 0,
+    endowment: bool = False,
+) -> NDArray[np.float64]: ...
+
+
 def insurance(
     table: DecrementTable,
     x: Numbers,
@@ -141,6 +217,14 @@ def insurance(
     return _native._insurance(table, x, n, i, m, defer, endowment)
 
 
+@overload
+def pure_endowment(table: DecrementTable, x: Number, n: Number, *, i: float | None = None) -> float: ...  # type: ignore[overload-overlap]  # NumPy scalars are arrays to mypy
+@overload
+def pure_endowment(
+    table: DecrementTable, x: Number | Many, n: Number | Many, *, i: float | None = None
+) -> NDArray[np.float64]: ...
+
+
 def pure_endowment(
     table: DecrementTable, x: Numbers, n: Numbers, *, i: float | None = None
 ) -> float | NDArray[np.float64]:
@@ -161,6 +245,34 @@ def pure_endowment(
     float or ndarray
     """
     return _native._pure_endowment(table, x, n, i)
+
+
+@overload
+def net_premium(  # type: ignore[overload-overlap]  # NumPy scalars are arrays to mypy
+    table: DecrementTable,
+    x: Number,
+    n: Number | None = None,
+    *,
+    i: float | None = None,
+    endowment: bool = False,
+    m: int = 1,
+    benefit_m: int | None = 1,
+    premium_term: Number | None = None,
+    method: AnnuityMethod = "exact",
+) -> float: ...
+@overload
+def net_premium(
+    table: DecrementTable,
+    x: Number | Many,
+    n: Numbers | None = None,
+    *,
+    i: float | None = None,
+    endowment: bool = False,
+    m: int = 1,
+    benefit_m: int | None = 1,
+    premium_term: Numbers | None = None,
+    method: AnnuityMethod = "exact",
+) -> NDArray[np.float64]: ...
 
 
 def net_premium(

@@ -78,4 +78,5 @@ def period_rates(
             f"duration is only valid for select tables. Table '{table_name}' is not a select table."
         )
     table = cls(table_name, sex, **keys)
-    return table._period_decrement(year)
+    rates: NDArray[np.float64] = table._period_decrement(year)
+    return rates
