@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import doctest
 import re
 import shutil
 import subprocess
@@ -65,6 +66,27 @@ def test_mypy_strict_on_a_user_script(tmp_path):
     assert len(errors) == 2, lines
     assert '"LifeTable" has no attribute "qxx"' in errors[0]
     assert 'No overload variant of "qx"' in errors[1]
+
+
+ROOT = Path(__file__).resolve().parents[1]
+
+
+def test_every_example_of_the_docs_passes_mypy_strict(tmp_path):
+    """The README tour and every docs example, as a user's code, type-check cleanly."""
+    from test_docs import python_lines
+
+    for page in [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md"))]:
+        _, blocks = python_lines(page.read_text(encoding="utf-8"))
+        examples = [doctest.DocTestParser().get_examples(block) for block in blocks]
+        code = "".join(
+            "".join(e.source for e in ex) if ex else block + "\n"
+            for ex, block in zip(examples, blocks, strict=True)
+        )
+        (tmp_path / f"page_{page.stem.replace('-', '_').lower()}.py").write_text(code)
+    (tmp_path / "mypy.ini").write_text("[mypy]\nplugins = veltrane.mypy_plugin\ncache_dir = .cache\n")
+    pages = sorted(path.name for path in tmp_path.glob("page_*.py"))
+    lines = checker(tmp_path, sys.executable, "-m", "mypy", "--strict", *pages)
+    assert lines[-1].startswith("Success"), "\n".join(lines)
 
 
 PYRIGHT = Path(sys.executable).with_name("pyright")
