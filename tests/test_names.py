@@ -86,3 +86,16 @@ def test_the_notebook_card_shows_the_rates_the_table_gives():
 def test_an_unknown_name_in_python_suggests_close_names():
     with pytest.raises(FileNotFoundError, match=r"not found; .* \(did you mean 'CSO2017' or 'CSO2001'\?\)$"):
         LifeTable("cso2017", "f", duration=1)
+
+
+def test_a_projection_shows_its_size_and_the_yearly_means():
+    import polars as pl
+
+    from veltrane.portfolio import project
+
+    policies = pl.DataFrame({"table_name": ["SULT", "SULT"], "sex": ["u", "u"], "age": [60, 70]})
+    result = project(policies, 3)
+    means = result.by_year()
+    assert means["year"].to_list() == [0, 1, 2]
+    assert means["qx"].to_list() == list((result["qx"][0] + result["qx"][1]) / 2)
+    assert "2 policies × 3 years" in result._repr_html_() and repr(result).startswith("<Projection of 2")

@@ -6,6 +6,7 @@ projects the policies in blocks (``project_block``), in this process or in worke
 
 from __future__ import annotations
 
+import html
 from collections.abc import Iterable, Iterator
 from dataclasses import dataclass
 from typing import Any
@@ -38,6 +39,23 @@ class Projection:
 
     def __len__(self) -> int:
         return int(next(iter(self.values.values())).shape[0])
+
+    def __repr__(self) -> str:
+        return f"<Projection of {len(self):,} policies over {self.years} years: {', '.join(self.values)}>"
+
+    def by_year(self) -> pl.DataFrame:
+        """The mean of every quantity over the policies, one row per projection year."""
+        means = {
+            name: array.mean(axis=0) if len(self) else np.full(self.years, np.nan)
+            for name, array in self.values.items()
+        }
+        return pl.DataFrame({"year": np.arange(self.years, dtype=np.int32), **means})
+
+    def _repr_html_(self) -> str:
+        """What a notebook shows: the size of the projection and the first years' means."""
+        head = html.escape(f"Projection: {len(self):,} policies × {self.years} years")
+        table = self.by_year().head(10)._repr_html_()
+        return f"<div><strong>{head}</strong><br><small>mean over the policies, by year</small>{table}</div>"
 
     def to_frame(self) -> pl.DataFrame:
         """A long frame: one row per policy and year (``policy``, ``year``), one column per quantity."""
