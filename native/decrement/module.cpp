@@ -3,6 +3,7 @@
 // Names are bound in a fixed order at import; the unisex cache registers with the
 // configuration's reset hook, and a change hook keeps the settings snapshot current.
 #include "decrement/contingencies.hpp"
+#include "decrement/multistate.hpp"
 #include "decrement/projection.hpp"
 #include "decrement/table.hpp"
 #include "pyutil/module_functions.hpp"
@@ -349,6 +350,7 @@ int decrement_exec(PyObject* module) {
         py::add_function(module, configure_all_def);
         bind_registry(module);
         bind_contingencies(module);
+        bind_multistate(module);
         return 0;
     });
 }
