@@ -103,8 +103,8 @@ void annuity(const Model& model, const AnnuityTerms& terms, std::span<const doub
         const std::size_t years = horizon(model, age, pick(n, e));
         Step p = start_of(terms.start);
         double value = 0.0;
+        double vk = 1.0;  // v^k
         for (std::size_t k = 0; k < years; ++k) {
-            const double vk = std::pow(terms.v, static_cast<double>(k));
             const double now = payable_share(p, terms.payable);
             const Step next = step(model, p, age + k, k);
             if (terms.due) {
@@ -113,6 +113,7 @@ void annuity(const Model& model, const AnnuityTerms& terms, std::span<const doub
                 value += vk * now * inner + vk * terms.v * payable_share(next, terms.payable) * at_whole;
             }
             p = next;
+            vk *= terms.v;
         }
         out[e] = value;
     }
@@ -125,10 +126,12 @@ void insurance(const Model& model, State start, double v, std::span<const double
         const std::size_t years = horizon(model, age, pick(n, e));
         Step p = start_of(start);
         double value = 0.0;
+        double vk = v;  // v^(k + 1)
         for (std::size_t k = 0; k < years; ++k) {
             const Step next = step(model, p, age + k, k);
-            value += std::pow(v, static_cast<double>(k + 1)) * (next.dead - p.dead);
+            value += vk * (next.dead - p.dead);
             p = next;
+            vk *= v;
         }
         out[e] = value;
     }

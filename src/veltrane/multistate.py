@@ -18,6 +18,7 @@ Examples
 
 from __future__ import annotations
 
+import copy
 import math
 import numbers
 from typing import TYPE_CHECKING, Literal
@@ -29,7 +30,6 @@ from veltrane.tables import decrement as _native
 from veltrane.tables.disability import DisabilityTable
 from veltrane.tables.exit import ExitTable
 from veltrane.tables.life import LifeTable
-from veltrane.tables.select_path import _rates_at
 
 if TYPE_CHECKING:
     from collections.abc import Sequence
@@ -294,7 +294,12 @@ def _rows(table: DecrementTable) -> Rows:
     start = table.start_duration if table.start_duration is not None else 1
     period = int(table.select_period or 0)
     durations: list[int | str] = [start + k for k in range(period)] + ["ult"]
-    rows = np.array([np.round(_rates_at(table, d)[:ages], decimals) for d in durations])
+    # One copy walked through the durations: the table itself is never touched.
+    column = copy.copy(table)
+    rows = np.empty((len(durations), ages))
+    for row, d in zip(rows, durations, strict=True):
+        column.duration = d
+        row[:] = np.round(np.asarray(column._decrement)[:ages], decimals)
     duration = table.duration
     first = period if duration in (None, "ult") else min(int(duration) - start, period)
     return rows, first
