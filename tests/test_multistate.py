@@ -3,6 +3,8 @@
 from __future__ import annotations
 
 import functools
+import gc
+import sys
 
 import numpy as np
 import pytest
@@ -329,3 +331,30 @@ def test_pending_tables_are_refused():
 def test_the_kernel_binding_refuses_malformed_rates(rates, error):
     with pytest.raises(error):
         decrement._disability_check(rates)
+
+
+def test_long_vectors_run_without_the_interpreter_and_agree():
+    chosen = model(True)
+    ages = np.tile(np.arange(121.0), 50)  # long enough for the kernel to release the GIL
+    ours = chosen.annuity(ages, np.full(ages.size, 10.0), i=RATE, payable="alive", m=12)
+    np.testing.assert_array_equal(
+        ours, np.tile(chosen.annuity(np.arange(121.0), 10, i=RATE, payable="alive", m=12), 50)
+    )
+    block = chosen.state_probabilities(ages[:600], 5)
+    np.testing.assert_array_equal(block[121 + 40], chosen.state_probabilities(40, 5))
+
+
+def test_no_reference_is_kept_or_lost():
+    rates = model(True)._rates()
+    ages, terms = np.arange(20.0, 60.0), np.full(40, 10.0)
+    held = [rates[0][0], rates[1][0], ages, terms]
+    before = [sys.getrefcount(obj) for obj in held]
+    for _ in range(100):
+        decrement._disability_annuity(rates, ages, terms, "active", "alive", 0.96, 12, True)
+        decrement._disability_insurance(rates, ages, None, "disabled", 0.96)
+        decrement._disability_states(rates, ages, 3, "active")
+        decrement._disability_check(rates)
+        with pytest.raises(ValueError):
+            decrement._disability_annuity(rates, ages, terms, "active", "nobody", 0.96, 12, True)
+    gc.collect()
+    assert [sys.getrefcount(obj) for obj in held] == before
