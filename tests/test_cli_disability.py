@@ -17,6 +17,9 @@ RECOVERING = DisabilityModel(
     MODEL.disabled_mortality,
     recovery=ExitTable("KRIEGER_RECOVERY", "u"),
 )
+MID_YEAR = DisabilityModel(
+    MODEL.active_mortality, MODEL.incidence, MODEL.disabled_mortality, convention="mid_year"
+)
 COMMAND = "disability SULT CIDA1985_90 PBGC_DISABLED --sex m "
 
 
@@ -52,6 +55,7 @@ def run(capsys, command: str) -> tuple[int, str, str]:
             ),
         ),
         (COMMAND + "--age 40 --rate 0.04 --insurance", f"{MODEL.insurance(40, i=0.04)!r}\n"),
+        (COMMAND + "--age 40 --rate 0.04 --term 25 --mid-year", f"{MID_YEAR.annuity(40, 25, i=0.04)!r}\n"),
     ],
 )
 def test_values_are_the_models(capsys, command, expected):

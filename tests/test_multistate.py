@@ -49,10 +49,13 @@ def reference_paths(model, x: int, years: int, start: str) -> np.ndarray:
     out = [p]
     for k in range(years):
         age = x + k
+        # Mid-year moves: the movers face half a year of the new state's mortality.
+        half = 0.5 if model.convention == "mid_year" else 0.0
+        a, i, q, back = qa(age, k), ia(age, k), qi(age, k), r(age, k)
         moves = np.array(
             [
-                [max(1.0 - qa(age, k) - ia(age, k), 0.0), ia(age, k), qa(age, k)],
-                [r(age, k), max(1.0 - qi(age, k) - r(age, k), 0.0), qi(age, k)],
+                [max(1.0 - a - i, 0.0), i * (1 - half * q), a + i * half * q],
+                [back * (1 - half * a), max(1.0 - q - back, 0.0), q + back * half * a],
                 [0.0, 0.0, 1.0],
             ]
         )
@@ -78,30 +81,35 @@ def reference_insurance(paths: np.ndarray, n: int) -> float:
     return float(np.sum((1.0 + RATE) ** -(k + 1.0) * (paths[k + 1, 2] - paths[k, 2])))
 
 
+#: The models tested: without recovery, with it, and with it and mid-year moves.
+KINDS = ("plain", "recovery", "mid-year")
+
+
 @functools.cache
-def model(recovery: bool, active: tuple = ("SULT", "u", None)) -> DisabilityModel:
+def model(kind: str, active: tuple = ("SULT", "u", None)) -> DisabilityModel:
     name, sex, duration = active
     return DisabilityModel(
         LifeTable(name, sex, duration=duration),
         DisabilityTable("CIDA1985_90", "m"),
         LifeTable("PBGC_DISABLED", "m"),
-        recovery=ExitTable("KRIEGER_RECOVERY", "u") if recovery else None,
+        recovery=ExitTable("KRIEGER_RECOVERY", "u") if kind != "plain" else None,
+        convention="mid_year" if kind == "mid-year" else "end_of_year",
     )
 
 
 @functools.cache
-def paths(recovery: bool, start: str, active: tuple = ("SULT", "u", None)) -> dict[int, np.ndarray]:
+def paths(kind: str, start: str, active: tuple = ("SULT", "u", None)) -> dict[int, np.ndarray]:
     """Reference paths from every age to the end of the model."""
-    chosen = model(recovery, active)
+    chosen = model(kind, active)
     end = last_age(chosen) + 1
     return {x: reference_paths(chosen, x, end - x, start) for x in range(end)}
 
 
 # -- agreement with the NumPy chain ----------------------------------------------------------------
-@pytest.mark.parametrize("recovery", [False, True])
+@pytest.mark.parametrize("kind", KINDS)
 @pytest.mark.parametrize("start", ["active", "disabled"])
-def test_state_probabilities_are_the_numpy_chain(recovery, start):
-    chosen, expected = model(recovery), paths(recovery, start)
+def test_state_probabilities_are_the_numpy_chain(kind, start):
+    chosen, expected = model(kind), paths(kind, start)
     ages = np.arange(last_age(chosen) + 1)
     years = 60
     ours = chosen.state_probabilities(ages, years, start=start)
@@ -116,13 +124,13 @@ def test_state_probabilities_are_the_numpy_chain(recovery, start):
     np.testing.assert_allclose(single.sum(axis=1), 1.0, rtol=0, atol=1e-14)
 
 
-@pytest.mark.parametrize("recovery", [False, True])
+@pytest.mark.parametrize("kind", KINDS)
 @pytest.mark.parametrize("start", ["active", "disabled"])
 @pytest.mark.parametrize("payable", ["disabled", "active", "alive"])
 @pytest.mark.parametrize(("m", "due"), [(1, True), (1, False), (12, True), (4, False)])
 @pytest.mark.parametrize("n", [None, 15])
-def test_annuities_are_the_numpy_chain(recovery, start, payable, m, due, n):
-    chosen, expected = model(recovery), paths(recovery, start)
+def test_annuities_are_the_numpy_chain(kind, start, payable, m, due, n):
+    chosen, expected = model(kind), paths(kind, start)
     ages = np.arange(last_age(chosen) + 1)
     ours = chosen.annuity(ages, n, i=RATE, start=start, payable=payable, m=m, due=due)
     end = last_age(chosen) + 1
@@ -134,10 +142,10 @@ def test_annuities_are_the_numpy_chain(recovery, start, payable, m, due, n):
     assert chosen.annuity(40, n, i=RATE, start=start, payable=payable, m=m, due=due) == ours[40]
 
 
-@pytest.mark.parametrize("recovery", [False, True])
+@pytest.mark.parametrize("kind", KINDS)
 @pytest.mark.parametrize("start", ["active", "disabled"])
-def test_insurances_are_the_numpy_chain_and_whole_life_is_one_minus_d_annuity(recovery, start):
-    chosen, expected = model(recovery), paths(recovery, start)
+def test_insurances_are_the_numpy_chain_and_whole_life_is_one_minus_d_annuity(kind, start):
+    chosen, expected = model(kind), paths(kind, start)
     end = last_age(chosen) + 1
     ages = np.arange(end)
     for n in (None, 20):
@@ -156,7 +164,7 @@ def test_insurances_are_the_numpy_chain_and_whole_life_is_one_minus_d_annuity(re
     ids=["select-d1", "select-d2", "select-ult", "cso-d3"],
 )
 def test_a_select_table_follows_its_diagonal(active):
-    chosen, expected = model(True, active), paths(True, "active", active)
+    chosen, expected = model("recovery", active), paths("recovery", "active", active)
     ages = np.arange(20, 90)
     ours = chosen.annuity(ages, i=RATE, payable="alive")
     end = last_age(chosen) + 1
@@ -189,7 +197,7 @@ def test_a_generational_active_table_gives_its_cohort_rates():
 
 # -- conventions at the ends of the tables ------------------------------------------------------
 def test_incidence_gives_its_rate_at_its_last_age_and_nothing_after():
-    chosen = model(False)
+    chosen = model("plain")
     p = chosen.state_probabilities(65, 2)
     published = shown(chosen.incidence)[65]
     assert published < 0.1  # the table's own functions would make it a certainty at w = 65
@@ -199,7 +207,7 @@ def test_incidence_gives_its_rate_at_its_last_age_and_nothing_after():
 
 
 def test_mortality_ends_every_life_at_its_own_last_age():
-    chosen = model(False)
+    chosen = model("plain")
     assert chosen.disabled_mortality.w == 110 < chosen.active_mortality.w == 120
     assert chosen.annuity(110, i=RATE, start="disabled") == 1.0  # paid at 110, dead by 111
     assert chosen.annuity(120, i=RATE, start="active", payable="active") == 1.0
@@ -223,17 +231,17 @@ def test_interest_comes_from_the_call_or_else_the_active_table():
         DisabilityTable("CIDA1985_90", "m"),
         LifeTable("PBGC_DISABLED", "m"),
     )
-    assert with_rate.annuity(40) == model(False).annuity(40, i=RATE)
-    assert with_rate.annuity(40, i=0.0) == model(False).annuity(40, i=0.0)
+    assert with_rate.annuity(40) == model("plain").annuity(40, i=RATE)
+    assert with_rate.annuity(40, i=0.0) == model("plain").annuity(40, i=0.0)
 
 
 def test_the_frame_view_is_the_array():
-    frame = model(True).state_frame(60, 5, start="disabled")
+    frame = model("recovery").state_frame(60, 5, start="disabled")
     assert frame.columns == ["year", "age", "active", "disabled", "dead"]
     assert frame["age"].to_list() == list(range(60, 66))
     np.testing.assert_array_equal(
         frame.select("active", "disabled", "dead").to_numpy(),
-        model(True).state_probabilities(60, 5, "disabled"),
+        model("recovery").state_probabilities(60, 5, "disabled"),
     )
 
 
@@ -301,7 +309,7 @@ def test_rates_summing_above_one_are_refused_with_the_age(tables):
 )
 def test_bad_arguments_are_refused(call, error, message):
     with pytest.raises(error, match=message):
-        call(model(False))
+        call(model("plain"))
 
 
 def test_a_modified_select_table_is_refused():
@@ -322,10 +330,12 @@ def test_pending_tables_are_refused():
     [
         ((), TypeError),
         ((1, 2, 3, 4), TypeError),
-        (((np.zeros(3), 0),) * 4, ValueError),  # a vector where rows are needed
-        (((np.zeros((1, 3)), 1),) * 4, ValueError),  # no such first row
-        (((np.zeros((0, 3)), 0),) * 4, ValueError),
-        (((np.zeros((1, 3)), "a"),) * 4, TypeError),
+        ((*((np.zeros((1, 3)), 0),) * 4,), TypeError),  # no convention
+        ((*((np.zeros(3), 0),) * 4, False), ValueError),  # a vector where rows are needed
+        ((*((np.zeros((1, 3)), 1),) * 4, False), ValueError),  # no such first row
+        ((*((np.zeros((0, 3)), 0),) * 4, False), ValueError),
+        ((*((np.zeros((1, 3)), "a"),) * 4, False), TypeError),
+        ((*((np.zeros((1, 3)), 0),) * 4, 1), TypeError),  # the convention is a flag
     ],
 )
 def test_the_kernel_binding_refuses_malformed_rates(rates, error):
@@ -334,7 +344,7 @@ def test_the_kernel_binding_refuses_malformed_rates(rates, error):
 
 
 def test_long_vectors_run_without_the_interpreter_and_agree():
-    chosen = model(True)
+    chosen = model("recovery")
     ages = np.tile(np.arange(121.0), 50)  # long enough for the kernel to release the GIL
     ours = chosen.annuity(ages, np.full(ages.size, 10.0), i=RATE, payable="alive", m=12)
     np.testing.assert_array_equal(
@@ -345,7 +355,7 @@ def test_long_vectors_run_without_the_interpreter_and_agree():
 
 
 def test_no_reference_is_kept_or_lost():
-    rates = model(True)._rates()
+    rates = model("recovery")._rates()
     ages, terms = np.arange(20.0, 60.0), np.full(40, 10.0)
     held = [rates[0][0], rates[1][0], ages, terms]
     before = [sys.getrefcount(obj) for obj in held]
@@ -358,3 +368,19 @@ def test_no_reference_is_kept_or_lost():
             decrement._disability_annuity(rates, ages, terms, "active", "nobody", 0.96, 12, True)
     gc.collect()
     assert [sys.getrefcount(obj) for obj in held] == before
+
+
+def test_mid_year_moves_face_half_a_year_of_the_new_states_mortality():
+    chosen = model("mid-year")
+    q_active, i, q_disabled = (
+        shown(t)[60] for t in (chosen.active_mortality, chosen.incidence, chosen.disabled_mortality)
+    )
+    p = chosen.state_probabilities(60, 1)[1]
+    assert p[1] == pytest.approx(i * (1 - q_disabled / 2), abs=1e-16)
+    assert p[2] == pytest.approx(q_active + i * q_disabled / 2, abs=1e-16)
+    assert p[0] == model("recovery").state_probabilities(60, 1)[1, 0]  # staying active is the same
+    assert repr(chosen).endswith("recovery=KRIEGER_RECOVERY[u], convention='mid_year')")
+    with pytest.raises(ValueError, match="convention must be one of end_of_year, mid_year, got 'midyear'"):
+        DisabilityModel(
+            chosen.active_mortality, chosen.incidence, chosen.disabled_mortality, convention="midyear"
+        )

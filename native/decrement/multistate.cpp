@@ -32,6 +32,12 @@ constexpr double kSumTolerance = 1e-12;
     py::raise_str(PyExc_ValueError, "[" + std::string(method) + "] " + what);
 }
 
+bool flag(PyObject* value, const char* method, const char* name) {
+    if (PyBool_Check(value) || PyArray_IsScalar(value, Bool)) return py::require(PyObject_IsTrue(value)) == 1;
+    py::ref type = type_name_of(value);
+    py::raise(PyExc_TypeError, "[%s] %s must be True or False, got %U", method, name, type.get());
+}
+
 // The rates of one move and the arrays that hold them for the kernel's duration.
 struct Held {
     std::array<py::ref, 4> arrays;
@@ -66,10 +72,11 @@ ms::Rates rates_of(PyObject* item, bool ends_life, py::ref& keep) {
     return r;
 }
 
-// (active mortality, incidence, disabled mortality, recovery or None), each (rates, first row).
+// (active mortality, incidence, disabled mortality, recovery or None, mid_year), each table
+// as (rates, first row).
 Held model_of(PyObject* rates) {
-    if (!PyTuple_Check(rates) || PyTuple_GET_SIZE(rates) != 4) {
-        py::raise(PyExc_TypeError, "_disability rates: expected a tuple of 4 items");
+    if (!PyTuple_Check(rates) || PyTuple_GET_SIZE(rates) != 5) {
+        py::raise(PyExc_TypeError, "_disability rates: expected a tuple of 5 items");
     }
     Held held;
     held.model.active_death = rates_of(PyTuple_GET_ITEM(rates, 0), true, held.arrays[0]);
@@ -77,6 +84,7 @@ Held model_of(PyObject* rates) {
     held.model.disabled_death = rates_of(PyTuple_GET_ITEM(rates, 2), true, held.arrays[2]);
     PyObject* recovery = PyTuple_GET_ITEM(rates, 3);
     if (recovery != Py_None) held.model.recovery = rates_of(recovery, false, held.arrays[3]);
+    held.model.mid_year = flag(PyTuple_GET_ITEM(rates, 4), "_disability", "mid_year");
     return held;
 }
 
@@ -91,12 +99,6 @@ ms::Payable payable_of(PyObject* value) {
     if (str_equals(value, "disabled")) return ms::Payable::disabled;
     if (str_equals(value, "alive")) return ms::Payable::alive;
     py::raise(PyExc_ValueError, "[annuity] payable must be 'active', 'disabled' or 'alive', got %R", value);
-}
-
-bool flag(PyObject* value, const char* method, const char* name) {
-    if (PyBool_Check(value) || PyArray_IsScalar(value, Bool)) return py::require(PyObject_IsTrue(value)) == 1;
-    py::ref type = type_name_of(value);
-    py::raise(PyExc_TypeError, "[%s] %s must be True or False, got %U", method, name, type.get());
 }
 
 // Ages: whole numbers from 0 to the last age of the model (the later mortality end).

@@ -24,8 +24,12 @@ Step step(const Model& model, const Step& p, std::size_t age, std::size_t k) noe
     // A sum within the tolerance above 1 leaves nobody, rather than a negative share.
     const double stay_active = std::max(1.0 - qa - ia, 0.0);
     const double stay_disabled = std::max(1.0 - qi - r, 0.0);
-    return {p.active * stay_active + p.disabled * r, p.active * ia + p.disabled * stay_disabled,
-            p.dead + (p.active * qa + p.disabled * qi)};
+    // At mid-year, a move is followed by half a year of the new state's mortality.
+    const double disabled_then_dead = model.mid_year ? ia * (0.5 * qi) : 0.0;
+    const double recovered_then_dead = model.mid_year ? r * (0.5 * qa) : 0.0;
+    return {p.active * stay_active + p.disabled * (r - recovered_then_dead),
+            p.active * (ia - disabled_then_dead) + p.disabled * stay_disabled,
+            p.dead + (p.active * (qa + disabled_then_dead) + p.disabled * (qi + recovered_then_dead))};
 }
 
 Step start_of(State start) noexcept {

@@ -1,6 +1,7 @@
 // The active-disabled-dead model as an annual Markov chain: a life moves at the end of each
 // year, with the tables' one-year rates as the dependent probabilities of each move (from
-// active: die q^a, become disabled i; from disabled: die q^i, recover r; else stay).
+// active: die q^a, become disabled i; from disabled: die q^i, recover r; else stay), or, as an
+// option, moves to the other live state at mid-year and faces half a year of its mortality.
 // Pure arithmetic over spans: the callers check that every reachable year is possible
 // (impossible_year) before running the chain, which then never reads a rate sum above 1.
 #pragma once
@@ -36,6 +37,9 @@ struct Model {
     Rates incidence;
     Rates disabled_death;
     Rates recovery;  // rows = 0, ages = 0: no recovery
+    // Moves between the live states at mid-year, followed by half a year of the new state's
+    // mortality within the same year (false: every move at the end of the year).
+    bool mid_year = false;
     // The first age at which every life is dead: one past the later of the two mortality ends.
     std::size_t end_age() const noexcept {
         const std::size_t a = active_death.ages, d = disabled_death.ages;

@@ -40,14 +40,18 @@ if TYPE_CHECKING:
 
     Numbers = float | Sequence[float] | NDArray[np.floating] | NDArray[np.integer]
 
-__all__ = ["STATES", "DisabilityModel"]
+__all__ = ["CONVENTIONS", "STATES", "DisabilityModel"]
 
 State = Literal["active", "disabled"]
 Payable = Literal["active", "disabled", "alive"]
+Convention = Literal["end_of_year", "mid_year"]
+#: The timing conventions of the moves between the live states.
+CONVENTIONS = ("end_of_year", "mid_year")
 #: The states of the model, in the order of the columns of ``state_probabilities``.
 STATES = ("active", "disabled", "dead")
 
 Rows = tuple[np.ndarray, int]
+Chain = tuple[Rows, Rows, Rows, Rows | None, bool]
 
 
 class DisabilityModel:
@@ -70,6 +74,12 @@ class DisabilityModel:
     follows its select diagonal: at age x + k the rate of duration ``duration`` + k, the
     ultimate rate after the select period.
 
+    With ``convention="mid_year"`` the moves between the live states happen in the middle of the
+    year and are followed by half a year of the new state's mortality in the same year: an
+    active life becomes disabled and survives the year with ``i_x (1 - q^i_x / 2)`` and dies
+    with ``q^a_x + i_x q^i_x / 2``; a disabled life recovers with ``r_x (1 - q^a_x / 2)`` and dies
+    with ``q^i_x + r_x q^a_x / 2``.
+
     Parameters
     ----------
     active_mortality : LifeTable
@@ -80,17 +90,20 @@ class DisabilityModel:
         Mortality of disabled lives.
     recovery : ExitTable, optional
         One-year probabilities that a disabled life recovers (becomes active again).
+    convention : {"end_of_year", "mid_year"}
+        When the moves between the live states happen (see above); deaths are counted in the
+        year they happen either way.
 
     Raises
     ------
     TypeError
         A table of the wrong class.
     ValueError
-        A table is pending, a modified select table (modify its ``select_path`` instead), or the
-        rates of a year sum above 1 (the message names the age).
+        An unknown convention, a table is pending, a modified select table (modify its
+        ``select_path`` instead), or the rates of a year sum above 1 (the message names the age).
     """
 
-    __slots__ = ("_tables",)
+    __slots__ = ("_mid_year", "_tables")
 
     def __init__(
         self,
@@ -99,6 +112,7 @@ class DisabilityModel:
         disabled_mortality: LifeTable,
         *,
         recovery: ExitTable | None = None,
+        convention: Convention = "end_of_year",
     ) -> None:
         for name, table, kind in (
             ("active_mortality", active_mortality, LifeTable),
@@ -112,7 +126,12 @@ class DisabilityModel:
                 raise TypeError(
                     f"DisabilityModel: {name} must be a {kind.__name__}, got {type(table).__name__}"
                 )
+        if not isinstance(convention, str) or convention not in CONVENTIONS:
+            raise ValueError(
+                f"DisabilityModel: convention must be one of {', '.join(CONVENTIONS)}, got {convention!r}"
+            )
         self._tables = (active_mortality, incidence, disabled_mortality, recovery)
+        self._mid_year = convention == "mid_year"
         self._rates()  # refuses a model whose rates cannot be probabilities, before it is used
 
     @property
@@ -135,11 +154,17 @@ class DisabilityModel:
         """The table of recovery rates, or None."""
         return self._tables[3]
 
+    @property
+    def convention(self) -> Convention:
+        """When the moves between the live states happen: "end_of_year" or "mid_year"."""
+        return "mid_year" if self._mid_year else "end_of_year"
+
     def __repr__(self) -> str:
         names = ["None" if t is None else f"{t.table_name}[{t.sex}]" for t in self._tables]
         return (
             f"DisabilityModel(active_mortality={names[0]}, incidence={names[1]}, "
-            f"disabled_mortality={names[2]}, recovery={names[3]})"
+            f"disabled_mortality={names[2]}, recovery={names[3]}"
+            f"{', convention=' + repr(self.convention) if self._mid_year else ''})"
         )
 
     def state_probabilities(self, x: Numbers, years: int, start: State = "active") -> NDArray[np.float64]:
@@ -163,7 +188,7 @@ class DisabilityModel:
         """
         return _native._disability_states(self._rates(), x, years, start)
 
-    def state_frame(self, x: int, years: int, start: State = "active") -> pl.DataFrame:
+    def state_frame(self, x: float, years: int, start: State = "active") -> pl.DataFrame:
         """:meth:`state_probabilities` of one age as a frame: year, age, active, disabled, dead."""
         if not isinstance(x, numbers.Real) or isinstance(x, bool):
             raise TypeError(f"[state_frame] x must be a single number, got {type(x).__name__}")
@@ -256,11 +281,11 @@ class DisabilityModel:
             raise ValueError(f"[{method}] {which} must be a finite number >= 0, got {rate!r}")
         return 1.0 / (1.0 + rate)
 
-    def _rates(self) -> tuple[Rows, Rows, Rows, Rows | None]:
+    def _rates(self) -> Chain:
         """Each table's rows of rates (by duration for a select table) and its first row, checked."""
         a, inc, d, r = (None if t is None else _rows(t) for t in self._tables)
         assert a is not None and inc is not None and d is not None
-        rates = (a, inc, d, r)
+        rates = (a, inc, d, r, self._mid_year)
         bad = _native._disability_check(rates)
         if bad is not None:
             age, year, state, death, other = bad

@@ -12,7 +12,6 @@ from veltrane.cli.common import (
     cli_message,
     format_number,
     key_arguments,
-    number,
     numbers,
     one_line,
     open_table,
@@ -39,6 +38,11 @@ def add_commands(commands: Any) -> None:
     model.add_argument("incidence", metavar="INCIDENCE", help="disability incidence (a disability table)")
     model.add_argument("disabled", metavar="DISABLED", help="mortality of the disabled (a life table)")
     model.add_argument("--recovery", metavar="TABLE", help="recovery rates (an exit table; default none)")
+    model.add_argument(
+        "--mid-year",
+        action="store_true",
+        help="moves between the live states at mid-year, then half a year of the new state's mortality",
+    )
     key_arguments(model)
     model.add_argument("--age", type=numbers, required=True, help="age(s) at the start, whole years")
     model.add_argument("--rate", type=float, help="annual effective interest rate (needed for values)")
@@ -70,7 +74,11 @@ def open_model(args: argparse.Namespace) -> DisabilityModel:
     entries += [args.recovery] if args.recovery is not None else []
     tables = [open_table(_table_keys(args, entry)) for entry in entries]
     try:
-        return DisabilityModel(*tables[:3], recovery=tables[3] if len(tables) == 4 else None)  # type: ignore[arg-type]
+        return DisabilityModel(
+            *tables[:3],  # type: ignore[arg-type]
+            recovery=tables[3] if len(tables) == 4 else None,  # type: ignore[arg-type]
+            convention="mid_year" if args.mid_year else "end_of_year",
+        )
     except (ValueError, TypeError) as exc:
         raise RefusedError(cli_message(str(exc))) from exc
 
@@ -117,7 +125,7 @@ def states(model: DisabilityModel, args: argparse.Namespace) -> int:
     if isinstance(args.age, list):
         raise RefusedError("--states follows one age: give a single --age")
     try:
-        frame = model.state_frame(number(str(args.age)), args.states, start=args.start)
+        frame = model.state_frame(args.age, args.states, start=args.start)
     except (ValueError, TypeError) as exc:
         raise RefusedError(str(exc)) from exc
     if args.output is None:
