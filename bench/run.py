@@ -9,7 +9,8 @@ Run with ``make bench`` or ``python bench/run.py``. Every figure is a median ove
   1.5 times the NumPy time); the script checks that the values are the same;
 - the peak memory of the grid, against the result plus one piece of 2,000,000 cells;
 - then table construction (construction.py), generational builds against NumPy
-  (generational.py), the life contingencies (contingencies.py), a portfolio projection of
+  (generational.py), the life contingencies (contingencies.py), the disability model's annuities
+  (multistate.py), a portfolio projection of
   1,000,000 policies over 30 years (portfolio.py) and the import of the published XTbML files
   (xtbml.py).
 
@@ -164,6 +165,7 @@ def main() -> None:
     import construction
     import contingencies
     import generational
+    import multistate
     import portfolio
     import xtbml
 
@@ -171,6 +173,7 @@ def main() -> None:
     print()
     generational.main()
     contingencies.main()
+    multistate.main()
     portfolio.main()
     xtbml.main()
 

@@ -14,7 +14,7 @@ import numpy as np
 import pytest
 
 from conftest import RAW, improved
-from veltrane import LifeTable
+from veltrane import DisabilityTable, ExitTable, LifeTable
 from veltrane.contingencies import annuity
 from veltrane.tables.source import TableSource
 
@@ -36,7 +36,7 @@ def generator():
     return module
 
 
-def xtbml_cells(name: str, block: int = 0) -> dict[tuple[int, ...], float]:
+def xtbml_cells(name: str, block: int = 0, folder: str = "soa-xtbml") -> dict[tuple[int, ...], float]:
     """The cells of an XTbML table keyed by their labels, outer axis first: (age,), (issue age,
     duration) or (age, year) (read here on purpose without the project's reader, as an independent
     witness)."""
@@ -50,7 +50,7 @@ def xtbml_cells(name: str, block: int = 0) -> dict[tuple[int, ...], float]:
             else:
                 walk(child, key + label)
 
-    walk(ET.parse(RAW / "soa-xtbml" / name).getroot().findall("Table")[block].find("Values"), ())
+    walk(ET.parse(RAW / folder / name).getroot().findall("Table")[block].find("Values"), ())
     return cells
 
 
@@ -195,3 +195,34 @@ def test_pri2012r_projects_year_by_year_with_mp2020(sex, base_file, scale_file):
                 want = base[age,] / kept(age, range(year + 1, 2013))
             assert table.qx(age) == pytest.approx(want, rel=1e-11, abs=1e-12)
         assert (table.qx(49), table.qx(table.w)) == (0.0, 1.0)
+
+
+@needs_raw
+@pytest.mark.parametrize(
+    ("name", "kind", "sex", "file", "first", "last", "w"),
+    [
+        ("CIDA1985_30", DisabilityTable, "m", "t1240.xml", 20, 65, 65),
+        ("CIDA1985_30", DisabilityTable, "f", "t1266.xml", 20, 65, 65),
+        ("CIDA1985_90", DisabilityTable, "m", "t1246.xml", 20, 65, 65),
+        ("CIDA1985_90", DisabilityTable, "f", "t1272.xml", 20, 65, 65),
+        ("PBGC_DISABLED", LifeTable, "m", "t1154.xml", 20, 107, 110),
+        ("PBGC_DISABLED", LifeTable, "f", "t1155.xml", 20, 110, 110),
+        ("KRIEGER_RECOVERY", ExitTable, "u", "t1584.xml", 27, 76, 76),
+    ],
+)
+def test_disability_entries_are_the_published_rates_at_every_published_age(
+    name, kind, sex, file, first, last, w
+):
+    cells = xtbml_cells(file, folder="soa-xtbml-all")
+    assert sorted(cells) == [(age,) for age in range(first, last + 1)]
+    table = kind(name, sex)
+    assert (table.start_age, table.w) == (first, w)
+    shown = table.view_data()  # what users see: from the first published age, at the table's decimals
+    assert shown["age"].to_list() == list(range(first, w + 1))
+    rates = shown[shown.columns[1]].to_numpy()
+    published = [cells[(age,)] for age in range(first, last + 1)]
+    np.testing.assert_array_equal(rates[: last - first + 1], published)
+    # Below the first published age nothing is published: 0, marked by the start age.
+    assert np.all(table.view_data(show_normalized=True)[shown.columns[1]].to_numpy()[:first] == 0.0)
+    # Only the men's PBGC table ends before w: past its certain death at 107 no man is left.
+    assert np.all(rates[last - first + 1 :] == 1.0) and (last == w or cells[(last,)] == 1.0)

@@ -296,20 +296,22 @@ def from_xtbml(
     source: dict[str, Any] | None = None,
     *,
     scales: tuple[str, ...] = (),
+    folder: str = "soa-xtbml",
     **options: Any,
 ) -> Callable[[Path], Built]:
     """An entry read by the XTbML importer from the SOA table service files, one per sex.
 
     ``source`` adds to (or replaces keys of) the ``[source]`` the importer reads from the files;
-    ``scales`` are projection-scale files of the same folder, one per sex.
+    ``scales`` are projection-scale files of the same folder, one per sex; ``folder`` is the
+    raw folder that holds them (``soa-xtbml-all`` for the whole table service).
     """
 
     def build(raw: Path) -> Built:
         from veltrane.tables.xtbml import read_xtbml
 
-        folder = raw / "soa-xtbml"
-        scale = {"scale": [folder / f for f in scales]} if scales else {}
-        table = read_xtbml([folder / f for f in files], "CATALOGUE", **scale, **options)
+        folder_path = raw / folder
+        scale = {"scale": [folder_path / f for f in scales]} if scales else {}
+        table = read_xtbml([folder_path / f for f in files], "CATALOGUE", **scale, **options)
         metadata = {**table.metadata, "description": description}
         metadata["sex_independent"] = False
         if source:
@@ -317,6 +319,47 @@ def from_xtbml(
         return metadata, {k: v.tolist() for k, v in table.columns.items()}
 
     return build
+
+
+def pbgc_disabled(raw: Path) -> Built:
+    """PBGC Tables Va and VIa, men published to age 107 and women to 110, as one life table.
+
+    The importer needs one age range per table; the men's rate at 107 is already certain death,
+    so their column carries that certainty on to the women's last age, where no man is left.
+    """
+    from veltrane.tables.xtbml import read_xtbml
+
+    folder = raw / "soa-xtbml-all"
+    # The files' content type, "Disabled Lives Mortality", is mortality all the same.
+    men, women = (
+        read_xtbml([folder / name], "CATALOGUE", table_type="life") for name in ("t1154.xml", "t1155.xml")
+    )
+    male, female = men.columns["qx_m"].tolist(), women.columns["qx_f"].tolist()
+    men_w, women_w = men.metadata["omega"], women.metadata["omega"]
+    if male[men_w] != 1.0 or men_w > women_w or men.metadata["start_age"] != women.metadata["start_age"]:
+        raise ValueError("PBGC Va / VIa: expected the men's table to end in certain death before the women's")
+    metadata = {
+        "table_type": "life",
+        "description": PBGC_DISABLED.format(men=men_w, women=women_w, after=men_w + 1),
+        "sexes": ["m", "f"],
+        "sex_independent": False,
+        "omega": women_w,
+        "start_age": women.metadata["start_age"],
+        "source": {
+            "name": f"{men.metadata['source']['name']}; {women.metadata['source']['name']}",
+            "table_identity": "1154; 1155",
+            "provider": men.metadata["source"]["provider"],
+            "reference": men.metadata["source"]["reference"],
+            "content_type": men.metadata["source"]["content_type"],
+            "notes": f"men's rates 1 from age {men_w + 1} to {women_w}, beyond their published ages",
+        },
+    }
+    columns: Columns = {
+        "age": list(range(women_w + 1)),
+        "qx_m": male + [1.0] * (women_w - men_w),
+        "qx_f": female,
+    }
+    return metadata, columns
 
 
 CSO_2001 = (
@@ -340,6 +383,25 @@ RP_2014_DISABLED = (
     "RP-2014 disabled retiree mortality (total dataset): deaths of pensioners retired for disability, "
     "a period table published from age 18 to 120. It is the mortality of the "
     "disabled state, read as a life table; it is not a table of disability incidence."
+)
+
+CIDA_1985 = (
+    "1985 CIDA (Commissioners Individual Disability Table A) incidence rates, occupation class 1, "
+    "accident and sickness, {days}-day elimination period: the yearly probability that an active "
+    "life aged x becomes disabled, published from age 20 to 65; rates are 0 below age 20 (start_age), "
+    "where the table says nothing."
+)
+PBGC_DISABLED = (
+    "PBGC disabled-life mortality (Tables Va and VIa): deaths of disabled participants receiving "
+    "Social Security disability benefits, a period table published from age 20, men to age {men} "
+    "and women to {women}; the men's rate is 1 at {men}, and their column holds that 1 from age "
+    "{after}, where no man is left. Rates are 0 below age 20 (start_age), where the table says nothing."
+)
+KRIEGER_RECOVERY = (
+    "Krieger table of graduated ultimate disability recovery rates (years 11 and over since "
+    "disablement, both sexes): the yearly probability that a disabled life aged x recovers, "
+    "published from age 27 to 76 as a unisex exit table; rates are 0 below age 27 (start_age). "
+    "The published rate at 76 is 0."
 )
 
 AM_92 = (
@@ -386,6 +448,19 @@ CATALOGUE: tuple[Entry, ...] = (
             sex="m",  # the file's name, "AM92", states no sex
         ),
     ),
+    Entry(
+        "CIDA1985_30",
+        from_xtbml(("t1240.xml", "t1266.xml"), CIDA_1985.format(days=30), folder="soa-xtbml-all"),
+    ),
+    Entry(
+        "CIDA1985_90",
+        from_xtbml(("t1246.xml", "t1272.xml"), CIDA_1985.format(days=91), folder="soa-xtbml-all"),
+    ),
+    Entry("PBGC_DISABLED", pbgc_disabled),
+    Entry(
+        "KRIEGER_RECOVERY",
+        from_xtbml(("t1584.xml",), KRIEGER_RECOVERY, folder="soa-xtbml-all", sex="u", table_type="exit"),
+    ),
     Entry("DAV2008T", dav_2008t),
     Entry("GAR94", gar_1994_aa),
     Entry(
@@ -411,10 +486,14 @@ Every table below ships with the package and is found by name, for example
 `tools/make_catalogue.py`, which names the file and column each rate comes from. The names are
 stable: a table is never renamed or changed in place; a corrected edition gets a new name.
 
-`RP2014DR` is the mortality of lives already disabled, a life table. The catalogue holds no
-table of disability incidence yet; incidence rates of your own become a `DisabilityTable` by
-name through `TableSource.from_rates(name, rates, table_type="disability").register()`
-(`docs/guide.md`, "Tables from data in memory").
+`RP2014DR` and `PBGC_DISABLED` are the mortality of lives already disabled, life tables.
+`CIDA1985_30` and `CIDA1985_90` are tables of disability incidence (`DisabilityTable`) and
+`KRIEGER_RECOVERY` a table of recovery from disability (`ExitTable`); with a mortality table for
+actives they make a `veltrane.multistate.DisabilityModel` (`docs/disability.md`), which reads an
+incidence or recovery table at its published ages only (nobody becomes disabled with certainty at
+the last age of CIDA). Incidence rates of your own become a `DisabilityTable` by name through
+`TableSource.from_rates(name, rates, table_type="disability").register()` (`docs/guide.md`,
+"Tables from data in memory").
 
 | name | type | sexes | structure | ages | what it is | source |
 |---|---|---|---|---|---|---|

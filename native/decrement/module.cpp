@@ -3,6 +3,7 @@
 // Names are bound in a fixed order at import; the unisex cache registers with the
 // configuration's reset hook, and a change hook keeps the settings snapshot current.
 #include "decrement/contingencies.hpp"
+#include "decrement/multistate.hpp"
 #include "decrement/projection.hpp"
 #include "decrement/stamping.hpp"
 #include "decrement/table.hpp"
@@ -431,6 +432,7 @@ int decrement_exec(PyObject* module) {
         py::add_function(module, configure_all_def);
         bind_registry(module);
         bind_contingencies(module);
+        bind_multistate(module);
         return 0;
     });
 }
