@@ -106,8 +106,8 @@ def test_failed_calls_leave_the_cache_as_it_was(files, call, exc, message):
     before = list(registry._cache.items())
     with pytest.raises(exc) as err:
         call(registry)
-    if message is not None:
-        assert str(err.value) == message
+    if message is not None:  # the interpreter's own wording grows around its core in 3.14
+        assert str(err.value) == message or (message in str(err.value) and exc is TypeError)
     assert list(registry._cache.items()) == before
 
 

@@ -195,17 +195,40 @@ constexpr const char* kPublicClassSource = R"PY(
 import inspect
 
 class _OwnSignature:
-    __slots__ = ("owner", "signature")
+    __slots__ = ("owner", "signature", "inherited")
 
-    def __init__(self, signature):
+    def __init__(self, signature, inherited=None):
         self.owner = None
         self.signature = signature
+        self.inherited = inherited
 
     def __set_name__(self, owner, name):
         self.owner = owner
 
     def __get__(self, instance, owner=None):
-        return self.signature if instance is None and owner is self.owner else None
+        if instance is not None or owner is None:
+            return None
+        if owner is self.owner:
+            return self.signature
+        # A subclass without an __init__ or __new__ of its own is called as the base's __init__
+        # describes; one with its own is described by it.
+        mro = owner.__mro__
+        below = mro[: mro.index(self.owner)] if self.owner in mro else mro
+        if self.inherited is None or any("__init__" in vars(c) or "__new__" in vars(c) for c in below):
+            return None
+        return self.inherited
+
+
+def _without_self(function):
+    signature = inspect.signature(function)
+    return signature.replace(parameters=list(signature.parameters.values())[1:])
+
+
+def _sign(cls):
+    """Give a class of this module the parameters of its __init__ (after self) for inspect."""
+    own = _OwnSignature(_without_self(cls.__init__))
+    own.owner = cls
+    cls.__signature__ = own
 
 
 def _build(core, ABC, ABCMeta, abstractmethod, namespace, unset, marker):
@@ -243,7 +266,7 @@ def _build(core, ABC, ABCMeta, abstractmethod, namespace, unset, marker):
     ns["__slots__"] = ()
     ns["__module__"] = "veltrane.tables.decrement"
     ns["__qualname__"] = "DecrementTable"
-    ns["__signature__"] = _OwnSignature(inspect.Signature(call))
+    ns["__signature__"] = _OwnSignature(inspect.Signature(call), _without_self(core.__init__))
     ns["__init_subclass__"] = __init_subclass__
     ns["_apply_and_rebuild"] = _apply_and_rebuild
     ns["table_type"] = property(abstractmethod(table_type))
@@ -274,6 +297,17 @@ constexpr const char* kPublicClassDoc =
     "returns them as a tuple. With return_dict=True, tables that share a key leave the last\n"
     "of them under it, with a UserWarning naming the key.\n";
 
+// inspect reads a class's parameters from its own __init__ when that is a Python function; a C
+// method there is not followed by every version of inspect, so the C classes carry __signature__.
+void give_signatures(PyObject* module) {
+    py::ref sign = py::check(PyObject_GetAttrString(module, "_sign_class"));
+    for (const char* name : {"TableRegistry", "_BatchUpdateContext"}) {
+        py::ref cls = py::check(PyObject_GetAttrString(module, name));
+        py::ref done = py::check(PyObject_CallOneArg(sign.get(), cls.get()));
+    }
+    py::require(PyObject_DelAttrString(module, "_sign_class"));
+}
+
 py::ref build_public_class(PyObject* module, ModuleState* st) {
     py::ref globals = py::check(PyDict_New());
     py::require(PyDict_SetItemString(globals.get(), "__builtins__", PyEval_GetBuiltins()));
@@ -282,7 +316,10 @@ py::ref build_public_class(PyObject* module, ModuleState* st) {
     py::ref code = py::check(Py_CompileString(kPublicClassSource, "<veltrane.tables.decrement>", Py_file_input));
     py::ref done = py::check(PyEval_EvalCode(code.get(), globals.get(), globals.get()));
     PyObject* builder = PyDict_GetItemString(globals.get(), "_build");
-    if (builder == nullptr) py::raise(PyExc_SystemError, "public class builder missing");
+    PyObject* sign = PyDict_GetItemString(globals.get(), "_sign");
+    if (builder == nullptr || sign == nullptr) py::raise(PyExc_SystemError, "public class builder missing");
+    // The other classes of the module get their signatures once they exist (give_signatures).
+    py::require(PyObject_SetAttrString(module, "_sign_class", sign));
 
     py::ref abc = import("abc");
     py::ref abc_base = py::check(PyObject_GetAttrString(abc.get(), "ABC"));
@@ -325,7 +362,6 @@ py::ref build_public_class(PyObject* module, ModuleState* st) {
     py::ref marker = py::check(PyUnicode_FromString(kInitMarker));
     PyObject* call[7] = {reinterpret_cast<PyObject*>(st->core_type), abc_base.get(), abcmeta.get(), abstract.get(),
                          ns.get(), st->sentinel, marker.get()};
-    (void)module;
     return py::check(PyObject_Vectorcall(builder, call, 7, nullptr));
 }
 
@@ -431,6 +467,7 @@ int decrement_exec(PyObject* module) {
         bind(module, "_BatchUpdateContext", reinterpret_cast<PyObject*>(st->batch_type));
         py::add_function(module, configure_all_def);
         bind_registry(module);
+        give_signatures(module);
         bind_contingencies(module);
         bind_multistate(module);
         return 0;

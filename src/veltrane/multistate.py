@@ -21,7 +21,7 @@ from __future__ import annotations
 import copy
 import math
 import numbers
-from typing import TYPE_CHECKING, Literal
+from typing import TYPE_CHECKING, Any, Literal, overload
 
 import numpy as np
 import polars as pl
@@ -38,7 +38,10 @@ if TYPE_CHECKING:
 
     from veltrane.tables.decrement import DecrementTable
 
-    Numbers = float | Sequence[float] | NDArray[np.floating] | NDArray[np.integer]
+    # One age and term gives a float; a sequence or an array of them, a float64 array.
+    Number = float | np.floating[Any] | np.integer[Any]
+    Many = Sequence[float] | NDArray[np.floating[Any]] | NDArray[np.integer[Any]]
+    Numbers = Number | Many
 
 __all__ = ["CONVENTIONS", "STATES", "DisabilityModel"]
 
@@ -197,6 +200,42 @@ class DisabilityModel:
         columns = {"year": k, "age": k + round(float(x))}
         return pl.DataFrame(columns | {state: p[:, j] for j, state in enumerate(STATES)})
 
+    @overload
+    def annuity(
+        self,
+        x: Number,
+        n: Number | None = None,
+        *,
+        i: float | None = None,
+        start: State = "active",
+        payable: Payable = "disabled",
+        m: int = 1,
+        due: bool = True,
+    ) -> float: ...
+    @overload
+    def annuity(
+        self,
+        x: Numbers,
+        n: Many,
+        *,
+        i: float | None = None,
+        start: State = "active",
+        payable: Payable = "disabled",
+        m: int = 1,
+        due: bool = True,
+    ) -> NDArray[np.float64]: ...
+    @overload
+    def annuity(
+        self,
+        x: Many,
+        n: Numbers | None = None,
+        *,
+        i: float | None = None,
+        start: State = "active",
+        payable: Payable = "disabled",
+        m: int = 1,
+        due: bool = True,
+    ) -> NDArray[np.float64]: ...
     def annuity(
         self,
         x: Numbers,
@@ -240,6 +279,18 @@ class DisabilityModel:
         v = self._discount(i, "annuity")
         return _native._disability_annuity(self._rates(), x, n, start, payable, v, m, due)
 
+    @overload
+    def insurance(
+        self, x: Number, n: Number | None = None, *, i: float | None = None, start: State = "active"
+    ) -> float: ...
+    @overload
+    def insurance(
+        self, x: Numbers, n: Many, *, i: float | None = None, start: State = "active"
+    ) -> NDArray[np.float64]: ...
+    @overload
+    def insurance(
+        self, x: Many, n: Numbers | None = None, *, i: float | None = None, start: State = "active"
+    ) -> NDArray[np.float64]: ...
     def insurance(
         self, x: Numbers, n: Numbers | None = None, *, i: float | None = None, start: State = "active"
     ) -> float | NDArray[np.float64]:

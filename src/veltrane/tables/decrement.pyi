@@ -81,6 +81,7 @@ def configure_all(
 
 @final
 class _BatchUpdateContext:
+    __signature__: ClassVar[inspect.Signature]
     def __init__(self, table: DecrementTable) -> None: ...
     def __enter__(self) -> Self: ...
     def __exit__(
@@ -393,6 +394,7 @@ class TableRegistry:
     """A bounded cache of configured tables, keyed by table identity and keys."""
 
     _DEFAULT_MAXSIZE: ClassVar[int]
+    __signature__: ClassVar[inspect.Signature]
     _table_class: type[DecrementTable] | None
     _maxsize: int
     _cache: Any
