@@ -5,6 +5,7 @@
 #include "decrement/contingencies.hpp"
 #include "decrement/projection.hpp"
 #include "decrement/table.hpp"
+#include "decrement/valuation.hpp"
 #include "pyutil/module_functions.hpp"
 #include "pyutil/module_slots.hpp"
 
@@ -349,6 +350,7 @@ int decrement_exec(PyObject* module) {
         py::add_function(module, configure_all_def);
         bind_registry(module);
         bind_contingencies(module);
+        bind_valuation(module);
         return 0;
     });
 }

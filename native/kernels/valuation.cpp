@@ -1,0 +1,272 @@
+// The valuation pass. A policy is walked year by year from its issue (years already run count
+// only towards its net premium at issue) to the end of its cover: one gather of its rate, the
+// mix and rating of that rate, then every cash flow of the year discounted and summed, at the
+// valuation date and at issue. The per-year records that the reserves and the per-year sums
+// need are kept in a small buffer per thread, never in a (policies x years) temporary.
+#include "kernels/valuation.hpp"
+
+#include "kernels/modify.hpp"
+#include "kernels/rounding.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <thread>
+#include <vector>
+
+namespace veltrane::kernels::valuation {
+namespace {
+
+inline std::int64_t field(const Block& b, IntField f, std::size_t i) noexcept { return b.ints[f * b.n + i]; }
+inline double field(const Block& b, RealField f, std::size_t i) noexcept { return b.reals[f * b.n + i]; }
+
+// Years walked from issue: to the end of the term, or for life until the table's last column
+// of the bank (1.0 there, so nobody survives it).
+std::int64_t years_from_issue(const Bank& bank, const Block& b, std::size_t i) noexcept {
+    const std::int64_t elapsed = field(b, kElapsed, i);
+    const std::int64_t term = field(b, kTerm, i);
+    if (term >= 0) return elapsed + term;
+    const auto width = static_cast<std::int64_t>(bank.width);
+    const std::int64_t first = std::min(field(b, kAge, i) - elapsed + field(b, kShift, i), width - 1);
+    return width - first;
+}
+
+// Per-year records of one policy at the valuation date (k = 0 .. years - 1).
+struct Records {
+    explicit Records(std::size_t years) : data(kSlots * years, 0.0), years_(years) {}
+    enum Slot : std::size_t { kAlive, kDead, kDeathPaid, kSurvivalPaid, kEndowmentPaid, kPremiumDue, kBenefitPv, kAnnuityPv, kSlots };
+    double* slot(Slot s) noexcept { return data.data() + s * years_; }
+    std::vector<double> data;
+    std::size_t years_;
+};
+
+class Valuer {
+public:
+    Valuer(const Bank& bank, const Discount& discount, const Settings& settings) noexcept
+        : bank_(bank), discount_(discount), settings_(settings), m_(settings.m) {}
+
+    // Values policy i under scenario s; writes its results and, when asked, its reserves and
+    // adds its year records to `flows` (kFlows x years of its chunk and scenario).
+    void operator()(const Block& b, std::size_t i, std::size_t s, Records* records, double* results, double* reserves,
+                    double* flows) const noexcept {
+        const std::int64_t elapsed = field(b, kElapsed, i);
+        const std::int64_t term = field(b, kTerm, i);
+        const std::int64_t deferral = field(b, kDeferral, i);
+        const std::int64_t premium_term = field(b, kPremiumTerm, i) >= 0 ? field(b, kPremiumTerm, i) : term;
+        const std::int64_t period = field(b, kPeriod, i);
+        const std::int64_t offset = field(b, kOffset, i);
+        const std::int64_t issue_offset = offset - std::min(offset, elapsed);
+        const std::int64_t first_age = field(b, kAge, i) - elapsed + field(b, kShift, i);
+        const std::int64_t row = field(b, kRow, i);
+        const double blend = field(b, kBlend, i);
+        const std::int64_t female = field(b, kFemale, i);
+        const double multiplier = field(b, kMultiplier, i);
+        const double aggravation = field(b, kAggravation, i);
+        const bool rated = multiplier != 1.0 || aggravation != 1.0 || field(b, kShift, i) != 0;
+        const int decimals = static_cast<int>(field(b, kDecimals, i));
+        const double death = field(b, kDeath, i);
+        const double survival = field(b, kSurvival, i);
+        const double endowment = field(b, kEndowment, i);
+        const double given_premium = field(b, kPremium, i);
+        const double growth = 1.0 + field(b, kEscalation, i);
+        const double* v = discount_.factors + (static_cast<std::size_t>(field(b, kBasis, i)) + s) * discount_.steps;
+        const auto last_step = static_cast<std::int64_t>(discount_.steps) - 1;
+        auto at = [&](std::int64_t step) noexcept { return v[std::min(step, last_step)]; };
+
+        const std::int64_t years = years_from_issue(bank_, b, i);
+        const auto width = static_cast<std::int64_t>(bank_.width);
+        const std::size_t kept = records != nullptr ? records->years_ : 0;
+        if (records != nullptr) std::fill(records->data.begin(), records->data.end(), 0.0);
+
+        double level = elapsed == 0 ? 1.0 : std::pow(growth, -static_cast<double>(elapsed));
+        double alive_issue = 1.0, alive = 1.0;            // survival from issue, from the valuation date
+        double benefits_issue = 0.0, annuity_issue = 0.0;  // present values at issue
+        double benefits = 0.0, annuity = 0.0;              // present values at the valuation date
+        std::int64_t walked = 0;                           // years recorded from the valuation date
+        for (std::int64_t j = 0; j < years; ++j, level *= growth) {
+            const std::int64_t k = j - elapsed;
+            if (k >= 0 && alive == 0.0) break;
+            const double q = rate(row + std::min(issue_offset + j, period), std::min(first_age + j, width - 1), blend,
+                                  female, rated, multiplier, aggravation, decimals);
+            const double p = 1.0 - q;
+            const bool premium_due = premium_term < 0 || k < premium_term;
+            const bool paying = k >= deferral && survival != 0.0;
+            const bool maturing = term >= 0 && k == term - 1 && endowment != 0.0;
+            // Benefits of year j per life at its start, discounted from issue (step origin 0)
+            // and from the valuation date (origin elapsed).
+            auto year_benefits = [&](std::int64_t origin) noexcept {
+                const std::int64_t t = (j - origin) * m_;
+                double value = death * q * at(t + m_);
+                if (paying) value += survival * within_year(q, v, t);
+                if (maturing) value += endowment * p * at(t + m_);
+                return value * level;
+            };
+            if (elapsed > 0) {
+                benefits_issue += alive_issue * year_benefits(0);
+                if (premium_due) annuity_issue += alive_issue * at(j * m_);
+            }
+            if (k >= 0) {
+                const double year_pv = alive * year_benefits(elapsed);
+                const double due_pv = premium_due ? alive * at(k * m_) : 0.0;
+                benefits += year_pv;
+                annuity += due_pv;
+                if (static_cast<std::size_t>(k) < kept) {
+                    const auto y = static_cast<std::size_t>(k);
+                    records->slot(Records::kAlive)[y] = alive;
+                    records->slot(Records::kDead)[y] = alive * q;
+                    records->slot(Records::kDeathPaid)[y] = alive * q * death * level;
+                    if (paying) records->slot(Records::kSurvivalPaid)[y] = alive * survival * level * expected_payments(q);
+                    if (maturing) records->slot(Records::kEndowmentPaid)[y] = alive * p * endowment * level;
+                    records->slot(Records::kPremiumDue)[y] = premium_due ? alive : 0.0;
+                    records->slot(Records::kBenefitPv)[y] = year_pv;
+                    records->slot(Records::kAnnuityPv)[y] = due_pv;
+                }
+                alive *= p;
+                walked = k + 1;
+            }
+            alive_issue *= p;
+        }
+        if (elapsed == 0) {
+            benefits_issue = benefits;
+            annuity_issue = annuity;
+        }
+        const double net = annuity_issue > 0.0 ? benefits_issue / annuity_issue : std::nan("");
+        const double premium = std::isnan(given_premium) ? net : given_premium;
+        const std::size_t stride = settings_.scenarios * b.n;
+        const std::size_t at_policy = s * b.n + i;
+        results[kPvBenefits * stride + at_policy] = benefits;
+        results[kPvPremiums * stride + at_policy] = premium * annuity;
+        results[kNetPremium * stride + at_policy] = net;
+        results[kReserve * stride + at_policy] = benefits - premium * annuity;
+        if (records == nullptr) return;
+        const std::size_t span = std::min(static_cast<std::size_t>(walked), kept);
+        if (reserves != nullptr) {
+            // Backwards, so that a reserve late in the term is not the difference of two large sums.
+            double ahead = 0.0;
+            for (std::size_t y = kept; y-- > 0;) {
+                if (y >= span) {
+                    reserves[y] = 0.0;
+                    continue;
+                }
+                ahead += records->slot(Records::kBenefitPv)[y] - premium * records->slot(Records::kAnnuityPv)[y];
+                const double base = records->slot(Records::kAlive)[y] * at(static_cast<std::int64_t>(y) * m_);
+                reserves[y] = base > 0.0 ? ahead / base : 0.0;
+            }
+        }
+        if (flows != nullptr) {
+            for (std::size_t y = 0; y < span; ++y) {
+                flows[kInForce * kept + y] += records->slot(Records::kAlive)[y];
+                flows[kDeaths * kept + y] += records->slot(Records::kDead)[y];
+                flows[kDeathBenefits * kept + y] += records->slot(Records::kDeathPaid)[y];
+                flows[kSurvivalBenefits * kept + y] += records->slot(Records::kSurvivalPaid)[y];
+                flows[kEndowments * kept + y] += records->slot(Records::kEndowmentPaid)[y];
+                flows[kPremiums * kept + y] += premium * records->slot(Records::kPremiumDue)[y];
+            }
+        }
+    }
+
+private:
+    // The policy's rate at a bank row and age: its unisex mix, then its rating, as a blended or
+    // modified table would hold them.
+    double rate(std::int64_t row, std::int64_t age, double blend, std::int64_t female, bool rated, double multiplier,
+                double aggravation, int decimals) const noexcept {
+        const auto w = static_cast<std::size_t>(bank_.width);
+        double q = bank_.rates[static_cast<std::size_t>(row) * w + static_cast<std::size_t>(age)];
+        if (!std::isnan(blend)) {
+            const double other = bank_.rates[static_cast<std::size_t>(row + female) * w + static_cast<std::size_t>(age)];
+            double mixed = q * blend;
+            mixed += other * (1.0 - blend);
+            q = round_to(mixed > 1.0 ? 1.0 : (mixed < 0.0 ? 0.0 : mixed), decimals);
+        }
+        if (rated) {
+            q *= multiplier;
+            if (aggravation != 1.0) {
+                if (q > 1.0) q = 1.0;
+                aggravate(std::span<double>(&q, 1), aggravation);
+            }
+            q = round_to(q > 1.0 ? 1.0 : (q < 0.0 ? 0.0 : q), decimals);
+        }
+        return q;
+    }
+
+    // The fraction of the lives at the start of a year still alive after t of it.
+    double fraction_alive(double q, double t) const noexcept {
+        if (q >= 1.0) return 1.0 - t * q;  // a year without survivors is uniform
+        switch (settings_.interpolation) {
+            case Interpolation::linear: return interpolate_linear(1.0, 1.0 - q, t);
+            case Interpolation::exponential: return interpolate_exponential(1.0, 1.0 - q, t);
+            case Interpolation::hyperbolic: return interpolate_hyperbolic(1.0, 1.0 - q, t);
+        }
+        return 1.0 - t * q;
+    }
+
+    // The survival payments of 1 a year within one year starting at discount step t, per life
+    // at its start, discounted.
+    double within_year(double q, const double* v, std::int64_t t) const noexcept {
+        const auto last_step = static_cast<std::int64_t>(discount_.steps) - 1;
+        if (m_ == 1) return settings_.due ? v[std::min(t, last_step)] : (1.0 - q) * v[std::min(t + 1, last_step)];
+        double sum = 0.0;
+        const int first = settings_.due ? 0 : 1;
+        for (int l = first; l < first + m_; ++l) {
+            sum += v[std::min(t + l, last_step)] * fraction_alive(q, static_cast<double>(l) / m_);
+        }
+        return sum / m_;
+    }
+
+    // The same payments undiscounted.
+    double expected_payments(double q) const noexcept {
+        if (m_ == 1) return settings_.due ? 1.0 : 1.0 - q;
+        double sum = 0.0;
+        const int first = settings_.due ? 0 : 1;
+        for (int l = first; l < first + m_; ++l) sum += fraction_alive(q, static_cast<double>(l) / m_);
+        return sum / m_;
+    }
+
+    const Bank& bank_;
+    const Discount& discount_;
+    const Settings& settings_;
+    int m_;
+};
+
+}  // namespace
+
+std::size_t steps_needed(const Bank& bank, const Block& block, const Settings& settings) noexcept {
+    std::int64_t most = 0;
+    for (std::size_t i = 0; i < block.n; ++i) most = std::max(most, years_from_issue(bank, block, i));
+    return static_cast<std::size_t>(most + 1) * static_cast<std::size_t>(settings.m) + 1;
+}
+
+void value_block(const Bank& bank, const Discount& discount, const Settings& settings, const Block& block,
+                 const Outputs& out, unsigned threads) {
+    const std::size_t chunks = (block.n + kChunk - 1) / kChunk;
+    const bool record = settings.reserves || settings.flows;
+    const std::size_t per_chunk = settings.scenarios * kFlows * settings.years;
+    if (settings.flows) std::fill(out.flows, out.flows + chunks * per_chunk, 0.0);
+    const Valuer valuer(bank, discount, settings);
+    const std::size_t workers = std::max<std::size_t>(1, std::min<std::size_t>(threads, chunks));
+    // Every buffer is made here, before any thread starts: nothing allocates on the threads.
+    std::vector<Records> scratch;
+    if (record) scratch.assign(workers, Records(settings.years));
+    auto run = [&](std::size_t worker) noexcept {
+        Records* records = record ? &scratch[worker] : nullptr;
+        const std::size_t from = chunks * worker / workers, to = chunks * (worker + 1) / workers;
+        for (std::size_t c = from; c < to; ++c) {
+            const std::size_t end = std::min(block.n, (c + 1) * kChunk);
+            for (std::size_t i = c * kChunk; i < end; ++i) {
+                for (std::size_t s = 0; s < settings.scenarios; ++s) {
+                    double* reserves =
+                        settings.reserves ? out.reserves + (s * block.n + i) * settings.years : nullptr;
+                    double* flows = settings.flows ? out.flows + c * per_chunk + s * kFlows * settings.years : nullptr;
+                    valuer(block, i, s, records, out.results, reserves, flows);
+                }
+            }
+        }
+    };
+    {
+        std::vector<std::jthread> pool;
+        pool.reserve(workers - 1);
+        for (std::size_t t = 1; t < workers; ++t) pool.emplace_back(run, t);
+        run(0);
+    }  // joined here
+}
+
+}  // namespace veltrane::kernels::valuation

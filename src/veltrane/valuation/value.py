@@ -1,0 +1,248 @@
+"""``value``: present values, premiums, reserves and cash flows of a frame of policies."""
+
+from __future__ import annotations
+
+from collections.abc import Iterator
+from dataclasses import dataclass
+from typing import Any
+
+import numpy as np
+import polars as pl
+
+from veltrane.tables import decrement as _native
+from veltrane.tables.decrement import TableRegistry
+from veltrane.valuation.curve import YieldCurve
+from veltrane.valuation.frame import Laid, check_basis, lay_out
+from veltrane.valuation.product import Product
+
+__all__ = ["CHUNK", "DEFAULT_BLOCK_SIZE", "FLOWS", "Valuation", "value"]
+
+#: Policies per chunk of the per-year sums: blocks are cut on multiples of it.
+CHUNK = 1024
+#: Policies valued at a time (a multiple of CHUNK).
+DEFAULT_BLOCK_SIZE = 64 * CHUNK
+#: The per-year sums of :attr:`Valuation.cash_flows`, in the kernel's order.
+FLOWS = ("in_force", "deaths", "death_benefits", "survival_benefits", "endowments", "premiums")
+RESULTS = ("pv_benefits", "pv_premiums", "net_premium", "reserve")
+
+
+@dataclass(frozen=True)
+class Valuation:
+    """The result of :func:`value`.
+
+    Per-policy arrays have shape (policies,), or (scenarios, policies) for a scenario set;
+    ``reserves`` (with ``reserves_by_year=True``) adds a last axis of years: the prospective
+    reserve at each anniversary k, per policy in force then.
+    """
+
+    pv_benefits: np.ndarray
+    pv_premiums: np.ndarray
+    net_premium: np.ndarray
+    reserve: np.ndarray
+    cash_flows: pl.DataFrame
+    reserves: np.ndarray | None = None
+    scenario_set: bool = False
+
+    def __len__(self) -> int:
+        return int(self.reserve.shape[-1])
+
+    def to_frame(self) -> pl.DataFrame:
+        """One row per policy (and scenario): ``policy``, [``scenario``,] the four results."""
+        n = len(self)
+        columns: dict[str, Any] = {}
+        if self.scenario_set:
+            s = self.reserve.shape[0]
+            columns["scenario"] = np.repeat(np.arange(s, dtype=np.int32), n)
+            columns["policy"] = np.tile(np.arange(n, dtype=np.int64), s)
+        else:
+            columns["policy"] = np.arange(n, dtype=np.int64)
+        for name in RESULTS:
+            columns[name] = getattr(self, name).reshape(-1)
+        frame = pl.DataFrame(columns)
+        return frame.select("policy", *(["scenario"] if self.scenario_set else []), *RESULTS)
+
+
+def _check_whole(name: str, value: Any, low: int) -> int:
+    if isinstance(value, bool) or not isinstance(value, int | np.integer) or int(value) < low:
+        raise ValueError(f"value: {name} must be a whole number >= {low}, got {value!r}")
+    return int(value)
+
+
+def check_run(threads: Any, block_size: Any, workers: Any) -> int:
+    """The effective block size (a multiple of CHUNK); ValueError for a bad argument."""
+    _check_whole("threads", threads, 1)
+    if workers is not None:
+        _check_whole("workers", workers, 1)
+    size = DEFAULT_BLOCK_SIZE if block_size is None else _check_whole("block_size", block_size, 1)
+    return -(-size // CHUNK) * CHUNK
+
+
+def blocks(n: int, block_size: int) -> Iterator[slice]:
+    """Slices of at most ``block_size`` policies, each starting on a chunk border."""
+    for start in range(0, n, block_size):
+        yield slice(start, min(n, start + block_size))
+
+
+def block_arguments(laid: Laid, block: slice, reserves: bool) -> tuple[Any, ...]:
+    """The kernel's arguments after the bank, for one block (contiguous copies of its columns)."""
+    return (
+        laid.discount,
+        np.ascontiguousarray(laid.ints[:, block]),
+        np.ascontiguousarray(laid.reals[:, block]),
+        laid.m,
+        int(laid.due),
+        laid.interpolation,
+        laid.scenarios,
+        laid.years,
+        int(reserves),
+        1,
+    )
+
+
+def run_block(bank: np.ndarray, args: tuple[Any, ...], threads: int) -> tuple[Any, ...]:
+    """The kernel on one block with ``threads`` threads."""
+    return _native._value_block(bank, *args, threads)
+
+
+class Totals:
+    """Per-year sums added chunk by chunk in policy order, whatever the blocks."""
+
+    def __init__(self, scenarios: int) -> None:
+        self.sums = np.zeros((scenarios, len(FLOWS), 0))
+
+    def add(self, partials: np.ndarray) -> None:
+        years = partials.shape[-1]
+        if years > self.sums.shape[-1]:
+            grown = np.zeros((*self.sums.shape[:2], years))
+            grown[..., : self.sums.shape[-1]] = self.sums
+            self.sums = grown
+        target = self.sums[..., :years]
+        for chunk in partials:
+            target += chunk
+
+    def frame(self, discount: np.ndarray | None, m: int, scenario_set: bool) -> pl.DataFrame:
+        scenarios, _, years = self.sums.shape
+        frames = []
+        for s in range(scenarios):
+            columns: dict[str, Any] = {"year": np.arange(years, dtype=np.int32)}
+            if scenario_set:
+                columns["scenario"] = np.full(years, s, dtype=np.int32)
+            for f, name in enumerate(FLOWS):
+                columns[name] = self.sums[s, f]
+            if discount is not None:
+                columns["discount_factor"] = discount[s, : years * m : m][:years]
+            else:
+                columns["discount_factor"] = np.full(years, None, dtype=object).astype(np.float64)
+            frames.append(pl.DataFrame(columns))
+        return pl.concat(frames)
+
+
+def value(
+    policies: Any,
+    product: Product,
+    *,
+    interest: float | str | None = None,
+    curve: YieldCurve | None = None,
+    registry: TableRegistry | None = None,
+    threads: int = 1,
+    block_size: int | None = None,
+    workers: int | None = None,
+    progress: bool = False,
+    reserves_by_year: bool = False,
+) -> Valuation:
+    """Value every policy of a frame: present values, premiums, reserves and cash flows.
+
+    Parameters
+    ----------
+    policies : polars.DataFrame, pandas.DataFrame or mapping of columns
+        One row per policy, described as for :func:`veltrane.portfolio.project` (``table_name``,
+        ``sex``, ``age`` or ``issue_age``, ``cohort`` or ``issue_year``, ``duration``,
+        ``unisex_blend``), plus the columns the product names, an interest column if one is
+        named, and the ratings ``age_shift``, ``decrement_multiplier``, ``aggravated_risk``
+        (each the numbers of ``modify_qx`` with that key on the policy's table).
+    product : Product
+        The cash flows of each policy.
+    interest : float or str, optional
+        An annual effective rate, or the name of a column of rates per policy.
+    curve : YieldCurve, optional
+        Spot rates by term (a set of scenarios adds a scenario axis). Exactly one of ``interest``
+        and ``curve``.
+    registry : TableRegistry, optional
+        Where tables are looked up and kept.
+    threads : int
+        Threads over the blocks' chunks; the results are the same bits for any number.
+    block_size : int, optional
+        Policies valued at a time, rounded up to a multiple of 1024.
+    workers : int, optional
+        Worker processes (see :func:`veltrane.portfolio.project`); the same bits as in-process.
+    progress : bool
+        Show a progress bar over the blocks.
+    reserves_by_year : bool
+        Also return the (policies x years) prospective reserves at each anniversary.
+
+    Returns
+    -------
+    Valuation
+
+    Raises
+    ------
+    ValueError
+        A bad argument, or a bad column or value (the message names column and row); raised
+        before any policy is valued.
+    """
+    if not isinstance(product, Product):
+        raise ValueError(f"value: product must be a Product, got {type(product).__name__}")
+    check_basis(interest, curve)
+    size = check_run(threads, block_size, workers)
+    laid = lay_out(policies, product, interest, curve, registry)
+    return compute(laid, size, threads, workers, progress, reserves_by_year)
+
+
+def compute(
+    laid: Laid, block_size: int, threads: int, workers: int | None, progress: bool, reserves_by_year: bool
+) -> Valuation:
+    """Run the kernel over the blocks of laid-out policies and assemble the result."""
+    n, s = len(laid), laid.scenarios
+    results = np.empty((4, s, n))
+    reserves = np.zeros((s, n, laid.years)) if reserves_by_year else None
+    totals = Totals(s)
+    cut = list(blocks(n, block_size))
+    for block, (res, rsv, flows) in _progress(
+        zip(cut, _outputs(laid, cut, threads, workers, reserves_by_year), strict=True), progress, len(cut)
+    ):
+        results[:, :, block] = res
+        if reserves is not None:
+            reserves[:, block, :] = rsv
+        totals.add(flows)
+    single = not laid.scenario_set
+    pick = (lambda a: a[0]) if single else (lambda a: a)
+    return Valuation(
+        pv_benefits=pick(results[0]),
+        pv_premiums=pick(results[1]),
+        net_premium=pick(results[2]),
+        reserve=pick(results[3]),
+        cash_flows=totals.frame(laid.discount if laid.single_basis else None, laid.m, laid.scenario_set),
+        reserves=None if reserves is None else pick(reserves),
+        scenario_set=laid.scenario_set,
+    )
+
+
+def _outputs(
+    laid: Laid, cut: list[slice], threads: int, workers: int | None, reserves: bool
+) -> Iterator[tuple[Any, ...]]:
+    if workers is None or workers == 1 or len(cut) == 1:
+        bank = laid.plan.bank
+        for block in cut:
+            yield run_block(bank, block_arguments(laid, block, reserves), threads)
+        return
+    from veltrane.valuation.parallel import outputs_in_workers
+
+    yield from outputs_in_workers(laid, cut, threads, workers, reserves)
+
+
+def _progress(items: Any, enabled: bool, total: int) -> Any:
+    if not enabled:
+        return items
+    from tqdm.auto import tqdm
+
+    return tqdm(items, total=total, desc="valuing", unit="block")
