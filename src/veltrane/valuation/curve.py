@@ -20,9 +20,8 @@ def _vector(values: Any, name: str, ndim: tuple[int, ...]) -> np.ndarray:
         )
     bad = ~np.isfinite(array)
     if bad.any():
-        raise ValueError(
-            f"YieldCurve: {name} must be finite, got {array[bad][0]!r} at {int(np.argmax(bad.ravel()))}"
-        )
+        where = int(np.argmax(bad.ravel()))
+        raise ValueError(f"YieldCurve: {name} must be finite, got {float(array[bad][0])!r} at {where}")
     return array
 
 
@@ -50,7 +49,7 @@ class YieldCurve:
                 f"got {rates.shape[-1]}"
             )
         if (rates <= -1.0).any():
-            raise ValueError(f"YieldCurve: spot rates must be > -1, got {rates[rates <= -1.0][0]!r}")
+            raise ValueError(f"YieldCurve: spot rates must be > -1, got {float(rates[rates <= -1.0][0])!r}")
         self.scenario_set = rates.ndim == 2
         self.spot_rates = np.atleast_2d(rates)
         self._log_factors: np.ndarray | None = None
@@ -69,7 +68,7 @@ class YieldCurve:
             where = np.argwhere(np.atleast_2d(f) <= 0.0)[0]
             got = np.atleast_2d(f)[tuple(where)]
             raise ValueError(
-                f"YieldCurve: discount factors must be > 0, got {got!r} at term {t[where[-1]]!r}"
+                f"YieldCurve: discount factors must be > 0, got {float(got)!r} at term {float(t[where[-1]])!r}"
             )
         curve = cls(t, np.atleast_2d(f) ** (-1.0 / t) - 1.0 if f.ndim == 2 else f ** (-1.0 / t) - 1.0)
         curve._log_factors = np.log(np.atleast_2d(f))
@@ -126,11 +125,12 @@ class YieldCurve:
 def _terms(terms: Any) -> np.ndarray:
     t = _vector(terms, "terms", (1,))
     if (t <= 0).any():
-        raise ValueError(f"YieldCurve: terms must be > 0, got {t[t <= 0][0]!r}")
+        raise ValueError(f"YieldCurve: terms must be > 0, got {float(t[t <= 0][0])!r}")
     unsorted = np.flatnonzero(np.diff(t) <= 0)
     if unsorted.size:
         k = int(unsorted[0]) + 1
         raise ValueError(
-            f"YieldCurve: terms must be strictly increasing, got {t[k]!r} after {t[k - 1]!r} (term {k})"
+            f"YieldCurve: terms must be strictly increasing, got {float(t[k])!r} "
+            f"after {float(t[k - 1])!r} (term {k})"
         )
     return t

@@ -125,14 +125,16 @@ def _ratings(frame: pl.DataFrame, n: int) -> tuple[np.ndarray, np.ndarray, np.nd
         multiplier = _numbers(frame, "decrement_multiplier", "rating")
         if (multiplier <= 0).any():
             row = int(np.argmax(multiplier <= 0))
-            raise _bad("decrement_multiplier", row, f"must be > 0, got {multiplier[row]!r}")
+            raise _bad("decrement_multiplier", row, f"must be > 0, got {float(multiplier[row])!r}")
     if "aggravated_risk" in frame.columns:
         aggravation = _numbers(frame, "aggravated_risk", "rating")
         bad = (aggravation <= 0) | (aggravation > _LARGEST_AGGRAVATION)
         if bad.any():
             row = int(np.argmax(bad))
             raise _bad(
-                "aggravated_risk", row, f"must be in (0, {_LARGEST_AGGRAVATION:g}], got {aggravation[row]!r}"
+                "aggravated_risk",
+                row,
+                f"must be in (0, {_LARGEST_AGGRAVATION:g}], got {float(aggravation[row])!r}",
             )
     return shift, multiplier, aggravation
 
@@ -171,7 +173,9 @@ def lay_out(
     if (amounts["escalation"] <= -1.0).any():
         row = int(np.argmax(amounts["escalation"] <= -1.0))
         raise _bad(
-            str(product.escalation), row, f"escalation must be > -1, got {amounts['escalation'][row]!r}"
+            str(product.escalation),
+            row,
+            f"escalation must be > -1, got {float(amounts['escalation'][row])!r}",
         )
     terms = {name: _years(frame, product, name, n) for name in TERM_FIELDS}
     if product.premium is None and (terms["premium_term"] == 0).any():
@@ -183,7 +187,7 @@ def lay_out(
         rates = _numbers(frame, interest, "interest")
         if (rates <= -1.0).any():
             row = int(np.argmax(rates <= -1.0))
-            raise _bad(interest, row, f"interest must be > -1, got {rates[row]!r}")
+            raise _bad(interest, row, f"interest must be > -1, got {float(rates[row])!r}")
     batch = read_policies(frame.drop([c for c in read if c in frame.columns]))
     elapsed = np.zeros(n, dtype=np.int64)
     if "issue_age" in frame.columns:

@@ -1,0 +1,297 @@
+"""Portfolio valuation: per-policy values against the single-life functions, reserves, cash
+flows, determinism over threads and blocks, and refusals of bad input."""
+
+from __future__ import annotations
+
+import warnings
+
+import numpy as np
+import polars as pl
+import pytest
+
+from veltrane import LifeTable
+from veltrane.contingencies import annuity, insurance, net_premium, pure_endowment
+from veltrane.tables.decrement import TableRegistry
+from veltrane.valuation import Product, YieldCurve, value
+
+RATE = 0.03
+AGES = [25, 40, 55, 70, 90]
+
+
+def close(actual, expected, rel=1e-12, scale=1e-3):
+    # Relative, with an absolute floor for values that cancel to about 0 (reserves at issue).
+    np.testing.assert_allclose(actual, expected, rtol=rel, atol=rel * scale)
+
+
+def frame(table: str, sex: str, ages, **columns) -> pl.DataFrame:
+    n = len(ages)
+    return pl.DataFrame({"table_name": [table] * n, "sex": [sex] * n, "age": ages, **columns})
+
+
+REFERENCES = [
+    (Product(death_benefit=1.0, term=20), lambda t, x: insurance(t, x, 20, i=RATE)),
+    (Product(death_benefit=1.0), lambda t, x: insurance(t, x, i=RATE)),
+    (Product(endowment=1.0, term=15), lambda t, x: pure_endowment(t, x, 15, i=RATE)),
+    (
+        Product(death_benefit=1.0, endowment=1.0, term=10),
+        lambda t, x: insurance(t, x, 10, i=RATE, endowment=True),
+    ),
+    (Product(survival_benefit=1.0), lambda t, x: annuity(t, x, i=RATE)),
+    (Product(survival_benefit=1.0, term=12, due=False), lambda t, x: annuity(t, x, 12, i=RATE, due=False)),
+    (Product(survival_benefit=1.0, term=30, deferral=5), lambda t, x: annuity(t, x, 25, i=RATE, defer=5)),
+    (Product(survival_benefit=1.0, m=12), lambda t, x: annuity(t, x, i=RATE, m=12)),
+    (
+        Product(survival_benefit=1.0, term=20, m=4, due=False),
+        lambda t, x: annuity(t, x, 20, i=RATE, m=4, due=False),
+    ),
+]
+
+
+@pytest.mark.parametrize(("product", "reference"), REFERENCES)
+@pytest.mark.parametrize(
+    ("name", "sex", "keys"),
+    [("SULT", "u", {}), ("IAM2012", "m", {"cohort": 1950}), ("CSO1980", "u", {"unisex_blend": 0.6})],
+)
+def test_present_values_equal_the_single_life_functions(product, reference, name, sex, keys):
+    table = LifeTable(name, sex, **keys)
+    result = value(
+        frame(name, sex, AGES, **{k: [v] * len(AGES) for k, v in keys.items()}), product, interest=RATE
+    )
+    close(result.pv_benefits, reference(table, AGES))
+
+
+@pytest.mark.parametrize("interpolation", ["linear", "exponential", "hyperbolic"])
+def test_instalments_follow_the_configured_interpolation(interpolation):
+    from veltrane.config import Config
+
+    before = Config().lx_interpolation
+    Config().lx_interpolation = interpolation
+    try:
+        table = LifeTable("SULT", "u")
+        result = value(frame("SULT", "u", AGES), Product(survival_benefit=1.0, m=12, term=25), interest=RATE)
+        close(result.pv_benefits, annuity(table, AGES, 25, i=RATE, m=12))
+    finally:
+        Config().lx_interpolation = before
+
+
+@pytest.mark.parametrize("issue_age", [20, 35, 60])
+@pytest.mark.parametrize("duration", [1, 3, 26, 40])
+def test_select_policies_follow_their_diagonal(issue_age, duration):
+    path = LifeTable("CSO2001", "m", duration=1).select_path(issue_age)
+    attained = issue_age + duration - 1
+    policies = pl.DataFrame(
+        {"table_name": ["CSO2001"], "sex": ["m"], "issue_age": [issue_age], "duration": [duration]}
+    )
+    product = Product(death_benefit=1000.0, endowment=1000.0, term=15, premium=None)
+    result = value(policies, product, interest=RATE)
+    close(result.pv_benefits, 1000.0 * insurance(path, attained, 15, i=RATE, endowment=True))
+    # The net premium is fixed at issue over the whole term, so the in-force reserve is the
+    # prospective reserve of that premium.
+    years = duration - 1 + 15
+    premium = 1000.0 * net_premium(path, issue_age, years, i=RATE, endowment=True)
+    close(result.net_premium, premium)
+    close(result.reserve, result.pv_benefits - premium * annuity(path, attained, 15, i=RATE), scale=1000.0)
+
+
+def test_ratings_give_the_numbers_of_modify_qx():
+    keys = {"age_shift": 3, "decrement_multiplier": 1.7, "aggravated_risk": 1.25}
+    with warnings.catch_warnings():
+        warnings.simplefilter("ignore")
+        table = LifeTable("SULT", "u")
+        table.modify_qx(keys)
+    ages = [20, 50, 80]
+    policies = frame("SULT", "u", ages, **{k: [v] * 3 for k, v in keys.items()})
+    result = value(policies, Product(death_benefit=1.0, survival_benefit=0.5), interest=RATE)
+    close(result.pv_benefits, insurance(table, ages, i=RATE) + 0.5 * annuity(table, ages, i=RATE))
+
+
+def test_new_business_net_premium_makes_the_reserve_zero_and_equals_net_premium():
+    table = LifeTable("SULT", "u")
+    result = value(frame("SULT", "u", AGES), Product(death_benefit=1.0, term=20, premium=None), interest=RATE)
+    close(result.net_premium, net_premium(table, AGES, 20, i=RATE))
+    np.testing.assert_allclose(result.reserve, 0.0, atol=1e-15)
+
+
+def test_reserves_satisfy_the_one_year_recursion():
+    product = Product(
+        death_benefit=100.0, survival_benefit=3.0, endowment=50.0, term=25, premium=None, escalation=0.02
+    )
+    result = value(frame("SULT", "u", [30, 45, 60]), product, interest=RATE, reserves_by_year=True)
+    table = LifeTable("SULT", "u")
+    v = 1 / (1 + RATE)
+    reserves = result.reserves
+    close(reserves[:, 0], result.reserve, rel=1e-10)
+    for p, x in enumerate([30, 45, 60]):
+        q = table._decrement[x : x + 25]
+        premium = result.net_premium[p]
+        for k in range(25):
+            level = 1.02**k
+            ahead = reserves[p, k + 1] if k < 24 else 50.0 * level
+            expected = (reserves[p, k] + premium - 3.0 * level) / v
+            assert abs(expected - (q[k] * 100.0 * level + (1 - q[k]) * ahead)) <= 1e-10 * max(
+                1.0, abs(expected)
+            )
+
+
+def test_a_flat_curve_gives_the_flat_rate_values():
+    product = Product(death_benefit=1.0, survival_benefit=1.0, term=30, m=4)
+    flat = value(frame("SULT", "u", AGES), product, interest=RATE)
+    curved = value(frame("SULT", "u", AGES), product, curve=YieldCurve([1, 10, 30], [RATE] * 3))
+    np.testing.assert_array_equal(flat.pv_benefits, curved.pv_benefits)
+
+
+def test_curves_discount_by_their_spot_rates_and_scenarios_add_an_axis():
+    curve = YieldCurve([1, 10], [[0.01, 0.03], [0.02, 0.02]])
+    assert curve.discount(5.0).shape == (2,)
+    spot = 0.01 + 0.02 * 4 / 9
+    close(curve.discount(5.0)[0], (1 + spot) ** -5)
+    close(curve.discount(20.0)[0], 1.03**-20)
+    from_factors = YieldCurve.from_discount_factors([1, 2], [0.98, 0.95])
+    close(from_factors.discount(1.5), np.sqrt(0.98 * 0.95))
+    result = value(frame("SULT", "u", AGES), Product(survival_benefit=1.0, term=10), curve=curve)
+    assert result.pv_benefits.shape == (2, len(AGES))
+    close(result.pv_benefits[1], annuity(LifeTable("SULT", "u"), AGES, 10, i=0.02))
+    assert result.to_frame().height == 2 * len(AGES)
+
+
+def test_cash_flows_sum_the_expected_payments_by_year():
+    product = Product(death_benefit=10.0, survival_benefit=1.0, endowment=5.0, term=3, premium=2.0)
+    result = value(frame("SULT", "u", [40, 60]), product, interest=RATE)
+    flows = result.cash_flows
+    assert flows.columns == [
+        "year",
+        "in_force",
+        "deaths",
+        "death_benefits",
+        "survival_benefits",
+        "endowments",
+        "premiums",
+        "discount_factor",
+    ]
+    table = LifeTable("SULT", "u")
+    # The rates as the table holds them, unrounded survival.
+    q = np.array([table._decrement[x : x + 3] for x in (40, 60)])
+    alive = np.cumprod(np.hstack([np.ones((2, 1)), 1 - q[:, :2]]), axis=1)
+    close(flows["in_force"].to_numpy(), alive.sum(axis=0))
+    close(flows["death_benefits"].to_numpy(), 10.0 * (alive * q).sum(axis=0))
+    close(flows["premiums"].to_numpy(), 2.0 * alive.sum(axis=0))
+    close(flows["endowments"].to_numpy()[2], 5.0 * (alive[:, 2] * (1 - q[:, 2])).sum())
+    discounted = (flows["death_benefits"] + flows["endowments"]).to_numpy() * (1 + RATE) ** -np.arange(1, 4)
+    discounted += (flows["survival_benefits"] - flows["premiums"]).to_numpy() * flows[
+        "discount_factor"
+    ].to_numpy()
+    close(discounted.sum(), result.reserve.sum(), rel=1e-12)
+
+
+@pytest.fixture(scope="module")
+def mixed_book() -> pl.DataFrame:
+    rng = np.random.default_rng(7)
+    n = 5000
+    table = rng.choice(["CSO2001", "SULT", "IAM2012"], n)
+    return pl.DataFrame(
+        {
+            "table_name": table,
+            "sex": np.where(table == "SULT", "u", "m"),
+            "issue_age": rng.integers(20, 70, n),
+            "duration": rng.integers(1, 30, n),
+            "issue_year": rng.integers(1990, 2020, n),
+            "benefit": rng.uniform(1e3, 1e5, n),
+            "term": rng.integers(1, 40, n),
+            "rate": rng.choice([0.01, 0.025], n),
+        }
+    )
+
+
+def test_the_same_bits_whatever_the_threads_and_blocks(mixed_book):
+    product = Product(death_benefit="benefit", endowment="benefit", term="term", premium=None)
+    registry = TableRegistry()
+    runs = [
+        value(
+            mixed_book,
+            product,
+            interest="rate",
+            registry=registry,
+            threads=t,
+            block_size=b,
+            reserves_by_year=True,
+        )
+        for t, b in [(1, None), (2, None), (2, 1), (1, 3000)]
+    ]
+    for other in runs[1:]:
+        for name in ("pv_benefits", "pv_premiums", "net_premium", "reserve", "reserves"):
+            np.testing.assert_array_equal(getattr(runs[0], name), getattr(other, name))
+        assert runs[0].cash_flows.equals(other.cash_flows)
+
+
+def test_worker_processes_give_the_same_bits(mixed_book):
+    product = Product(death_benefit="benefit", term="term", premium=None)
+    alone = value(mixed_book, product, interest="rate", block_size=1024)
+    shared = value(mixed_book, product, interest="rate", block_size=1024, workers=2)
+    np.testing.assert_array_equal(alone.reserve, shared.reserve)
+    assert alone.cash_flows.equals(shared.cash_flows)
+
+
+BOOK = {"table_name": ["SULT", "SULT"], "sex": ["u", "u"], "age": [40, 50]}
+
+
+@pytest.mark.parametrize(
+    ("columns", "product", "basis", "message"),
+    [
+        ({}, Product(death_benefit="sum"), {"interest": RATE}, "column 'sum'"),
+        (
+            {"sum": ["a", "b"]},
+            Product(death_benefit="sum"),
+            {"interest": RATE},
+            "column 'sum'.*must hold numbers",
+        ),
+        (
+            {"sum": [1.0, float("nan")]},
+            Product(death_benefit="sum"),
+            {"interest": RATE},
+            "column 'sum', row 1",
+        ),
+        ({"n": [3, -1]}, Product(death_benefit=1.0, term="n"), {"interest": RATE}, "column 'n', row 1"),
+        (
+            {"d": [0.5, 1]},
+            Product(survival_benefit=1.0, deferral="d"),
+            {"interest": RATE},
+            "column 'd', row 0",
+        ),
+        ({}, Product(death_benefit=1.0), {}, "exactly one of interest"),
+        ({}, Product(death_benefit=1.0), {"interest": RATE, "curve": YieldCurve([1], [0.01])}, "exactly one"),
+        ({"i": [0.01, -2.0]}, Product(death_benefit=1.0), {"interest": "i"}, "column 'i', row 1"),
+        ({"age_shift": [0, -1]}, Product(death_benefit=1.0), {"interest": RATE}, "column 'age_shift', row 1"),
+        (
+            {"aggravated_risk": [0.0, 1]},
+            Product(death_benefit=1.0),
+            {"interest": RATE},
+            "'aggravated_risk', row 0",
+        ),
+    ],
+)
+def test_bad_input_is_refused_naming_column_and_row(columns, product, basis, message):
+    with pytest.raises(ValueError, match=message):
+        value(pl.DataFrame(BOOK | columns), product, **basis)
+
+
+@pytest.mark.parametrize(
+    ("make", "message"),
+    [
+        (lambda: Product(term=-1), "term must be a whole number >= 0"),
+        (lambda: Product(deferral=-2), "deferral"),
+        (lambda: Product(death_benefit=float("nan")), "death_benefit"),
+        (lambda: Product(m=5), "m must be one of"),
+        (lambda: YieldCurve([1, 3, 2], [0.01] * 3), "terms must be strictly increasing, got 2.0 after 3.0"),
+        (lambda: YieldCurve.from_discount_factors([1, 2], [0.9, 0.0]), "discount factors must be > 0"),
+        (lambda: YieldCurve([1, 2], [0.01]), "one column per term"),
+    ],
+)
+def test_bad_products_and_curves_are_refused(make, message):
+    with pytest.raises(ValueError, match=message):
+        make()
+
+
+@pytest.mark.parametrize("kwargs", [{"threads": 0}, {"block_size": 0}, {"workers": 0}, {"threads": True}])
+def test_bad_run_arguments_are_refused(kwargs):
+    with pytest.raises(ValueError, match=next(iter(kwargs))):
+        value(pl.DataFrame(BOOK), Product(death_benefit=1.0), interest=RATE, **kwargs)
