@@ -67,9 +67,8 @@ class YieldCurve:
         if (f <= 0.0).any():
             where = np.argwhere(np.atleast_2d(f) <= 0.0)[0]
             got = np.atleast_2d(f)[tuple(where)]
-            raise ValueError(
-                f"YieldCurve: discount factors must be > 0, got {float(got)!r} at term {float(t[where[-1]])!r}"
-            )
+            term = float(t[where[-1]])
+            raise ValueError(f"YieldCurve: discount factors must be > 0, got {float(got)!r} at term {term!r}")
         curve = cls(t, np.atleast_2d(f) ** (-1.0 / t) - 1.0 if f.ndim == 2 else f ** (-1.0 / t) - 1.0)
         curve._log_factors = np.log(np.atleast_2d(f))
         return curve
