@@ -8,8 +8,25 @@ policies in blocks in a C++ kernel. See ``docs/valuation.md``.
 
 from __future__ import annotations
 
+from typing import TYPE_CHECKING, Any
+
 from veltrane.valuation.curve import YieldCurve
 from veltrane.valuation.product import Product
 from veltrane.valuation.value import DEFAULT_BLOCK_SIZE, FLOWS, Valuation, value
 
-__all__ = ["DEFAULT_BLOCK_SIZE", "FLOWS", "Product", "Valuation", "YieldCurve", "value"]
+if TYPE_CHECKING:
+    from veltrane.valuation.parallel import value_dask
+
+__all__ = ["DEFAULT_BLOCK_SIZE", "FLOWS", "Product", "Valuation", "YieldCurve", "value", "value_dask"]
+
+
+def __getattr__(name: str) -> Any:
+    if name == "value_dask":  # Dask is optional: imported on first use
+        from veltrane.valuation.parallel import value_dask
+
+        return value_dask
+    raise AttributeError(f"module 'veltrane.valuation' has no attribute {name!r}")
+
+
+def __dir__() -> list[str]:
+    return sorted({*globals(), *__all__})

@@ -101,7 +101,9 @@ def block_arguments(laid: Laid, block: slice, reserves: bool) -> tuple[Any, ...]
 
 def run_block(bank: np.ndarray, args: tuple[Any, ...], threads: int) -> tuple[Any, ...]:
     """The kernel on one block with ``threads`` threads."""
-    return _native._value_block(bank, *args, threads)
+    # Arrays that travelled (Dask) may arrive unaligned or read-only: the kernel reads aligned ones.
+    arrays = [np.require(a, requirements=("C", "A")) for a in (bank, *args[:3])]
+    return _native._value_block(*arrays, *args[3:], threads)
 
 
 class Totals:
@@ -195,27 +197,41 @@ def value(
     check_basis(interest, curve)
     size = check_run(threads, block_size, workers)
     laid = lay_out(policies, product, interest, curve, registry)
-    return compute(laid, size, threads, workers, progress, reserves_by_year)
+    cut = list(blocks(len(laid), size))
+    if workers is None or workers == 1 or len(cut) == 1:
+        outputs = in_process(laid, cut, threads, reserves_by_year)
+    else:
+        from veltrane.valuation.parallel import in_workers
+
+        outputs = in_workers(laid, cut, threads, workers, reserves_by_year)
+    return assemble(laid, cut, outputs, progress, reserves_by_year)
 
 
-def compute(
-    laid: Laid, block_size: int, threads: int, workers: int | None, progress: bool, reserves_by_year: bool
+def in_process(laid: Laid, cut: list[slice], threads: int, reserves: bool) -> Iterator[tuple[Any, ...]]:
+    """The kernel's outputs block by block, in this process."""
+    bank = laid.plan.bank
+    for block in cut:
+        yield run_block(bank, block_arguments(laid, block, reserves), threads)
+
+
+def assemble(
+    laid: Laid, cut: list[slice], outputs: Iterator[tuple[Any, ...]], progress: bool, reserves_by_year: bool
 ) -> Valuation:
-    """Run the kernel over the blocks of laid-out policies and assemble the result."""
+    """The valuation from the kernel's outputs of every block, taken in block order."""
     n, s = len(laid), laid.scenarios
     results = np.empty((4, s, n))
     reserves = np.zeros((s, n, laid.years)) if reserves_by_year else None
     totals = Totals(s)
-    cut = list(blocks(n, block_size))
-    for block, (res, rsv, flows) in _progress(
-        zip(cut, _outputs(laid, cut, threads, workers, reserves_by_year), strict=True), progress, len(cut)
-    ):
+    for block, (res, rsv, flows) in _progress(zip(cut, outputs, strict=True), progress, len(cut)):
         results[:, :, block] = res
         if reserves is not None:
             reserves[:, block, :] = rsv
         totals.add(flows)
     single = not laid.scenario_set
-    pick = (lambda a: a[0]) if single else (lambda a: a)
+
+    def pick(a: np.ndarray) -> np.ndarray:
+        return a[0] if single else a
+
     return Valuation(
         pv_benefits=pick(results[0]),
         pv_premiums=pick(results[1]),
@@ -227,22 +243,11 @@ def compute(
     )
 
 
-def _outputs(
-    laid: Laid, cut: list[slice], threads: int, workers: int | None, reserves: bool
-) -> Iterator[tuple[Any, ...]]:
-    if workers is None or workers == 1 or len(cut) == 1:
-        bank = laid.plan.bank
-        for block in cut:
-            yield run_block(bank, block_arguments(laid, block, reserves), threads)
-        return
-    from veltrane.valuation.parallel import outputs_in_workers
-
-    yield from outputs_in_workers(laid, cut, threads, workers, reserves)
-
-
 def _progress(items: Any, enabled: bool, total: int) -> Any:
     if not enabled:
         return items
-    from tqdm.auto import tqdm
-
+    try:
+        from tqdm.auto import tqdm
+    except ImportError as exc:
+        raise ValueError("value: progress=True needs tqdm (pip install 'veltrane[progress]')") from exc
     return tqdm(items, total=total, desc="valuing", unit="block")
