@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <thread>
 #include <vector>
 
@@ -62,6 +63,7 @@ public:
         const double multiplier = field(b, kMultiplier, i);
         const double aggravation = field(b, kAggravation, i);
         const bool rated = multiplier != 1.0 || aggravation != 1.0 || field(b, kShift, i) != 0;
+        const bool mixed = rated || !std::isnan(blend);
         const int decimals = static_cast<int>(field(b, kDecimals, i));
         const double death = field(b, kDeath, i);
         const double survival = field(b, kSurvival, i);
@@ -69,67 +71,79 @@ public:
         const double given_premium = field(b, kPremium, i);
         const double growth = 1.0 + field(b, kEscalation, i);
         const double* v = discount_.factors + (static_cast<std::size_t>(field(b, kBasis, i)) + s) * discount_.steps;
-        const auto last_step = static_cast<std::int64_t>(discount_.steps) - 1;
-        auto at = [&](std::int64_t step) noexcept { return v[std::min(step, last_step)]; };
-
         const std::int64_t years = years_from_issue(bank_, b, i);
         const auto width = static_cast<std::int64_t>(bank_.width);
         const std::size_t kept = records != nullptr ? records->years_ : 0;
         if (records != nullptr) std::fill(records->data.begin(), records->data.end(), 0.0);
+        const std::int64_t m = m_;
+        const double* rates = bank_.rates;
+        // The rate of year j from issue (the discount steps are checked to reach every year).
+        auto rate_of = [&](std::int64_t j) noexcept {
+            const std::int64_t r = row + std::min(issue_offset + j, period);
+            const std::int64_t a = std::min(first_age + j, width - 1);
+            if (!mixed) return rates[r * width + a];
+            return rate(r, a, blend, female, rated, multiplier, aggravation, decimals);
+        };
 
-        double level = elapsed == 0 ? 1.0 : std::pow(growth, -static_cast<double>(elapsed));
+        double level = elapsed == 0 || growth == 1.0 ? 1.0 : std::pow(growth, -static_cast<double>(elapsed));
         double alive_issue = 1.0, alive = 1.0;            // survival from issue, from the valuation date
         double benefits_issue = 0.0, annuity_issue = 0.0;  // present values at issue
         double benefits = 0.0, annuity = 0.0;              // present values at the valuation date
-        std::int64_t walked = 0;                           // years recorded from the valuation date
-        for (std::int64_t j = 0; j < years; ++j, level *= growth) {
+        std::int64_t j = 0;
+        // The years before the valuation date count towards the net premium at issue only; no
+        // survival benefit falls in them (they precede any deferral), every premium is due.
+        for (const std::int64_t before = std::min(elapsed, years); j < before; ++j, level *= growth) {
+            const double q = rate_of(j);
+            const double p = 1.0 - q;
+            double value = death * q * v[(j + 1) * m];
+            if (term >= 0 && j - elapsed == term - 1) value += endowment * p * v[(j + 1) * m];
+            benefits_issue += alive_issue * value * level;
+            annuity_issue += alive_issue * v[j * m];
+            alive_issue *= p;
+        }
+        std::int64_t walked = 0;  // years recorded from the valuation date
+        for (; j < years && alive != 0.0; ++j, level *= growth) {
             const std::int64_t k = j - elapsed;
-            if (k >= 0 && alive == 0.0) break;
-            const double q = rate(row + std::min(issue_offset + j, period), std::min(first_age + j, width - 1), blend,
-                                  female, rated, multiplier, aggravation, decimals);
+            const double q = rate_of(j);
             const double p = 1.0 - q;
             const bool premium_due = premium_term < 0 || k < premium_term;
-            const bool paying = k >= deferral && survival != 0.0;
-            const bool maturing = term >= 0 && k == term - 1 && endowment != 0.0;
-            // Benefits of year j per life at its start, discounted from issue (step origin 0)
-            // and from the valuation date (origin elapsed).
-            auto year_benefits = [&](std::int64_t origin) noexcept {
-                const std::int64_t t = (j - origin) * m_;
-                double value = death * q * at(t + m_);
-                if (paying) value += survival * within_year(q, v, t);
-                if (maturing) value += endowment * p * at(t + m_);
+            const bool paying = survival != 0.0 && k >= deferral;
+            const bool maturing = term >= 0 && k == term - 1;
+            // Benefits of the year per life at its start, discounted to the step origin t0.
+            auto year_benefits = [&](std::int64_t t0) noexcept {
+                double value = death * q * v[t0 + m];
+                if (paying) value += survival * within_year(q, v, t0);
+                if (maturing) value += endowment * p * v[t0 + m];
                 return value * level;
             };
+            const double year_pv = alive * year_benefits(k * m);
+            const double due_pv = premium_due ? alive * v[k * m] : 0.0;
+            benefits += year_pv;
+            annuity += due_pv;
             if (elapsed > 0) {
-                benefits_issue += alive_issue * year_benefits(0);
-                if (premium_due) annuity_issue += alive_issue * at(j * m_);
+                benefits_issue += alive_issue * year_benefits(j * m);
+                if (premium_due) annuity_issue += alive_issue * v[j * m];
+                alive_issue *= p;
             }
-            if (k >= 0) {
-                const double year_pv = alive * year_benefits(elapsed);
-                const double due_pv = premium_due ? alive * at(k * m_) : 0.0;
-                benefits += year_pv;
-                annuity += due_pv;
-                if (static_cast<std::size_t>(k) < kept) {
-                    const auto y = static_cast<std::size_t>(k);
-                    records->slot(Records::kAlive)[y] = alive;
-                    records->slot(Records::kDead)[y] = alive * q;
-                    records->slot(Records::kDeathPaid)[y] = alive * q * death * level;
-                    if (paying) records->slot(Records::kSurvivalPaid)[y] = alive * survival * level * expected_payments(q);
-                    if (maturing) records->slot(Records::kEndowmentPaid)[y] = alive * p * endowment * level;
-                    records->slot(Records::kPremiumDue)[y] = premium_due ? alive : 0.0;
-                    records->slot(Records::kBenefitPv)[y] = year_pv;
-                    records->slot(Records::kAnnuityPv)[y] = due_pv;
-                }
-                alive *= p;
-                walked = k + 1;
+            if (static_cast<std::size_t>(k) < kept) {
+                const auto y = static_cast<std::size_t>(k);
+                records->slot(Records::kAlive)[y] = alive;
+                records->slot(Records::kDead)[y] = alive * q;
+                records->slot(Records::kDeathPaid)[y] = alive * q * death * level;
+                if (paying) records->slot(Records::kSurvivalPaid)[y] = alive * survival * level * expected_payments(q);
+                if (maturing) records->slot(Records::kEndowmentPaid)[y] = alive * p * endowment * level;
+                records->slot(Records::kPremiumDue)[y] = premium_due ? alive : 0.0;
+                records->slot(Records::kBenefitPv)[y] = year_pv;
+                records->slot(Records::kAnnuityPv)[y] = due_pv;
             }
-            alive_issue *= p;
+            alive *= p;
+            walked = k + 1;
         }
         if (elapsed == 0) {
             benefits_issue = benefits;
             annuity_issue = annuity;
         }
-        const double net = annuity_issue > 0.0 ? benefits_issue / annuity_issue : std::nan("");
+        const double net = annuity_issue > 0.0 ? benefits_issue / annuity_issue : std::numeric_limits<double>::quiet_NaN();
         const double premium = std::isnan(given_premium) ? net : given_premium;
         const std::size_t stride = settings_.scenarios * b.n;
         const std::size_t at_policy = s * b.n + i;
@@ -148,7 +162,7 @@ public:
                     continue;
                 }
                 ahead += records->slot(Records::kBenefitPv)[y] - premium * records->slot(Records::kAnnuityPv)[y];
-                const double base = records->slot(Records::kAlive)[y] * at(static_cast<std::int64_t>(y) * m_);
+                const double base = records->slot(Records::kAlive)[y] * v[static_cast<std::int64_t>(y) * m_];
                 reserves[y] = base > 0.0 ? ahead / base : 0.0;
             }
         }
@@ -202,12 +216,11 @@ private:
     // The survival payments of 1 a year within one year starting at discount step t, per life
     // at its start, discounted.
     double within_year(double q, const double* v, std::int64_t t) const noexcept {
-        const auto last_step = static_cast<std::int64_t>(discount_.steps) - 1;
-        if (m_ == 1) return settings_.due ? v[std::min(t, last_step)] : (1.0 - q) * v[std::min(t + 1, last_step)];
+        if (m_ == 1) return settings_.due ? v[t] : (1.0 - q) * v[t + 1];
         double sum = 0.0;
         const int first = settings_.due ? 0 : 1;
         for (int l = first; l < first + m_; ++l) {
-            sum += v[std::min(t + l, last_step)] * fraction_alive(q, static_cast<double>(l) / m_);
+            sum += v[t + l] * fraction_alive(q, static_cast<double>(l) / m_);
         }
         return sum / m_;
     }
