@@ -295,3 +295,40 @@ def test_bad_products_and_curves_are_refused(make, message):
 def test_bad_run_arguments_are_refused(kwargs):
     with pytest.raises(ValueError, match=next(iter(kwargs))):
         value(pl.DataFrame(BOOK), Product(death_benefit=1.0), interest=RATE, **kwargs)
+
+
+@pytest.mark.parametrize("kind", ["parquet", "csv", "lazy"])
+def test_files_are_valued_batch_by_batch_with_the_bits_of_one_pass(mixed_book, tmp_path, monkeypatch, kind):
+    import veltrane.valuation.stream as stream
+
+    monkeypatch.setattr(stream, "BATCH_ROWS", 1024)
+    product = Product(death_benefit="benefit", term="term", premium=None)
+    whole = value(mixed_book, product, interest="rate", block_size=1024)
+    source: object = tmp_path / f"book.{kind}"
+    if kind == "parquet":
+        mixed_book.write_parquet(source)
+    elif kind == "csv":
+        mixed_book.write_csv(source)
+        whole = value(pl.read_csv(source), product, interest="rate", block_size=1024)  # decimals as read back
+    else:
+        source = mixed_book.lazy()
+    out = tmp_path / "results.parquet"
+    streamed = value(source, product, interest="rate", block_size=1024, out=out)
+    assert pl.read_parquet(out).equals(whole.to_frame())
+    assert streamed.cash_flows.equals(whole.cash_flows)
+    assert streamed.totals["reserve"] == pytest.approx(whole.totals["reserve"], rel=1e-12)
+    in_memory = value(source, product, interest="rate", block_size=1024)
+    np.testing.assert_array_equal(in_memory.reserve, whole.reserve)
+
+
+def test_a_bad_row_in_a_later_batch_leaves_no_output(mixed_book, tmp_path, monkeypatch):
+    import veltrane.valuation.stream as stream
+
+    monkeypatch.setattr(stream, "BATCH_ROWS", 1024)
+    book = mixed_book.drop("term", "rate").with_columns(
+        benefit=pl.when(pl.int_range(pl.len()) == 3000).then(None).otherwise("benefit")
+    )
+    out = tmp_path / "results.parquet"
+    with pytest.raises(ValueError, match="column 'benefit', row 952.*rows from 2048"):
+        value(book.lazy(), Product(death_benefit="benefit", term=5), interest=0.01, block_size=1024, out=out)
+    assert list(tmp_path.iterdir()) == []

@@ -91,7 +91,6 @@ class Laid:
     discount: np.ndarray  # (bases, steps) float64
     scenarios: int
     scenario_set: bool
-    single_basis: bool
     years: int  # columns of the reserves and cash flows
     m: int
     due: bool
@@ -206,12 +205,12 @@ def lay_out(
         discount = np.ascontiguousarray(
             np.stack([YieldCurve.flat(float(r)).grid(steps, m)[0] for r in distinct])
         )
-        scenarios, scenario_set, single = 1, False, distinct.size == 1
+        scenarios, scenario_set = 1, False
         basis = basis.astype(np.int64)
     else:
         chosen = curve if curve is not None else YieldCurve.flat(float(interest))
         discount = chosen.grid(steps, m)
-        scenarios, scenario_set, single = chosen.scenarios, chosen.scenario_set, True
+        scenarios, scenario_set = chosen.scenarios, chosen.scenario_set
         basis = np.zeros(n, dtype=np.int64)
     ints = np.empty((len(INT_ROWS), n), dtype=np.int64)
     ints[0] = plan.first_row[group]
@@ -242,7 +241,6 @@ def lay_out(
         discount=discount,
         scenarios=scenarios,
         scenario_set=scenario_set,
-        single_basis=single,
         years=max(1, int(horizon.max())),
         m=m,
         due=product.due,

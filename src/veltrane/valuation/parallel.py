@@ -16,7 +16,18 @@ from veltrane.tables.decrement import TableRegistry
 from veltrane.valuation.curve import YieldCurve
 from veltrane.valuation.frame import Laid, check_basis, lay_out
 from veltrane.valuation.product import Product
-from veltrane.valuation.value import Valuation, assemble, block_arguments, blocks, check_run, run_block
+from veltrane.valuation.value import (
+    Totals,
+    Valuation,
+    _bar,
+    basis_curve,
+    block_arguments,
+    blocks,
+    check_run,
+    collect,
+    finish,
+    run_block,
+)
 
 __all__ = ["in_workers", "value_dask"]
 
@@ -75,4 +86,7 @@ def value_dask(
             yield future.result()
             future.release()
 
-    return assemble(laid, cut, results(), progress, reserves_by_year)
+    totals = Totals(laid.scenarios)
+    with _bar(progress, len(laid)) as bar:
+        arrays = collect(laid, cut, results(), reserves_by_year, totals, bar)
+    return finish(arrays, totals, basis_curve(interest, curve), laid.scenario_set)

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 from collections.abc import Iterator
 from dataclasses import dataclass
+from pathlib import Path
 from typing import Any
 
 import numpy as np
@@ -42,6 +43,8 @@ class Valuation:
     cash_flows: pl.DataFrame
     reserves: np.ndarray | None = None
     scenario_set: bool = False
+    #: Sums over the policies of the four results (per scenario for a scenario set).
+    totals: dict[str, Any] | None = None
 
     def __len__(self) -> int:
         return int(self.reserve.shape[-1])
@@ -122,8 +125,10 @@ class Totals:
         for chunk in partials:
             target += chunk
 
-    def frame(self, discount: np.ndarray | None, m: int, scenario_set: bool) -> pl.DataFrame:
+    def frame(self, curve: YieldCurve | None, scenario_set: bool) -> pl.DataFrame:
+        """The sums by year; discount factors at the start of each year when one curve applies."""
         scenarios, _, years = self.sums.shape
+        discount = None if curve is None else curve.grid(max(years, 1), 1)
         frames = []
         for s in range(scenarios):
             columns: dict[str, Any] = {"year": np.arange(years, dtype=np.int32)}
@@ -132,9 +137,9 @@ class Totals:
             for f, name in enumerate(FLOWS):
                 columns[name] = self.sums[s, f]
             if discount is not None:
-                columns["discount_factor"] = discount[s, : years * m : m][:years]
+                columns["discount_factor"] = discount[s, :years]
             else:
-                columns["discount_factor"] = np.full(years, None, dtype=object).astype(np.float64)
+                columns["discount_factor"] = np.full(years, np.nan)
             frames.append(pl.DataFrame(columns))
         return pl.concat(frames)
 
@@ -151,17 +156,19 @@ def value(
     workers: int | None = None,
     progress: bool = False,
     reserves_by_year: bool = False,
+    out: str | Path | None = None,
 ) -> Valuation:
     """Value every policy of a frame: present values, premiums, reserves and cash flows.
 
     Parameters
     ----------
-    policies : polars.DataFrame, pandas.DataFrame or mapping of columns
+    policies : polars.DataFrame, polars.LazyFrame, pandas.DataFrame, mapping of columns, or path
         One row per policy, described as for :func:`veltrane.portfolio.project` (``table_name``,
         ``sex``, ``age`` or ``issue_age``, ``cohort`` or ``issue_year``, ``duration``,
         ``unisex_blend``), plus the columns the product names, an interest column if one is
         named, and the ratings ``age_shift``, ``decrement_multiplier``, ``aggravated_risk``
-        (each the numbers of ``modify_qx`` with that key on the policy's table).
+        (each the numbers of ``modify_qx`` with that key on the policy's table). A path names a
+        Parquet or CSV file; a file or a LazyFrame is read a batch of rows at a time.
     product : Product
         The cash flows of each policy.
     interest : float or str, optional
@@ -178,9 +185,14 @@ def value(
     workers : int, optional
         Worker processes (see :func:`veltrane.portfolio.project`); the same bits as in-process.
     progress : bool
-        Show a progress bar over the blocks.
+        Show a progress bar (tqdm).
     reserves_by_year : bool
-        Also return the (policies x years) prospective reserves at each anniversary.
+        Also return the (policies x years) prospective reserves at each anniversary (not with
+        ``out``).
+    out : str or Path, optional
+        Write the per-policy results (``Valuation.to_frame()``) to this Parquet file, batch by
+        batch; the returned Valuation then keeps the totals and cash flows but no per-policy
+        arrays. Nothing is written at ``out`` unless every policy was valued.
 
     Returns
     -------
@@ -189,22 +201,51 @@ def value(
     Raises
     ------
     ValueError
-        A bad argument, or a bad column or value (the message names column and row); raised
-        before any policy is valued.
+        A bad argument, or a bad column or value (the message names column and row); for a
+        frame in memory, raised before any policy is valued.
     """
     if not isinstance(product, Product):
         raise ValueError(f"value: product must be a Product, got {type(product).__name__}")
     check_basis(interest, curve)
     size = check_run(threads, block_size, workers)
-    laid = lay_out(policies, product, interest, curve, registry)
-    cut = list(blocks(len(laid), size))
-    if workers is None or workers == 1 or len(cut) == 1:
-        outputs = in_process(laid, cut, threads, reserves_by_year)
-    else:
-        from veltrane.valuation.parallel import in_workers
+    run = Run(threads, size, workers, reserves_by_year)
+    if out is not None or isinstance(policies, str | Path | pl.LazyFrame):
+        from veltrane.valuation.stream import value_stream
 
-        outputs = in_workers(laid, cut, threads, workers, reserves_by_year)
-    return assemble(laid, cut, outputs, progress, reserves_by_year)
+        return value_stream(policies, product, interest, curve, registry, run, progress, out)
+    laid = lay_out(policies, product, interest, curve, registry)
+    totals = Totals(laid.scenarios)
+    with _bar(progress, len(laid)) as bar:
+        arrays = run.arrays(laid, totals, bar)
+    return finish(arrays, totals, basis_curve(interest, curve), laid.scenario_set)
+
+
+def basis_curve(interest: Any, curve: YieldCurve | None) -> YieldCurve | None:
+    """The one curve every policy is discounted on, or None for an interest column."""
+    if curve is not None:
+        return curve
+    return None if isinstance(interest, str) else YieldCurve.flat(float(interest))
+
+
+@dataclass(frozen=True)
+class Run:
+    """How the blocks are computed."""
+
+    threads: int
+    block_size: int
+    workers: int | None
+    reserves: bool
+
+    def arrays(self, laid: Laid, totals: Totals, bar: Any) -> dict[str, np.ndarray]:
+        """The per-policy arrays of laid-out policies; their per-year sums are added to ``totals``."""
+        cut = list(blocks(len(laid), self.block_size))
+        if self.workers is None or self.workers == 1 or len(cut) == 1:
+            outputs = in_process(laid, cut, self.threads, self.reserves)
+        else:
+            from veltrane.valuation.parallel import in_workers
+
+            outputs = in_workers(laid, cut, self.threads, self.workers, self.reserves)
+        return collect(laid, cut, outputs, self.reserves, totals, bar)
 
 
 def in_process(laid: Laid, cut: list[slice], threads: int, reserves: bool) -> Iterator[tuple[Any, ...]]:
@@ -214,40 +255,67 @@ def in_process(laid: Laid, cut: list[slice], threads: int, reserves: bool) -> It
         yield run_block(bank, block_arguments(laid, block, reserves), threads)
 
 
-def assemble(
-    laid: Laid, cut: list[slice], outputs: Iterator[tuple[Any, ...]], progress: bool, reserves_by_year: bool
-) -> Valuation:
-    """The valuation from the kernel's outputs of every block, taken in block order."""
+def collect(
+    laid: Laid,
+    cut: list[slice],
+    outputs: Iterator[tuple[Any, ...]],
+    reserves_by_year: bool,
+    totals: Totals,
+    bar: Any,
+) -> dict[str, np.ndarray]:
+    """The kernel's outputs of every block, taken in block order, as per-policy arrays."""
     n, s = len(laid), laid.scenarios
     results = np.empty((4, s, n))
     reserves = np.zeros((s, n, laid.years)) if reserves_by_year else None
-    totals = Totals(s)
-    for block, (res, rsv, flows) in _progress(zip(cut, outputs, strict=True), progress, len(cut)):
+    for block, (res, rsv, flows) in zip(cut, outputs, strict=True):
         results[:, :, block] = res
         if reserves is not None:
             reserves[:, block, :] = rsv
         totals.add(flows)
-    single = not laid.scenario_set
+        bar.update(block.stop - block.start)
+    arrays = {name: results[r] for r, name in enumerate(RESULTS)}
+    if reserves is not None:
+        arrays["reserves"] = reserves
+    return arrays
+
+
+def finish(
+    arrays: dict[str, np.ndarray], totals: Totals, curve: YieldCurve | None, scenario_set: bool
+) -> Valuation:
+    """The Valuation of per-policy arrays (scenario axis first) and per-year sums."""
 
     def pick(a: np.ndarray) -> np.ndarray:
-        return a[0] if single else a
+        return a if scenario_set else a[0]
 
+    sums = {name: pick(arrays[name].sum(axis=-1)) for name in RESULTS}
     return Valuation(
-        pv_benefits=pick(results[0]),
-        pv_premiums=pick(results[1]),
-        net_premium=pick(results[2]),
-        reserve=pick(results[3]),
-        cash_flows=totals.frame(laid.discount if laid.single_basis else None, laid.m, laid.scenario_set),
-        reserves=None if reserves is None else pick(reserves),
-        scenario_set=laid.scenario_set,
+        pv_benefits=pick(arrays["pv_benefits"]),
+        pv_premiums=pick(arrays["pv_premiums"]),
+        net_premium=pick(arrays["net_premium"]),
+        reserve=pick(arrays["reserve"]),
+        cash_flows=totals.frame(curve, scenario_set),
+        reserves=pick(arrays["reserves"]) if "reserves" in arrays else None,
+        scenario_set=scenario_set,
+        totals={k: float(v) if np.ndim(v) == 0 else v for k, v in sums.items()},
     )
 
 
-def _progress(items: Any, enabled: bool, total: int) -> Any:
+class _NoBar:
+    def update(self, n: int) -> None:
+        pass
+
+    def __enter__(self) -> _NoBar:
+        return self
+
+    def __exit__(self, *exc: object) -> None:
+        pass
+
+
+def _bar(enabled: bool, total: int) -> Any:
     if not enabled:
-        return items
+        return _NoBar()
     try:
         from tqdm.auto import tqdm
     except ImportError as exc:
         raise ValueError("value: progress=True needs tqdm (pip install 'veltrane[progress]')") from exc
-    return tqdm(items, total=total, desc="valuing", unit="block")
+    return tqdm(total=total, desc="valuing", unit="policy", unit_scale=True)
