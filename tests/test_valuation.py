@@ -329,6 +329,6 @@ def test_a_bad_row_in_a_later_batch_leaves_no_output(mixed_book, tmp_path, monke
         benefit=pl.when(pl.int_range(pl.len()) == 3000).then(None).otherwise("benefit")
     )
     out = tmp_path / "results.parquet"
-    with pytest.raises(ValueError, match="column 'benefit', row 952.*rows from 2048"):
+    with pytest.raises(ValueError, match=r"column 'benefit', row 952.*rows from 2048"):
         value(book.lazy(), Product(death_benefit="benefit", term=5), interest=0.01, block_size=1024, out=out)
     assert list(tmp_path.iterdir()) == []
