@@ -118,7 +118,9 @@ def value_stream(
         def pick(v: Any) -> Any:
             return v if scenario_set else float(v[0])
 
-        return Valuation(**{**result.__dict__, "totals": {k: pick(v) for k, v in sums.items()}})
+        return Valuation(
+            **{**result.__dict__, "totals": {"policies": total} | {k: pick(v) for k, v in sums.items()}}
+        )
     finally:
         with contextlib.suppress(OSError):
             shutil.rmtree(parts)

@@ -43,7 +43,8 @@ class Valuation:
     cash_flows: pl.DataFrame
     reserves: np.ndarray | None = None
     scenario_set: bool = False
-    #: Sums over the policies of the four results (per scenario for a scenario set).
+    #: ``policies`` (their number) and the sums over the policies of the four results (per
+    #: scenario for a scenario set).
     totals: dict[str, Any] | None = None
 
     def __len__(self) -> int:
@@ -287,7 +288,7 @@ def finish(
     def pick(a: np.ndarray) -> np.ndarray:
         return a if scenario_set else a[0]
 
-    sums = {name: pick(arrays[name].sum(axis=-1)) for name in RESULTS}
+    sums: dict[str, Any] = {name: pick(arrays[name].sum(axis=-1)) for name in RESULTS}
     return Valuation(
         pv_benefits=pick(arrays["pv_benefits"]),
         pv_premiums=pick(arrays["pv_premiums"]),
@@ -296,7 +297,8 @@ def finish(
         cash_flows=totals.frame(curve, scenario_set),
         reserves=pick(arrays["reserves"]) if "reserves" in arrays else None,
         scenario_set=scenario_set,
-        totals={k: float(v) if np.ndim(v) == 0 else v for k, v in sums.items()},
+        totals={"policies": int(arrays["reserve"].shape[-1])}
+        | {k: float(v) if np.ndim(v) == 0 else v for k, v in sums.items()},
     )
 
 
