@@ -10,7 +10,7 @@ Run with ``make bench`` or ``python bench/run.py``. Every figure is a median ove
 - the peak memory of the grid, against the result plus one piece of 2,000,000 cells;
 - then table construction (construction.py), generational builds against NumPy
   (generational.py), the life contingencies (contingencies.py), a portfolio projection of
-  1,000,000 policies over 30 years (portfolio.py) and the import of the published XTbML files
+  1,000,000 policies over 30 years (portfolio.py), portfolio valuation (valuation.py) and the import of the published XTbML files
   (xtbml.py).
 
 A benchmark, not a test: it reports, it never fails a build.
@@ -165,6 +165,7 @@ def main() -> None:
     import contingencies
     import generational
     import portfolio
+    import valuation
     import xtbml
 
     construction.main()
@@ -172,6 +173,7 @@ def main() -> None:
     generational.main()
     contingencies.main()
     portfolio.main()
+    valuation.main()
     xtbml.main()
 
 
