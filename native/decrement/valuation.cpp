@@ -1,5 +1,5 @@
 // The module function behind veltrane.valuation: `_value_block(bank, discount, ints, reals,
-// m, due, interpolation, scenarios, years, reserves, flows, threads)`. The arrays are the ones
+// m, due, interpolation, scenarios, years, reserves, flows, flat, threads)`. The arrays are the ones
 // the Python layer lays out (kernels/valuation.hpp names their rows); every index is checked
 // here, before the kernel runs without the GIL, so that no input can read outside them.
 #include "decrement/valuation.hpp"
@@ -70,7 +70,7 @@ PyObject* new_array(std::initializer_list<npy_intp> shape) {
 
 PyObject* value_block(PyObject*, PyObject* const* args, Py_ssize_t nargs) {
     return py::guard([&]() -> PyObject* {
-        if (nargs != 12) refuse("takes 12 arguments");
+        if (nargs != 13) refuse("takes 13 arguments");
         PyArrayObject* bank_a = matrix(args[0], NPY_FLOAT64, "bank");
         PyArrayObject* discount_a = matrix(args[1], NPY_FLOAT64, "discount");
         PyArrayObject* ints_a = matrix(args[2], NPY_INT64, "ints");
@@ -89,7 +89,8 @@ PyObject* value_block(PyObject*, PyObject* const* args, Py_ssize_t nargs) {
         settings.years = static_cast<std::size_t>(whole(args[8], "years", 0, 100000));
         settings.reserves = whole(args[9], "reserves", 0, 1) == 1;
         settings.flows = whole(args[10], "flows", 0, 1) == 1;
-        const auto threads = static_cast<unsigned>(whole(args[11], "threads", 1, 1024));
+        settings.flat = whole(args[11], "flat", 0, 1) == 1;
+        const auto threads = static_cast<unsigned>(whole(args[12], "threads", 1, 1024));
         const kv::Bank bank{static_cast<const double*>(PyArray_DATA(bank_a)), static_cast<std::size_t>(PyArray_DIM(bank_a, 0)),
                             static_cast<std::size_t>(PyArray_DIM(bank_a, 1))};
         const kv::Discount discount{static_cast<const double*>(PyArray_DATA(discount_a)),
@@ -118,7 +119,8 @@ PyObject* value_block(PyObject*, PyObject* const* args, Py_ssize_t nargs) {
 
 PyMethodDef functions[] = {
     {"_value_block", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(value_block)), METH_FASTCALL,
-     "_value_block(bank, discount, ints, reals, m, due, interpolation, scenarios, years, reserves, flows, threads)\n"
+     "_value_block(bank, discount, ints, reals, m, due, interpolation, scenarios, years, reserves, flows, flat, "
+     "threads)\n"
      "--\n\nValue one block of policies (internal: see veltrane.valuation)."},
 };
 

@@ -42,8 +42,27 @@ struct Records {
 
 class Valuer {
 public:
-    Valuer(const Bank& bank, const Discount& discount, const Settings& settings) noexcept
-        : bank_(bank), discount_(discount), settings_(settings), m_(settings.m) {}
+    Valuer(const Bank& bank, const Discount& discount, const Settings& settings)
+        : bank_(bank), discount_(discount), settings_(settings), m_(settings.m) {
+        if (m_ == 1) return;
+        // For every step t that starts a year: (1/m) sum of v(t + l) and (1/m) sum of v(t + l) l/m
+        // over the instalments l of the year, so a linear year costs two multiplications.
+        const int first = settings.due ? 0 : 1;
+        const std::size_t steps = discount.steps;
+        weights_.assign(2 * discount.bases * steps, 0.0);
+        for (std::size_t b = 0; b < discount.bases; ++b) {
+            const double* v = discount.factors + b * steps;
+            for (std::size_t t = 0; t + static_cast<std::size_t>(first + m_ - 1) < steps; t += static_cast<std::size_t>(m_)) {
+                double level = 0.0, slope = 0.0;
+                for (int l = first; l < first + m_; ++l) {
+                    level += v[t + static_cast<std::size_t>(l)];
+                    slope += v[t + static_cast<std::size_t>(l)] * (static_cast<double>(l) / m_);
+                }
+                weights_[2 * (b * steps + t)] = level / m_;
+                weights_[2 * (b * steps + t) + 1] = slope / m_;
+            }
+        }
+    }
 
     // Values policy i under scenario s; writes its results and, when asked, its reserves and
     // adds its year records to `flows` (kFlows x years of its chunk and scenario).
@@ -120,7 +139,7 @@ public:
             const double due_pv = premium_due ? alive * v[k * m] : 0.0;
             benefits += year_pv;
             annuity += due_pv;
-            if (elapsed > 0) {
+            if (elapsed > 0 && !settings_.flat) {
                 benefits_issue += alive_issue * year_benefits(j * m);
                 if (premium_due) annuity_issue += alive_issue * v[j * m];
                 alive_issue *= p;
@@ -142,6 +161,12 @@ public:
         if (elapsed == 0) {
             benefits_issue = benefits;
             annuity_issue = annuity;
+        } else if (settings_.flat) {
+            // At one rate the years from the valuation date are worth, at issue, their value at
+            // the valuation date discounted over the years run, for the lives still there.
+            const double back = alive_issue * v[std::min(elapsed, years) * m];
+            benefits_issue += back * benefits;
+            annuity_issue += back * annuity;
         }
         const double net = annuity_issue > 0.0 ? benefits_issue / annuity_issue : std::numeric_limits<double>::quiet_NaN();
         const double premium = std::isnan(given_premium) ? net : given_premium;
@@ -217,11 +242,20 @@ private:
     // at its start, discounted.
     double within_year(double q, const double* v, std::int64_t t) const noexcept {
         if (m_ == 1) return settings_.due ? v[t] : (1.0 - q) * v[t + 1];
-        double sum = 0.0;
         const int first = settings_.due ? 0 : 1;
-        for (int l = first; l < first + m_; ++l) {
-            sum += v[t + l] * fraction_alive(q, static_cast<double>(l) / m_);
+        if (q >= 1.0 || settings_.interpolation == Interpolation::linear) {
+            // Linear within the year: the sums of v and of v times the time, made once per call.
+            const std::size_t at = static_cast<std::size_t>(v - discount_.factors) + static_cast<std::size_t>(t);
+            return weights_[2 * at] - q * weights_[2 * at + 1];
         }
+        double sum = 0.0;
+        if (settings_.interpolation == Interpolation::exponential) {
+            const double step = std::pow(1.0 - q, 1.0 / m_);
+            double alive = first == 0 ? 1.0 : step;
+            for (int l = first; l < first + m_; ++l, alive *= step) sum += v[t + l] * alive;
+            return sum / m_;
+        }
+        for (int l = first; l < first + m_; ++l) sum += v[t + l] * fraction_alive(q, static_cast<double>(l) / m_);
         return sum / m_;
     }
 
@@ -238,6 +272,7 @@ private:
     const Discount& discount_;
     const Settings& settings_;
     int m_;
+    std::vector<double> weights_;  // linear-year weights by (basis, step), m > 1 only
 };
 
 }  // namespace

@@ -80,6 +80,9 @@ struct Settings {
     std::size_t years = 0;       // columns of the reserves and of the per-year sums
     bool reserves = false;
     bool flows = false;
+    // The factors of every basis are those of one rate, v(j) = v(e) v(j - e): the years after
+    // the valuation date are then worth at issue their value at the valuation date times v(e).
+    bool flat = false;
 };
 
 struct Block {

@@ -92,6 +92,7 @@ class Laid:
     scenarios: int
     scenario_set: bool
     years: int  # columns of the reserves and cash flows
+    flat: bool  # every basis is one rate (not a curve)
     m: int
     due: bool
     interpolation: int
@@ -242,6 +243,7 @@ def lay_out(
         scenarios=scenarios,
         scenario_set=scenario_set,
         years=max(1, int(horizon.max())),
+        flat=curve is None,
         m=m,
         due=product.due,
         interpolation=_INTERPOLATION[str(Config().lx_interpolation)],

@@ -100,6 +100,7 @@ def block_arguments(laid: Laid, block: slice, reserves: bool) -> tuple[Any, ...]
         laid.years,
         int(reserves),
         1,
+        int(laid.flat),
     )
 
 
