@@ -332,3 +332,14 @@ def test_a_bad_row_in_a_later_batch_leaves_no_output(mixed_book, tmp_path, monke
     with pytest.raises(ValueError, match=r"column 'benefit', row 952.*rows from 2048"):
         value(book.lazy(), Product(death_benefit="benefit", term=5), interest=0.01, block_size=1024, out=out)
     assert list(tmp_path.iterdir()) == []
+
+
+def test_a_registry_table_changed_between_calls_is_read_anew():
+    registry = TableRegistry()
+    product = Product(death_benefit=1.0, term=10)
+    before = value(frame("SULT", "u", AGES), product, interest=RATE, registry=registry)
+    table = registry.get_or_create(LifeTable, "SULT", "u", None, None)
+    table.modify_qx({"decrement_multiplier": 2.0})
+    after = value(frame("SULT", "u", AGES), product, interest=RATE, registry=registry)
+    close(after.pv_benefits, insurance(table, AGES, 10, i=RATE))
+    assert (after.pv_benefits > before.pv_benefits).all()

@@ -3,6 +3,7 @@ checked and laid out for the kernel, next to what ``read_policies`` makes of the
 
 from __future__ import annotations
 
+from collections import OrderedDict
 from dataclasses import dataclass
 from typing import Any
 
@@ -139,6 +140,35 @@ def _ratings(frame: pl.DataFrame, n: int) -> tuple[np.ndarray, np.ndarray, np.nd
     return shift, multiplier, aggravation
 
 
+# Plans of recent calls with a caller's registry, with the rate vectors they were made from: a
+# valuation repeated on the same registry reuses its tables and bank while those are unchanged
+# (a rebuild or a modification of a table replaces its vectors).
+_PLANS: OrderedDict[tuple[Any, ...], tuple[RatePlan, tuple[Any, ...]]] = OrderedDict()
+_KEPT_PLANS = 4
+
+
+def _vectors(plan: RatePlan) -> tuple[Any, ...]:
+    return tuple(v for t in plan.tables for v in (t._decrement, t._decrement_base))
+
+
+def _plan(groups: tuple[Any, ...], width: int, registry: TableRegistry | None) -> RatePlan:
+    if registry is None:
+        return RatePlan(groups, width)
+    d = Config().decimals
+    key = (id(registry), groups, width, (d.qx, d.ix, d.ox, d.px, d.tpx, d.tqx))
+    kept = _PLANS.get(key)
+    if kept is not None and kept[0].registry is registry:
+        plan, vectors = kept
+        if all(a is b for a, b in zip(_vectors(plan), vectors, strict=True)):
+            _PLANS.move_to_end(key)
+            return plan
+    plan = RatePlan(groups, width, registry)
+    _PLANS[key] = (plan, _vectors(plan))
+    while len(_PLANS) > _KEPT_PLANS:
+        _PLANS.popitem(last=False)
+    return plan
+
+
 def check_basis(interest: Any, curve: Any) -> None:
     """Exactly one of ``interest`` and ``curve``, each of the right kind."""
     if (interest is None) == (curve is None):
@@ -192,7 +222,7 @@ def lay_out(
     elapsed = np.zeros(n, dtype=np.int64)
     if "issue_age" in frame.columns:
         elapsed = batch.age.astype(np.int64) - frame["issue_age"].cast(pl.Int64).to_numpy()
-    plan = RatePlan(batch.groups, int(batch.age.max()) + int(shift.max()) + 2, registry)
+    plan = _plan(batch.groups, int(batch.age.max()) + int(shift.max()) + 2, registry)
     group = batch.group
     width = plan.width
     age = batch.age.astype(np.int64)
