@@ -281,6 +281,7 @@ def test_bad_input_is_refused_naming_column_and_row(columns, product, basis, mes
         (lambda: Product(deferral=-2), "deferral"),
         (lambda: Product(death_benefit=float("nan")), "death_benefit"),
         (lambda: Product(m=5), "m must be one of"),
+        (lambda: Product(endowment=1.0), "an endowment is paid at the end of a term"),
         (lambda: YieldCurve([1, 3, 2], [0.01] * 3), "terms must be strictly increasing, got 2.0 after 3.0"),
         (lambda: YieldCurve.from_discount_factors([1, 2], [0.9, 0.0]), "discount factors must be > 0"),
         (lambda: YieldCurve([1, 2], [0.01]), "one column per term"),
@@ -343,3 +344,11 @@ def test_a_registry_table_changed_between_calls_is_read_anew():
     after = value(frame("SULT", "u", AGES), product, interest=RATE, registry=registry)
     close(after.pv_benefits, insurance(table, AGES, 10, i=RATE))
     assert (after.pv_benefits > before.pv_benefits).all()
+
+
+def test_too_many_distinct_rates_are_refused_before_tabulating_them(monkeypatch):
+    import veltrane.valuation.frame as laid_out
+
+    monkeypatch.setattr(laid_out, "_LARGEST_GRID", 100)
+    with pytest.raises(ValueError, match="column 'i' holds 2 distinct rates"):
+        value(pl.DataFrame(BOOK | {"i": [0.01, 0.02]}), Product(death_benefit=1.0), interest="i")

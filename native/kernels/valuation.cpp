@@ -20,15 +20,15 @@ namespace {
 inline std::int64_t field(const Block& b, IntField f, std::size_t i) noexcept { return b.ints[f * b.n + i]; }
 inline double field(const Block& b, RealField f, std::size_t i) noexcept { return b.reals[f * b.n + i]; }
 
-// Years walked from issue: to the end of the term, or for life until the table's last column
+// Years walked from issue: to the end of the term, and at most until the table's last column
 // of the bank (1.0 there, so nobody survives it).
 std::int64_t years_from_issue(const Bank& bank, const Block& b, std::size_t i) noexcept {
     const std::int64_t elapsed = field(b, kElapsed, i);
     const std::int64_t term = field(b, kTerm, i);
-    if (term >= 0) return elapsed + term;
     const auto width = static_cast<std::int64_t>(bank.width);
     const std::int64_t first = std::min(field(b, kAge, i) - elapsed + field(b, kShift, i), width - 1);
-    return width - first;
+    const std::int64_t to_end = width - first;
+    return term >= 0 ? std::min(elapsed + term, to_end) : to_end;
 }
 
 // Per-year records of one policy at the valuation date (k = 0 .. years - 1).

@@ -40,6 +40,8 @@ REAL_ROWS = ("blend", "multiplier", "aggravation", "death", "survival", "endowme
 _INTERPOLATION = {"linear": 0, "exponential": 1, "hyperbolic": 2}
 _LARGEST_AGGRAVATION = 100.0
 _LARGEST_TERM = 100_000
+# Discount factors tabulated at most (rates x steps of 1/m year): 128 MB.
+_LARGEST_GRID = 1 << 24
 
 
 def _bad(column: str, row: int, problem: str) -> ValueError:
@@ -227,12 +229,19 @@ def lay_out(
     width = plan.width
     age = batch.age.astype(np.int64)
     term = terms["term"]
-    walked = np.where(term >= 0, elapsed + term, width - np.minimum(age - elapsed + shift, width - 1))
-    horizon = np.where(term >= 0, term, width - np.minimum(age + shift, width - 1))
+    # Nobody survives the bank's last column: no policy walks further than that.
+    to_end = width - np.minimum(age - elapsed + shift, width - 1)
+    walked = np.where(term >= 0, np.minimum(elapsed + term, to_end), to_end)
+    horizon = walked - elapsed
     m = product.m
     steps = (int(walked.max()) + 1) * m + 1
     if rates is not None:
         distinct, basis = np.unique(rates, return_inverse=True)
+        if distinct.size * steps > _LARGEST_GRID:
+            raise ValueError(
+                f"policies: column {interest!r} holds {distinct.size:,} distinct rates, too many to "
+                f"tabulate their discount factors; round the rates (to basis points, say)"
+            )
         discount = np.ascontiguousarray(
             np.stack([YieldCurve.flat(float(r)).grid(steps, m)[0] for r in distinct])
         )

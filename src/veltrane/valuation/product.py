@@ -86,6 +86,8 @@ class Product:
             raise ValueError(f"Product: due must be True or False, got {self.due!r}")
         if self.method != "exact":
             raise ValueError(f"Product: method must be 'exact', got {self.method!r}")
+        if self.term is None and not isinstance(self.endowment, str) and self.endowment != 0:
+            raise ValueError("Product: an endowment is paid at the end of a term: give term")
         if self.premium is None and self.premium_term == 0:
             raise ValueError("Product: a net premium needs a premium term of at least one year")
 
