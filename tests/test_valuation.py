@@ -352,3 +352,47 @@ def test_too_many_distinct_rates_are_refused_before_tabulating_them(monkeypatch)
     monkeypatch.setattr(laid_out, "_LARGEST_GRID", 100)
     with pytest.raises(ValueError, match="column 'i' holds 2 distinct rates"):
         value(pl.DataFrame(BOOK | {"i": [0.01, 0.02]}), Product(death_benefit=1.0), interest="i")
+
+
+def _kernel_inputs():
+    from veltrane.valuation.frame import lay_out
+    from veltrane.valuation.value import block_arguments
+
+    laid = lay_out(frame("SULT", "u", AGES), Product(death_benefit=1.0, term=10), RATE, None, None)
+    return laid.plan.bank, list(block_arguments(laid, slice(0, len(AGES)), True))
+
+
+@pytest.mark.parametrize(
+    ("change", "message"),
+    [
+        (lambda bank, a: a.__setitem__(1, a[1].astype(np.float64)), "ints must be a C-contiguous"),
+        (lambda bank, a: a[1].__setitem__((0, 2), 10**6), "table row out of range"),
+        (lambda bank, a: a[1].__setitem__((3, 0), -1), "age out of range"),
+        (lambda bank, a: a[1].__setitem__((8, 1), 5), "basis out of range"),
+        (lambda bank, a: a.__setitem__(0, a[0][:, :2]), "discount factors do not reach"),
+        (lambda bank, a: a.__setitem__(3, 13), "m out of range"),
+        (lambda bank, a: a.__setitem__(2, a[2][:5].copy()), "one row per field"),
+    ],
+)
+def test_the_kernel_refuses_inputs_it_cannot_read_safely(change, message):
+    from veltrane.tables import decrement
+
+    bank, args = _kernel_inputs()
+    change(bank, args)
+    with pytest.raises(ValueError, match=message):
+        decrement._value_block(bank, *args, 1)
+
+
+def test_the_kernel_keeps_no_reference_to_its_inputs():
+    import gc
+    import sys
+
+    from veltrane.tables import decrement
+
+    bank, args = _kernel_inputs()
+    arrays = [bank, *args[:3]]
+    before = [sys.getrefcount(a) for a in arrays]
+    for _ in range(100):
+        decrement._value_block(bank, *args, 2)
+    gc.collect()
+    assert [sys.getrefcount(a) for a in arrays] == before
