@@ -40,11 +40,11 @@ long long whole(PyObject* obj, const char* name, long long low, long long high) 
 void check_block(const kv::Bank& bank, const kv::Discount& discount, const kv::Settings& settings, const kv::Block& b) {
     const auto rows = static_cast<std::int64_t>(bank.rows);
     for (std::size_t i = 0; i < b.n; ++i) {
-        auto get = [&](kv::IntField f) { return b.ints[f * b.n + i]; };
+        auto get = [&](kv::IntField f) { return b.ints[i * kv::kIntFields + f]; };
         const std::int64_t row = get(kv::kRow), period = get(kv::kPeriod), age = get(kv::kAge);
         const std::string at = " (policy " + std::to_string(i) + ")";
         if (row < 0 || period < 0 || row + period >= rows) refuse("table row out of range" + at);
-        if (!std::isnan(b.reals[kv::kBlend * b.n + i])) {
+        if (!std::isnan(b.reals[i * kv::kRealFields + kv::kBlend])) {
             const std::int64_t female = get(kv::kFemale);
             if (female < 0 || row + period + female >= rows) refuse("female row out of range" + at);
         }
@@ -75,10 +75,10 @@ PyObject* value_block(PyObject*, PyObject* const* args, Py_ssize_t nargs) {
         PyArrayObject* discount_a = matrix(args[1], NPY_FLOAT64, "discount");
         PyArrayObject* ints_a = matrix(args[2], NPY_INT64, "ints");
         PyArrayObject* reals_a = matrix(args[3], NPY_FLOAT64, "reals");
-        const npy_intp n = PyArray_DIM(ints_a, 1);
-        if (PyArray_DIM(ints_a, 0) != kv::kIntFields || PyArray_DIM(reals_a, 0) != kv::kRealFields ||
-            PyArray_DIM(reals_a, 1) != n) {
-            refuse("ints and reals must have one row per field and one column per policy");
+        const npy_intp n = PyArray_DIM(ints_a, 0);
+        if (PyArray_DIM(ints_a, 1) != kv::kIntFields || PyArray_DIM(reals_a, 1) != kv::kRealFields ||
+            PyArray_DIM(reals_a, 0) != n) {
+            refuse("ints and reals must have one row per policy and one column per field");
         }
         if (PyArray_DIM(bank_a, 1) < 1 || PyArray_DIM(discount_a, 1) < 1) refuse("empty bank or discount factors");
         kv::Settings settings;

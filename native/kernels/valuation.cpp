@@ -17,8 +17,8 @@
 namespace veltrane::kernels::valuation {
 namespace {
 
-inline std::int64_t field(const Block& b, IntField f, std::size_t i) noexcept { return b.ints[f * b.n + i]; }
-inline double field(const Block& b, RealField f, std::size_t i) noexcept { return b.reals[f * b.n + i]; }
+inline std::int64_t field(const Block& b, IntField f, std::size_t i) noexcept { return b.ints[i * kIntFields + f]; }
+inline double field(const Block& b, RealField f, std::size_t i) noexcept { return b.reals[i * kRealFields + f]; }
 
 // Years walked from issue: to the end of the term, and at most until the table's last column
 // of the bank (1.0 there, so nobody survives it).

@@ -22,7 +22,7 @@ from veltrane.valuation.value import CHUNK, RESULTS, Run, Totals, Valuation, _ba
 __all__ = ["BATCH_ROWS", "scan", "value_stream"]
 
 #: Rows read at a time (a multiple of the chunk, so the per-year sums are those of one pass).
-BATCH_ROWS = 1024 * CHUNK
+BATCH_ROWS = 256 * CHUNK
 
 
 def scan(policies: Any) -> pl.LazyFrame | None:

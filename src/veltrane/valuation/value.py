@@ -88,11 +88,11 @@ def blocks(n: int, block_size: int) -> Iterator[slice]:
 
 
 def block_arguments(laid: Laid, block: slice, reserves: bool) -> tuple[Any, ...]:
-    """The kernel's arguments after the bank, for one block (contiguous copies of its columns)."""
+    """The kernel's arguments after the bank, for one block (views of its rows)."""
     return (
         laid.discount,
-        np.ascontiguousarray(laid.ints[:, block]),
-        np.ascontiguousarray(laid.reals[:, block]),
+        laid.ints[block],
+        laid.reals[block],
         laid.m,
         int(laid.due),
         laid.interpolation,
