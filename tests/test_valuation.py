@@ -396,3 +396,30 @@ def test_the_kernel_keeps_no_reference_to_its_inputs():
         decrement._value_block(bank, *args, 2)
     gc.collect()
     assert [sys.getrefcount(a) for a in arrays] == before
+
+
+def test_given_premiums_for_a_limited_term_and_escalating_benefits():
+    table = LifeTable("SULT", "u")
+    product = Product(death_benefit=1000.0, term=20, premium=12.5, premium_term=10, escalation=0.03)
+    result = value(frame("SULT", "u", AGES), product, interest=RATE)
+    close(result.pv_premiums, 12.5 * annuity(table, AGES, 10, i=RATE))
+    # A benefit growing at g, discounted at i, is a level benefit at (1 + i) / (1 + g) - 1 less one
+    # year's growth: B (1 + g)^k v^(k + 1) = B / (1 + g) (v')^(k + 1).
+    shifted = (1 + RATE) / 1.03 - 1
+    close(result.pv_benefits, 1000.0 / 1.03 * insurance(table, AGES, 20, i=shifted), rel=1e-11)
+    close(result.reserve, result.pv_benefits - result.pv_premiums)
+
+
+def test_pandas_frames_and_the_progress_bar(capsys):
+    pandas = pytest.importorskip("pandas")
+    book = pandas.DataFrame(
+        {"table_name": ["SULT"] * 3, "sex": ["u"] * 3, "age": [30, 40, 50], "b": [1.0, 2.0, 3.0]}
+    )
+    result = value(book, Product(death_benefit="b", term=5), interest=RATE, progress=True)
+    expected = value(
+        pl.DataFrame({c: book[c].tolist() for c in book.columns}),
+        Product(death_benefit="b", term=5),
+        interest=RATE,
+    )
+    np.testing.assert_array_equal(result.pv_benefits, expected.pv_benefits)
+    assert "valuing" in capsys.readouterr().err
