@@ -423,3 +423,25 @@ def test_pandas_frames_and_the_progress_bar(capsys):
     )
     np.testing.assert_array_equal(result.pv_benefits, expected.pv_benefits)
     assert "valuing" in capsys.readouterr().err
+
+
+def test_ratings_on_a_select_policy_rate_each_column_of_its_diagonal():
+    # Shifted by s, a life selected at x0 reads the diagonal of a life selected at x0 + s.
+    issue_age, duration, shift = 30, 3, 4
+    path = LifeTable("CSO2001", "f", duration=1).select_path(issue_age + shift)
+    with warnings.catch_warnings():
+        warnings.simplefilter("ignore")
+        path.modify_qx({"decrement_multiplier": 1.5, "aggravated_risk": 2.0})
+    policies = pl.DataFrame(
+        {
+            "table_name": ["CSO2001"],
+            "sex": ["f"],
+            "issue_age": [issue_age],
+            "duration": [duration],
+            "age_shift": [shift],
+            "decrement_multiplier": [1.5],
+            "aggravated_risk": [2.0],
+        }
+    )
+    result = value(policies, Product(death_benefit=1.0, term=25), interest=RATE)
+    close(result.pv_benefits, insurance(path, issue_age + duration - 1 + shift, 25, i=RATE))
