@@ -93,7 +93,6 @@ public:
         const std::int64_t years = years_from_issue(bank_, b, i);
         const auto width = static_cast<std::int64_t>(bank_.width);
         const std::size_t kept = records != nullptr ? records->years_ : 0;
-        if (records != nullptr) std::fill(records->data.begin(), records->data.end(), 0.0);
         const std::int64_t m = m_;
         const double* rates = bank_.rates;
         // The rate of year j from issue (the discount steps are checked to reach every year).
@@ -149,8 +148,9 @@ public:
                 records->slot(Records::kAlive)[y] = alive;
                 records->slot(Records::kDead)[y] = alive * q;
                 records->slot(Records::kDeathPaid)[y] = alive * q * death * level;
-                if (paying) records->slot(Records::kSurvivalPaid)[y] = alive * survival * level * expected_payments(q);
-                if (maturing) records->slot(Records::kEndowmentPaid)[y] = alive * p * endowment * level;
+                // Every slot of the year is written: the years walked are all that is read back.
+                records->slot(Records::kSurvivalPaid)[y] = paying ? alive * survival * level * expected_payments(q) : 0.0;
+                records->slot(Records::kEndowmentPaid)[y] = maturing ? alive * p * endowment * level : 0.0;
                 records->slot(Records::kPremiumDue)[y] = premium_due ? alive : 0.0;
                 records->slot(Records::kBenefitPv)[y] = year_pv;
                 records->slot(Records::kAnnuityPv)[y] = due_pv;
