@@ -34,7 +34,7 @@ std::int64_t years_from_issue(const Bank& bank, const Block& b, std::size_t i) n
 // Per-year records of one policy at the valuation date (k = 0 .. years - 1).
 struct Records {
     explicit Records(std::size_t years) : data(kSlots * years, 0.0), years_(years) {}
-    enum Slot : std::size_t { kAlive, kDead, kDeathPaid, kSurvivalPaid, kEndowmentPaid, kPremiumDue, kBenefitPv, kAnnuityPv, kSlots };
+    enum Slot : std::size_t { kAlive, kPremiumDue, kBenefitPv, kAnnuityPv, kSlots };
     double* slot(Slot s) noexcept { return data.data() + s * years_; }
     std::vector<double> data;
     std::size_t years_;
@@ -145,12 +145,16 @@ public:
             }
             if (static_cast<std::size_t>(k) < kept) {
                 const auto y = static_cast<std::size_t>(k);
-                records->slot(Records::kAlive)[y] = alive;
-                records->slot(Records::kDead)[y] = alive * q;
-                records->slot(Records::kDeathPaid)[y] = alive * q * death * level;
+                if (flows != nullptr) {
+                    // Sums that do not depend on the premium go straight into the chunk's sums.
+                    flows[kInForce * kept + y] += alive;
+                    flows[kDeaths * kept + y] += alive * q;
+                    flows[kDeathBenefits * kept + y] += alive * q * death * level;
+                    if (paying) flows[kSurvivalBenefits * kept + y] += alive * survival * level * expected_payments(q);
+                    if (maturing) flows[kEndowments * kept + y] += alive * p * endowment * level;
+                }
                 // Every slot of the year is written: the years walked are all that is read back.
-                records->slot(Records::kSurvivalPaid)[y] = paying ? alive * survival * level * expected_payments(q) : 0.0;
-                records->slot(Records::kEndowmentPaid)[y] = maturing ? alive * p * endowment * level : 0.0;
+                records->slot(Records::kAlive)[y] = alive;
                 records->slot(Records::kPremiumDue)[y] = premium_due ? alive : 0.0;
                 records->slot(Records::kBenefitPv)[y] = year_pv;
                 records->slot(Records::kAnnuityPv)[y] = due_pv;
@@ -193,11 +197,6 @@ public:
         }
         if (flows != nullptr) {
             for (std::size_t y = 0; y < span; ++y) {
-                flows[kInForce * kept + y] += records->slot(Records::kAlive)[y];
-                flows[kDeaths * kept + y] += records->slot(Records::kDead)[y];
-                flows[kDeathBenefits * kept + y] += records->slot(Records::kDeathPaid)[y];
-                flows[kSurvivalBenefits * kept + y] += records->slot(Records::kSurvivalPaid)[y];
-                flows[kEndowments * kept + y] += records->slot(Records::kEndowmentPaid)[y];
                 flows[kPremiums * kept + y] += premium * records->slot(Records::kPremiumDue)[y];
             }
         }
