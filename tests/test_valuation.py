@@ -258,6 +258,7 @@ BOOK = {"table_name": ["SULT", "SULT"], "sex": ["u", "u"], "age": [40, 50]}
             "column 'd', row 0",
         ),
         ({}, Product(death_benefit=1.0), {}, "exactly one of interest"),
+        ({}, Product(death_benefit="age"), {"interest": RATE}, "column 'age' describes the policies"),
         ({}, Product(death_benefit=1.0), {"interest": RATE, "curve": YieldCurve([1], [0.01])}, "exactly one"),
         ({"i": [0.01, -2.0]}, Product(death_benefit=1.0), {"interest": "i"}, "column 'i', row 1"),
         ({"age_shift": [0, -1]}, Product(death_benefit=1.0), {"interest": RATE}, "column 'age_shift', row 1"),

@@ -12,6 +12,7 @@ import polars as pl
 
 from veltrane.config import Config
 from veltrane.portfolio.plan import RatePlan
+from veltrane.portfolio.policies import COLUMNS as POLICY_COLUMNS
 from veltrane.portfolio.policies import PolicyBatch, _as_frame, read_policies
 from veltrane.tables.decrement import TableRegistry
 from veltrane.valuation.curve import YieldCurve
@@ -194,6 +195,11 @@ def lay_out(
     read = set(product.columns()) | {c for c in RATINGS if c in frame.columns}
     if isinstance(interest, str):
         read.add(interest)
+    clash = sorted(read & set(POLICY_COLUMNS))
+    if clash:
+        raise ValueError(
+            f"value: column {clash[0]!r} describes the policies; name another column for amounts"
+        )
     missing = [c for c in sorted(read) if c not in frame.columns]
     if missing:
         raise ValueError(
