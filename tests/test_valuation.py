@@ -446,3 +446,23 @@ def test_ratings_on_a_select_policy_rate_each_column_of_its_diagonal():
     )
     result = value(policies, Product(death_benefit=1.0, term=25), interest=RATE)
     close(result.pv_benefits, insurance(path, issue_age + duration - 1 + shift, 25, i=RATE))
+
+
+@pytest.mark.parametrize("interpolation", ["linear", "exponential", "hyperbolic"])
+@pytest.mark.parametrize("due", [True, False])
+def test_instalments_of_a_year_are_counted_with_the_survival_within_it(interpolation, due):
+    from veltrane.config import Config
+
+    with Config().override(lx_interpolation=interpolation):
+        result = value(
+            frame("SULT", "u", [70]), Product(survival_benefit=12.0, term=1, m=12, due=due), interest=RATE
+        )
+    q = LifeTable("SULT", "u")._decrement[70]
+    t = (np.arange(12) + (0 if due else 1)) / 12
+    alive = {
+        "linear": 1 - t * q,
+        "exponential": (1 - q) ** t,
+        "hyperbolic": (1 - q) / (1 - q + t * q),
+    }[interpolation]
+    close(result.cash_flows["survival_benefits"][0], alive.sum())
+    close(result.pv_benefits[0], (alive * (1 + RATE) ** -t).sum())

@@ -45,6 +45,8 @@ public:
     Valuer(const Bank& bank, const Discount& discount, const Settings& settings)
         : bank_(bank), discount_(discount), settings_(settings), m_(settings.m) {
         if (m_ == 1) return;
+        for (int l = settings.due ? 0 : 1; l < (settings.due ? 0 : 1) + m_; ++l) mean_time_ += static_cast<double>(l) / m_;
+        mean_time_ /= m_;
         // For every step t that starts a year: (1/m) sum of v(t + l) and (1/m) sum of v(t + l) l/m
         // over the instalments l of the year, so a linear year costs two multiplications.
         const int first = settings.due ? 0 : 1;
@@ -263,6 +265,8 @@ private:
         if (m_ == 1) return settings_.due ? 1.0 : 1.0 - q;
         double sum = 0.0;
         const int first = settings_.due ? 0 : 1;
+        // Linear within the year: 1 - q times the mean time of the instalments.
+        if (q >= 1.0 || settings_.interpolation == Interpolation::linear) return 1.0 - q * mean_time_;
         for (int l = first; l < first + m_; ++l) sum += fraction_alive(q, static_cast<double>(l) / m_);
         return sum / m_;
     }
@@ -271,6 +275,7 @@ private:
     const Discount& discount_;
     const Settings& settings_;
     int m_;
+    double mean_time_ = 0.0;       // mean of the instalment times l/m within a year
     std::vector<double> weights_;  // linear-year weights by (basis, step), m > 1 only
 };
 
