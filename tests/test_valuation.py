@@ -466,3 +466,14 @@ def test_instalments_of_a_year_are_counted_with_the_survival_within_it(interpola
     }[interpolation]
     close(result.cash_flows["survival_benefits"][0], alive.sum())
     close(result.pv_benefits[0], (alive * (1 + RATE) ** -t).sum())
+
+
+def test_in_force_net_premiums_on_a_curve_and_at_one_rate_agree(mixed_book):
+    # On a curve the years after the valuation date are valued from issue a second time; at one
+    # rate they are discounted back: a flat curve must give the same premiums.
+    product = Product(death_benefit="benefit", survival_benefit=100.0, term="term", premium=None, m=4)
+    book = mixed_book.head(500).drop("rate")
+    flat = value(book, product, interest=0.025)
+    curved = value(book, product, curve=YieldCurve([1.0, 50.0], [0.025, 0.025]))
+    close(curved.net_premium, flat.net_premium, rel=1e-12)
+    close(curved.reserve, flat.reserve, rel=1e-11, scale=1e5)
