@@ -477,3 +477,17 @@ def test_in_force_net_premiums_on_a_curve_and_at_one_rate_agree(mixed_book):
     curved = value(book, product, curve=YieldCurve([1.0, 50.0], [0.025, 0.025]))
     close(curved.net_premium, flat.net_premium, rel=1e-12)
     close(curved.reserve, flat.reserve, rel=1e-11, scale=1e5)
+
+
+def test_scenario_sets_give_each_scenario_its_own_premiums_and_flows():
+    curve = YieldCurve([1, 20], [[0.01, 0.02], [0.04, 0.05]])
+    product = Product(death_benefit=1000.0, endowment=1000.0, term=20, premium=None)
+    result = value(frame("SULT", "u", [30, 50]), product, curve=curve, reserves_by_year=True)
+    assert result.net_premium.shape == (2, 2) and result.reserves.shape[:2] == (2, 2)
+    assert (result.net_premium[0] > result.net_premium[1]).all()  # lower rates, dearer cover
+    for s in range(2):
+        alone = value(frame("SULT", "u", [30, 50]), product, curve=YieldCurve([1, 20], curve.spot_rates[s]))
+        np.testing.assert_array_equal(result.net_premium[s], alone.net_premium)
+        flows = result.cash_flows.filter(pl.col("scenario") == s).drop("scenario")
+        assert flows.equals(alone.cash_flows)
+    np.testing.assert_allclose(result.totals["reserve"], result.reserve.sum(axis=1))

@@ -19,13 +19,13 @@ from veltrane.valuation.product import Product
 from veltrane.valuation.value import (
     Totals,
     Valuation,
-    _bar,
     basis_curve,
     block_arguments,
     blocks,
     check_run,
     collect,
     finish,
+    progress_bar,
     run_block,
 )
 
@@ -87,6 +87,6 @@ def value_dask(
             future.release()
 
     totals = Totals(laid.scenarios)
-    with _bar(progress, len(laid)) as bar:
+    with progress_bar(progress, len(laid)) as bar:
         arrays = collect(laid, cut, results(), reserves_by_year, totals, bar)
     return finish(arrays, totals, basis_curve(interest, curve), laid.scenario_set)

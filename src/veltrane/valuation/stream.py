@@ -17,7 +17,7 @@ from veltrane.tables.decrement import TableRegistry
 from veltrane.valuation.curve import YieldCurve
 from veltrane.valuation.frame import lay_out
 from veltrane.valuation.product import Product
-from veltrane.valuation.value import CHUNK, RESULTS, Run, Totals, Valuation, _bar, basis_curve, finish
+from veltrane.valuation.value import CHUNK, RESULTS, Run, Totals, Valuation, basis_curve, finish, progress_bar
 
 __all__ = ["BATCH_ROWS", "scan", "value_stream"]
 
@@ -83,7 +83,7 @@ def value_stream(
         sums: dict[str, Any] = {}
         kept: list[dict[str, np.ndarray]] = []
         scenario_set = False
-        with _bar(progress, total) as bar:
+        with progress_bar(progress, total) as bar:
             for number, start in enumerate(range(0, total, batch_rows)):
                 try:
                     frame = lazy.slice(start, batch_rows).collect()

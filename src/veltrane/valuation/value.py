@@ -217,7 +217,7 @@ def value(
         return value_stream(policies, product, interest, curve, registry, run, progress, out)
     laid = lay_out(policies, product, interest, curve, registry)
     totals = Totals(laid.scenarios)
-    with _bar(progress, len(laid)) as bar:
+    with progress_bar(progress, len(laid)) as bar:
         arrays = run.arrays(laid, totals, bar)
     return finish(arrays, totals, basis_curve(interest, curve), laid.scenario_set)
 
@@ -314,7 +314,8 @@ class _NoBar:
         pass
 
 
-def _bar(enabled: bool, total: int) -> Any:
+def progress_bar(enabled: bool, total: int) -> Any:
+    """A tqdm bar over ``total`` policies, or a stand-in that shows nothing."""
     if not enabled:
         return _NoBar()
     try:
