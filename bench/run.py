@@ -10,9 +10,8 @@ Run with ``make bench`` or ``python bench/run.py``. Every figure is a median ove
 - the peak memory of the grid, against the result plus one piece of 2,000,000 cells;
 - then table construction (construction.py), generational builds against NumPy
   (generational.py), the life contingencies (contingencies.py), the disability model's annuities
-  (multistate.py), a portfolio projection of
-  1,000,000 policies over 30 years (portfolio.py) and the import of the published XTbML files
-  (xtbml.py).
+  (multistate.py), a portfolio projection of 1,000,000 policies over 30 years (portfolio.py),
+  portfolio valuation (valuation.py) and the import of the published XTbML files (xtbml.py).
 
 A benchmark, not a test: it reports, it never fails a build.
 """
@@ -167,6 +166,7 @@ def main() -> None:
     import generational
     import multistate
     import portfolio
+    import valuation
     import xtbml
 
     construction.main()
@@ -175,6 +175,7 @@ def main() -> None:
     contingencies.main()
     multistate.main()
     portfolio.main()
+    valuation.main()
     xtbml.main()
 
 

@@ -87,3 +87,24 @@ def test_a_table_the_workers_cannot_find_is_named_in_the_error(client, tables):
     frame = pl.DataFrame({"table_name": ["ONLYHERE"], "sex": ["m"], "age": [2]})
     with pytest.raises(FileNotFoundError, match="cannot unpickle LifeTable 'ONLYHERE': no table file"):
         project_dask(frame, 3, client=client)
+
+
+def test_valuation_on_the_cluster_gives_the_single_process_bits(client):
+    from veltrane.valuation import Product, value, value_dask
+
+    rng, n = np.random.default_rng(5), 3000
+    frame = pl.DataFrame(
+        {
+            "table_name": rng.choice(["SSSM", "SULT"], n),
+            "sex": ["u"] * n,
+            "age": rng.integers(20, 80, n),
+            "duration": rng.integers(1, 4, n),
+            "sum": rng.uniform(1.0, 100.0, n),
+        }
+    )
+    product = Product(death_benefit="sum", survival_benefit=1.0, term=20, premium=None)
+    alone = value(frame, product, interest=0.02, reserves_by_year=True)
+    spread = value_dask(client, frame, product, interest=0.02, block_size=1024, reserves_by_year=True)
+    for name in ("pv_benefits", "net_premium", "reserve", "reserves"):
+        assert getattr(spread, name).tobytes() == getattr(alone, name).tobytes(), name
+    assert spread.cash_flows.equals(alone.cash_flows)

@@ -7,6 +7,7 @@
 #include "decrement/projection.hpp"
 #include "decrement/stamping.hpp"
 #include "decrement/table.hpp"
+#include "decrement/valuation.hpp"
 #include "pyutil/module_functions.hpp"
 #include "pyutil/module_slots.hpp"
 
@@ -470,6 +471,7 @@ int decrement_exec(PyObject* module) {
         give_signatures(module);
         bind_contingencies(module);
         bind_multistate(module);
+        bind_valuation(module);
         return 0;
     });
 }

@@ -33,7 +33,7 @@ from veltrane.portfolio.plan import RatePlan
 from veltrane.tables._pickling import fingerprint
 from veltrane.tables.source import TableSource
 
-__all__ = ["ShippedPlan", "ship", "start_pool", "unpack"]
+__all__ = ["ShippedPlan", "pool_plan", "ship", "start_pool", "unpack"]
 
 # Plans a process keeps rebuilt, most recent last: a long-lived worker (Dask) that serves one
 # batch after another holds a few, not all.
@@ -131,6 +131,13 @@ def _watch(parent: int) -> None:
     while os.getppid() == parent:
         time.sleep(_WATCH_INTERVAL)
     os._exit(1)
+
+
+def pool_plan() -> RatePlan:
+    """The plan of this pool worker process (made by :func:`start_pool`)."""
+    if _shipped is None:
+        raise RuntimeError("pool_plan runs in a pool made by start_pool")
+    return unpack(_shipped)
 
 
 def project_shipped(

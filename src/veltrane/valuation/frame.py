@@ -1,0 +1,295 @@
+"""The per-policy arrays of a valuation: product amounts, terms, ratings and interest columns
+checked and laid out for the kernel, next to what ``read_policies`` makes of the policies."""
+
+from __future__ import annotations
+
+from collections import OrderedDict
+from dataclasses import dataclass
+from typing import Any
+
+import numpy as np
+import polars as pl
+
+from veltrane.config import Config
+from veltrane.portfolio.plan import RatePlan
+from veltrane.portfolio.policies import COLUMNS as POLICY_COLUMNS
+from veltrane.portfolio.policies import PolicyBatch, _as_frame, read_policies
+from veltrane.tables.decrement import TableRegistry
+from veltrane.valuation.curve import YieldCurve
+from veltrane.valuation.product import AMOUNT_FIELDS, TERM_FIELDS, Product
+
+__all__ = ["RATINGS", "Laid", "lay_out"]
+
+#: Per-policy ratings, applied in this order as ``modify_qx`` applies its keys.
+RATINGS = ("age_shift", "decrement_multiplier", "aggravated_risk")
+# Rows of the kernel's integer and real inputs (kernels/valuation.hpp).
+INT_ROWS = (
+    "row",
+    "period",
+    "female",
+    "age",
+    "offset",
+    "elapsed",
+    "shift",
+    "decimals",
+    "basis",
+    "term",
+    "deferral",
+    "premium_term",
+)
+REAL_ROWS = ("blend", "multiplier", "aggravation", "death", "survival", "endowment", "premium", "escalation")
+_INTERPOLATION = {"linear": 0, "exponential": 1, "hyperbolic": 2}
+_LARGEST_AGGRAVATION = 100.0
+_LARGEST_TERM = 100_000
+# Discount factors tabulated at most (rates x steps of 1/m year): 128 MB.
+_LARGEST_GRID = 1 << 24
+
+
+def _bad(column: str, row: int, problem: str) -> ValueError:
+    return ValueError(f"policies: column {column!r}, row {row}: {problem}")
+
+
+def _numbers(frame: pl.DataFrame, column: str, what: str) -> np.ndarray:
+    if column not in frame.columns:
+        raise ValueError(f"policies: column {column!r} ({what}) is missing; the columns are {frame.columns}")
+    series = frame[column]
+    if not series.dtype.is_numeric() or series.dtype == pl.Boolean:
+        raise ValueError(f"policies: column {column!r} ({what}) must hold numbers, got {series.dtype}")
+    values = series.cast(pl.Float64)
+    bad = (values.is_null() | ~values.is_finite()).fill_null(True)
+    if bad.any():
+        row = int(bad.arg_true()[0])
+        raise _bad(column, row, f"{what} must be a finite number, got {values[row]!r}")
+    return values.to_numpy().astype(np.float64, copy=False)
+
+
+def _whole(frame: pl.DataFrame, column: str, what: str, *, nullable: bool) -> np.ndarray:
+    """Whole numbers >= 0; -1 where a nullable column is null."""
+    if column not in frame.columns:
+        raise ValueError(f"policies: column {column!r} ({what}) is missing; the columns are {frame.columns}")
+    series = frame[column]
+    if not series.dtype.is_numeric() or series.dtype == pl.Boolean:
+        raise ValueError(f"policies: column {column!r} ({what}) must hold whole numbers, got {series.dtype}")
+    values = series.cast(pl.Float64).fill_nan(None)
+    missing = values.is_null()
+    if missing.any() and not nullable:
+        raise _bad(column, int(missing.arg_true()[0]), f"{what} is missing")
+    filled = values.fill_null(0.0).to_numpy()
+    bad = ~np.isfinite(filled) | (filled != np.round(filled)) | (filled < 0) | (filled > _LARGEST_TERM)
+    if bad.any():
+        row = int(np.argmax(bad))
+        raise _bad(column, row, f"{what} must be a whole number in [0, {_LARGEST_TERM}], got {values[row]!r}")
+    out = filled.astype(np.int64)
+    out[missing.to_numpy()] = -1
+    return out
+
+
+@dataclass
+class Laid:
+    """A frame of policies ready for the kernel."""
+
+    batch: PolicyBatch
+    plan: RatePlan
+    ints: np.ndarray  # (n, len(INT_ROWS)) int64: a policy's attributes side by side
+    reals: np.ndarray  # (n, len(REAL_ROWS)) float64
+    discount: np.ndarray  # (bases, steps) float64
+    scenarios: int
+    scenario_set: bool
+    years: int  # columns of the reserves and cash flows
+    flat: bool  # every basis is one rate (not a curve)
+    m: int
+    due: bool
+    interpolation: int
+
+    def __len__(self) -> int:
+        return int(self.ints.shape[0])
+
+
+def _amount(frame: pl.DataFrame, product: Product, name: str, n: int) -> np.ndarray:
+    value = getattr(product, name)
+    if isinstance(value, str):
+        return _numbers(frame, value, f"product.{name}")
+    return np.full(n, np.nan if value is None else float(value))
+
+
+def _years(frame: pl.DataFrame, product: Product, name: str, n: int) -> np.ndarray:
+    value = getattr(product, name)
+    if isinstance(value, str):
+        return _whole(frame, value, f"product.{name}", nullable=name != "deferral")
+    return np.full(n, -1 if value is None else int(value), dtype=np.int64)
+
+
+def _ratings(frame: pl.DataFrame, n: int) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
+    shift = np.zeros(n, dtype=np.int64)
+    multiplier = np.ones(n)
+    aggravation = np.ones(n)
+    if "age_shift" in frame.columns:
+        shift = _whole(frame, "age_shift", "rating", nullable=False)
+    if "decrement_multiplier" in frame.columns:
+        multiplier = _numbers(frame, "decrement_multiplier", "rating")
+        if (multiplier <= 0).any():
+            row = int(np.argmax(multiplier <= 0))
+            raise _bad("decrement_multiplier", row, f"must be > 0, got {float(multiplier[row])!r}")
+    if "aggravated_risk" in frame.columns:
+        aggravation = _numbers(frame, "aggravated_risk", "rating")
+        bad = (aggravation <= 0) | (aggravation > _LARGEST_AGGRAVATION)
+        if bad.any():
+            row = int(np.argmax(bad))
+            raise _bad(
+                "aggravated_risk",
+                row,
+                f"must be in (0, {_LARGEST_AGGRAVATION:g}], got {float(aggravation[row])!r}",
+            )
+    return shift, multiplier, aggravation
+
+
+# Plans of recent calls with a caller's registry, with the rate vectors they were made from: a
+# valuation repeated on the same registry reuses its tables and bank while those are unchanged
+# (a rebuild or a modification of a table replaces its vectors).
+_PLANS: OrderedDict[tuple[Any, ...], tuple[RatePlan, tuple[Any, ...]]] = OrderedDict()
+_KEPT_PLANS = 4
+
+
+def _vectors(plan: RatePlan) -> tuple[Any, ...]:
+    return tuple(v for t in plan.tables for v in (t._decrement, t._decrement_base))
+
+
+def _plan(groups: tuple[Any, ...], width: int, registry: TableRegistry | None) -> RatePlan:
+    if registry is None:
+        return RatePlan(groups, width)
+    d = Config().decimals
+    key = (id(registry), groups, width, (d.qx, d.ix, d.ox, d.px, d.tpx, d.tqx))
+    kept = _PLANS.get(key)
+    if kept is not None and kept[0].registry is registry:
+        plan, vectors = kept
+        if all(a is b for a, b in zip(_vectors(plan), vectors, strict=True)):
+            _PLANS.move_to_end(key)
+            return plan
+    plan = RatePlan(groups, width, registry)
+    _PLANS[key] = (plan, _vectors(plan))
+    while len(_PLANS) > _KEPT_PLANS:
+        _PLANS.popitem(last=False)
+    return plan
+
+
+def check_basis(interest: Any, curve: Any) -> None:
+    """Exactly one of ``interest`` and ``curve``, each of the right kind."""
+    if (interest is None) == (curve is None):
+        raise ValueError(
+            "value: give exactly one of interest (a rate or a column name) and curve (a YieldCurve)"
+        )
+    if curve is not None and not isinstance(curve, YieldCurve):
+        raise ValueError(f"value: curve must be a YieldCurve, got {type(curve).__name__}")
+    if interest is not None and not isinstance(interest, str):
+        if isinstance(interest, bool) or not isinstance(interest, int | float | np.floating | np.integer):
+            raise ValueError(f"value: interest must be a number or a column name, got {interest!r}")
+        if not np.isfinite(interest) or interest <= -1.0:
+            raise ValueError(f"value: interest must be a finite rate > -1, got {interest!r}")
+
+
+def lay_out(
+    policies: Any, product: Product, interest: Any, curve: YieldCurve | None, registry: TableRegistry | None
+) -> Laid:
+    """Check everything and lay out the arrays; nothing is computed before every check passed."""
+    frame = _as_frame(policies)
+    read = set(product.columns()) | {c for c in RATINGS if c in frame.columns}
+    if isinstance(interest, str):
+        read.add(interest)
+    clash = sorted(read & set(POLICY_COLUMNS))
+    if clash:
+        raise ValueError(
+            f"value: column {clash[0]!r} describes the policies; name another column for amounts"
+        )
+    missing = [c for c in sorted(read) if c not in frame.columns]
+    if missing:
+        raise ValueError(
+            f"policies: column {missing[0]!r} named by the product or interest is missing; "
+            f"the columns are {frame.columns}"
+        )
+    n = frame.height
+    amounts = {name: _amount(frame, product, name, n) for name in AMOUNT_FIELDS}
+    if (amounts["escalation"] <= -1.0).any():
+        row = int(np.argmax(amounts["escalation"] <= -1.0))
+        raise _bad(
+            str(product.escalation),
+            row,
+            f"escalation must be > -1, got {float(amounts['escalation'][row])!r}",
+        )
+    terms = {name: _years(frame, product, name, n) for name in TERM_FIELDS}
+    if product.premium is None and (terms["premium_term"] == 0).any():
+        row = int(np.argmax(terms["premium_term"] == 0))
+        raise _bad(str(product.premium_term), row, "a net premium needs a premium term of at least one year")
+    shift, multiplier, aggravation = _ratings(frame, n)
+    rates: np.ndarray | None = None
+    if isinstance(interest, str):
+        rates = _numbers(frame, interest, "interest")
+        if (rates <= -1.0).any():
+            row = int(np.argmax(rates <= -1.0))
+            raise _bad(interest, row, f"interest must be > -1, got {float(rates[row])!r}")
+    batch = read_policies(frame.drop([c for c in read if c in frame.columns]))
+    elapsed = np.zeros(n, dtype=np.int64)
+    if "issue_age" in frame.columns:
+        elapsed = batch.age.astype(np.int64) - frame["issue_age"].cast(pl.Int64).to_numpy()
+    plan = _plan(batch.groups, int(batch.age.max()) + int(shift.max()) + 2, registry)
+    group = batch.group
+    width = plan.width
+    age = batch.age.astype(np.int64)
+    term = terms["term"]
+    # Nobody survives the bank's last column: no policy walks further than that.
+    to_end = width - np.minimum(age - elapsed + shift, width - 1)
+    walked = np.where(term >= 0, np.minimum(elapsed + term, to_end), to_end)
+    horizon = walked - elapsed
+    m = product.m
+    steps = (int(walked.max()) + 1) * m + 1
+    if rates is not None:
+        distinct, basis = np.unique(rates, return_inverse=True)
+        if distinct.size * steps > _LARGEST_GRID:
+            raise ValueError(
+                f"policies: column {interest!r} holds {distinct.size:,} distinct rates, too many to "
+                f"tabulate their discount factors; round the rates (to basis points, say)"
+            )
+        discount = np.ascontiguousarray(
+            np.stack([YieldCurve.flat(float(r)).grid(steps, m)[0] for r in distinct])
+        )
+        scenarios, scenario_set = 1, False
+        basis = basis.astype(np.int64)
+    else:
+        chosen = curve if curve is not None else YieldCurve.flat(float(interest))
+        discount = chosen.grid(steps, m)
+        scenarios, scenario_set = chosen.scenarios, chosen.scenario_set
+        basis = np.zeros(n, dtype=np.int64)
+    ints = np.empty((n, len(INT_ROWS)), dtype=np.int64)
+    ints[:, 0] = plan.first_row[group]
+    ints[:, 1] = plan.period[group]
+    ints[:, 2] = plan.female_offset[group]
+    ints[:, 3] = age
+    ints[:, 4] = batch.duration_offset
+    ints[:, 5] = elapsed
+    ints[:, 6] = shift
+    ints[:, 7] = plan.decimals[group]
+    ints[:, 8] = basis
+    ints[:, 9] = term
+    ints[:, 10] = terms["deferral"]
+    ints[:, 11] = terms["premium_term"]
+    reals = np.empty((n, len(REAL_ROWS)), dtype=np.float64)
+    reals[:, 0] = batch.blend if batch.blend is not None else np.nan
+    reals[:, 1] = multiplier
+    reals[:, 2] = aggravation
+    for r, name in enumerate(
+        ("death_benefit", "survival_benefit", "endowment", "premium", "escalation"), start=3
+    ):
+        reals[:, r] = amounts[name]
+    return Laid(
+        batch=batch,
+        plan=plan,
+        ints=ints,
+        reals=reals,
+        discount=discount,
+        scenarios=scenarios,
+        scenario_set=scenario_set,
+        years=max(1, int(horizon.max())),
+        flat=curve is None,
+        m=m,
+        due=product.due,
+        interpolation=_INTERPOLATION[str(Config().lx_interpolation)],
+    )
