@@ -99,3 +99,15 @@ def test_a_projection_shows_its_size_and_the_yearly_means():
     assert means["year"].to_list() == [0, 1, 2]
     assert means["qx"].to_list() == list((result["qx"][0] + result["qx"][1]) / 2)
     assert "2 policies × 3 years" in result._repr_html_() and repr(result).startswith("<Projection of 2")
+
+
+def test_a_valuation_shows_its_totals_and_cash_flows():
+    import polars as pl
+
+    from veltrane.valuation import Product, value
+
+    policies = pl.DataFrame({"table_name": ["SULT"], "sex": ["u"], "age": [60]})
+    result = value(policies, Product(death_benefit=1000.0, term=5), interest=0.03)
+    page = result._repr_html_()
+    assert "policies</th><td>1<" in page and "death_benefits" in page
+    assert repr(result).startswith("<Valuation of 1 policies: ")

@@ -2,8 +2,9 @@
 
 from __future__ import annotations
 
+import html
 from collections.abc import Iterator
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any
 
@@ -45,7 +46,7 @@ class Valuation:
     scenario_set: bool = False
     #: ``policies`` (their number) and the sums over the policies of the four results (per
     #: scenario for a scenario set).
-    totals: dict[str, Any] | None = None
+    totals: dict[str, Any] = field(default_factory=dict)
 
     def __len__(self) -> int:
         return int(self.reserve.shape[-1])
@@ -64,6 +65,20 @@ class Valuation:
             columns[name] = getattr(self, name).reshape(-1)
         frame = pl.DataFrame(columns)
         return frame.select("policy", *(["scenario"] if self.scenario_set else []), *RESULTS)
+
+    def __repr__(self) -> str:
+        shown = ", ".join(f"{k}={v:,.2f}" for k, v in self.totals.items() if isinstance(v, float))
+        return f"<Valuation of {self.totals.get('policies', len(self)):,} policies: {shown}>"
+
+    def _repr_html_(self) -> str:
+        """What a notebook shows: the totals, then the first years of the cash flows."""
+        rows = "".join(
+            f"<tr><th style='text-align:left'>{html.escape(k)}</th><td>{html.escape(str(v))}</td></tr>"
+            for k, v in self.totals.items()
+        )
+        flows = self.cash_flows.head(10)._repr_html_()
+        caption = "<small>cash flows by year</small>"
+        return f"<div><strong>Valuation</strong><table>{rows}</table>{caption}{flows}</div>"
 
 
 def _check_whole(name: str, value: Any, low: int) -> int:
