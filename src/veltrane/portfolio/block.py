@@ -34,7 +34,7 @@ def _diagonal_index(
     # Every policy reads its table's ultimate row (the last of its rows) once its select years
     # are over; only the first columns, while select durations remain, point to earlier rows.
     ultimate = (plan.first_row[group] + period) * width + age
-    index = np.add.outer(ultimate, np.arange(years, dtype=np.int64))
+    index: np.ndarray = np.add.outer(ultimate, np.arange(years, dtype=np.int64))
     for k in range(min(years, int(plan.period.max(initial=0)))):
         back = period - offset - k
         np.maximum(back, 0, out=back)

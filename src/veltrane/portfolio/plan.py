@@ -83,7 +83,7 @@ class RatePlan:
         self.decimals = decimals
         settings = Config().decimals
         self.px_decimals, self.tpx_decimals, self.tqx_decimals = settings.px, settings.tpx, settings.tqx
-        self.width = max(int(width), max(len(t._decrement) for t in rows) + 1)
+        self.width = max(int(width), max(len(_rates(t)) for t in rows) + 1)
         self._bank: np.ndarray | None = None
 
     def _tables(self, group: TableGroup, sex: str) -> list[DecrementTable]:
@@ -120,11 +120,11 @@ class RatePlan:
                     # At its last age w a table's qx is 1 whatever rate the file gives there (a
                     # table that is not closed): nobody stays in it past w.
                     last = int(table.w)
-                    bank[r, :last] = table._decrement[:last]
+                    bank[r, :last] = _rates(table)[:last]
                 else:
                     # A blended table mixes the single-sex base rates rounded to its decimals,
                     # and ends where they end.
-                    base = table._decrement_base
+                    base = _rates(table, base=True)
                     last = len(base) - 1
                     np.round(base[:last], decimals, out=bank[r, :last])
             self._bank = bank
@@ -138,3 +138,11 @@ class RatePlan:
 
     def __setstate__(self, state: dict[str, Any]) -> None:
         self.__dict__.update(state)
+
+
+def _rates(table: DecrementTable, *, base: bool = False) -> np.ndarray:
+    """The rates in use (or the base rates) of a table that is ready, as every planned table is."""
+    rates = table._decrement_base if base else table._decrement
+    if rates is None:
+        raise ValueError(f"table {table.table_name!r} has no rates: complete its keys with configure()")
+    return rates

@@ -152,9 +152,9 @@ def read_policies(policies: Any) -> PolicyBatch:
     frame = _as_frame(policies)
     unknown = [c for c in frame.columns if c not in COLUMNS]
     if unknown:
-        names = ", ".join(repr(c) for c in unknown)
+        listed = ", ".join(repr(c) for c in unknown)
         raise ValueError(
-            f"policies: unknown column{'s' if len(unknown) > 1 else ''} {names}; the columns read are "
+            f"policies: unknown column{'s' if len(unknown) > 1 else ''} {listed}; the columns read are "
             f"{', '.join(repr(c) for c in COLUMNS)} (drop the others before projecting)"
         )
     missing = [c for c in REQUIRED if c not in frame.columns]

@@ -427,5 +427,24 @@ def _disability_annuity(
     v: object,
     m: object,
     due: object,
-) -> Any: ...
-def _disability_insurance(rates: tuple[Any, ...], x: object, n: object, start: object, v: object) -> Any: ...
+) -> float | NDArray[np.float64]: ...
+def _disability_insurance(
+    rates: tuple[Any, ...], x: object, n: object, start: object, v: object
+) -> float | NDArray[np.float64]: ...
+
+# The valuation kernel behind veltrane.valuation: one block of laid-out policies.
+def _value_block(
+    bank: NDArray[np.float64],
+    discount: NDArray[np.float64],
+    ints: NDArray[Any],
+    reals: NDArray[np.float64],
+    m: int,
+    due: bool,
+    interpolation: int,
+    scenarios: int,
+    years: int,
+    reserves: bool,
+    flows: bool,
+    flat: bool,
+    threads: int,
+) -> tuple[Any, ...]: ...

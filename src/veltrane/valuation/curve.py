@@ -96,7 +96,8 @@ class YieldCurve:
     def _row(self, s: int, t: np.ndarray) -> np.ndarray:
         if self._log_factors is None:
             spot = np.interp(t, self.terms, self.spot_rates[s])
-            return np.power(1.0 + spot, -t)
+            factors: np.ndarray = np.power(1.0 + spot, -t)
+            return factors
         knots = np.concatenate(([0.0], self.terms))
         logs = np.concatenate(([0.0], self._log_factors[s]))
         inside = np.interp(t, knots, logs)
@@ -104,7 +105,8 @@ class YieldCurve:
             slope = (logs[-1] - logs[-2]) / (knots[-1] - knots[-2])
             beyond = t > knots[-1]
             inside[beyond] = logs[-1] + slope * (t[beyond] - knots[-1])
-        return np.exp(inside)
+        result: np.ndarray = np.exp(inside)
+        return result
 
     def grid(self, steps: int, m: int) -> np.ndarray:
         """Discount factors at t = j / m for j < steps: (scenarios, steps), C-contiguous."""

@@ -123,7 +123,8 @@ def run_block(bank: np.ndarray, args: tuple[Any, ...], threads: int) -> tuple[An
     """The kernel on one block with ``threads`` threads."""
     # Arrays that travelled (Dask) may arrive unaligned or read-only: the kernel reads aligned ones.
     arrays = [np.require(a, requirements=("C", "A")) for a in (bank, *args[:3])]
-    return _native._value_block(*arrays, *args[3:], threads)
+    result: tuple[Any, ...] = _native._value_block(*arrays, *args[3:], threads)  # type: ignore[call-arg]
+    return result
 
 
 class Totals:
@@ -334,7 +335,7 @@ def progress_bar(enabled: bool, total: int) -> Any:
     if not enabled:
         return _NoBar()
     try:
-        from tqdm.auto import tqdm
+        from tqdm.auto import tqdm  # type: ignore[import-untyped]
     except ImportError as exc:
         raise ValueError("value: progress=True needs tqdm (pip install 'veltrane[progress]')") from exc
     return tqdm(total=total, desc="valuing", unit="policy", unit_scale=True)
