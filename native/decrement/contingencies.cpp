@@ -493,6 +493,9 @@ PyMethodDef functions[] = {
 }  // namespace
 }  // namespace contingencies
 
-void bind_contingencies(PyObject* module) { py::add_functions(module, contingencies::functions); }
+void bind_contingencies(PyObject* module) {
+    py::add_functions(module, contingencies::functions);
+    bind_interest(module);
+}
 
 }  // namespace veltrane::decrement

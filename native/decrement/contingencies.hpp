@@ -17,7 +17,9 @@ namespace veltrane::decrement {
 // The table's methods ex, mu and lifetime_quantile, gathered with the other method tables by table.cpp.
 extern PyMethodDef expectation_methods[];
 // Binds _annuity, _insurance, _pure_endowment and _commutation in the module.
+// (and _interest, through bind_interest of interest.cpp).
 void bind_contingencies(PyObject* module);
+void bind_interest(PyObject* module);
 
 namespace contingencies {
 

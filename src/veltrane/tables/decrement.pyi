@@ -68,6 +68,9 @@ def _insurance(
     method: str = "exact",
     moment: int = 1,
 ) -> float | NDArray[np.float64]: ...
+def _interest(
+    kind: str, i: object, m: int | None = 1, n: object = None, due: bool = True
+) -> float | NDArray[np.float64]: ...
 def _pure_endowment(
     table: DecrementTable, x: object, n: object, i: object = None
 ) -> float | NDArray[np.float64]: ...
