@@ -17,7 +17,7 @@ import pytest
 
 from conftest import exactly
 from veltrane.config import LX_INTERPOLATIONS, Config
-from veltrane.contingencies import annuity, insurance, net_premium
+from veltrane.contingencies import annuity, insurance, life_table, net_premium
 from veltrane.tables.life import LifeTable
 from veltrane.tables.source import TableSource
 
@@ -225,6 +225,63 @@ def test_temporary_expectations(sult, method):
     assert sult.ex(65, 0) == 0.0
 
 
+@pytest.mark.parametrize(("x", "n"), [(65, None), (40, 20), (45.5, 15)])
+def test_increasing_and_decreasing_benefits_sum_every_year(sult, method, x, n):
+    ref, v = Reference(sult, method), 1 / (1 + RATE)
+    years = n if n is not None else math.ceil(sult.w + 1 - x)
+    lives = [ref(x + k) for k in range(years + 1)]
+    deaths = [v ** (k + 1) * (lives[k] - lives[k + 1]) / lives[0] for k in range(years)]
+    due = [v**k * lives[k] / lives[0] for k in range(years)]
+    assert insurance(sult, x, n, i=RATE, increasing=True) == pytest.approx(
+        sum((k + 1) * d for k, d in enumerate(deaths)), rel=RTOL
+    )
+    assert annuity(sult, x, n, i=RATE, increasing=True) == pytest.approx(
+        sum((k + 1) * p for k, p in enumerate(due)), rel=RTOL
+    )
+    # continuously: the k-th year's payments (or deaths) at a rate of k + 1
+    continuous = sum(
+        (k + 1) * v**k * lives[k] / lives[0] * ref.continuous_annuity(x + k, 1) for k in range(years)
+    )
+    assert annuity(sult, x, n, i=RATE, m=None, increasing=True) == pytest.approx(continuous, rel=RTOL)
+    if n is not None:
+        assert insurance(sult, x, n, i=RATE, decreasing=True) == pytest.approx(
+            sum((n - k) * d for k, d in enumerate(deaths)), rel=RTOL
+        )
+        assert annuity(sult, x, n, i=RATE, decreasing=True) == pytest.approx(
+            sum((n - k) * p for k, p in enumerate(due)), rel=RTOL
+        )
+        # (IA) + (DA) = (n + 1) A over the term, for every timing of the benefit
+        for m in (1, 12, None):
+            up = insurance(sult, x, n, i=RATE, m=m, increasing=True)
+            down = insurance(sult, x, n, i=RATE, m=m, decreasing=True)
+            assert up + down == pytest.approx((n + 1) * insurance(sult, x, n, i=RATE, m=m), rel=1e-12)
+
+
+def test_increasing_benefits_are_vectorised_and_deferred(sult):
+    ages = [30, 45.5, 119]
+    values = insurance(sult, ages, 10, i=RATE, m=12, increasing=True, defer=5)
+    assert values.tolist() == [insurance(sult, a, 10, i=RATE, m=12, increasing=True, defer=5) for a in ages]
+    deferred = annuity(sult, 60, i=RATE, increasing=True, defer=5)
+    later = (
+        annuity(sult, 65, i=RATE, increasing=True) * (1 + RATE) ** -5 * sult._lx_raw[65] / sult._lx_raw[60]
+    )
+    assert deferred == pytest.approx(later, rel=1e-12)
+
+
+def test_life_table_columns(sult, method):
+    ref = Reference(sult, method)
+    frame = life_table(sult)
+    assert frame.columns == ["age", "lx", "dx", "qx", "Lx", "Tx", "mx", "ex"] and frame.height == 121
+    for x in (0, 65, 120):
+        row = frame.row(x, named=True)
+        lived = ref.integrate(lambda y: 1.0, x, x + 1)
+        assert row["Lx"] == pytest.approx(lived, rel=RTOL)
+        assert row["mx"] == pytest.approx(row["dx"] / lived, rel=RTOL)
+        assert row["ex"] == pytest.approx(sult.ex(x, complete=True), rel=1e-12)
+        assert row["Tx"] == pytest.approx(frame["Lx"][x:].sum(), rel=1e-12)
+    assert frame.row(120, named=True)["mx"] == 2.0
+
+
 def test_select_tables_follow_the_diagonal_in_the_new_functions():
     # at duration 1 the life aged x was selected at x (a fractional age: at the whole age below)
     select = LifeTable("SSSM", "u", duration=1, interest_rate=RATE)
@@ -277,6 +334,37 @@ def test_select_tables_follow_the_diagonal_in_the_new_functions():
             "[annuity] moment=2 needs an annuity-due (or m=None) without defer, valued with method='exact'",
         ),
         (lambda t: annuity(t, 65, i=0, moment=2), ValueError, "[annuity] moment=2 needs i != 0"),
+        (
+            lambda t: insurance(t, 65, decreasing=True),
+            ValueError,
+            "[insurance] a decreasing benefit needs a term n (it falls to 1 in the last year)",
+        ),
+        (
+            lambda t: annuity(t, 65, 10, increasing=True, decreasing=True),
+            ValueError,
+            "[annuity] increasing and decreasing exclude each other",
+        ),
+        (
+            lambda t: insurance(t, 65, 10, increasing=True, endowment=True),
+            ValueError,
+            "[insurance] increasing and decreasing are for term and whole-life covers, "
+            "not with endowment=True",
+        ),
+        (
+            lambda t: insurance(t, 65, increasing=True, moment=2),
+            ValueError,
+            "[insurance] moment=2 is for a level benefit",
+        ),
+        (
+            lambda t: annuity(t, 65, 2.5, m=12, increasing=True),
+            ValueError,
+            "[annuity] n must be a whole number of years, got 2.5",
+        ),
+        (
+            lambda t: annuity(t, 65, increasing=1),
+            TypeError,
+            "[annuity] increasing must be True or False, got int",
+        ),
     ],
 )
 def test_bad_input_is_refused_and_changes_nothing(call, exc, message):

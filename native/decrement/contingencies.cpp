@@ -314,14 +314,25 @@ int moment_argument(PyObject* moment, const char* method) {
     py::raise(PyExc_ValueError, "[%s] moment must be 1 or 2, got %R", method, moment);
 }
 
+// increasing / decreasing (bools): the progression of the benefit; decreasing needs a term.
+kernels::Progression progression_argument(PyObject* increasing, PyObject* decreasing, PyObject* n, const char* method) {
+    const bool up = increasing != nullptr && flag(increasing, method, "increasing");
+    const bool down = decreasing != nullptr && flag(decreasing, method, "decreasing");
+    if (up && down) py::raise(PyExc_ValueError, "[%s] increasing and decreasing exclude each other", method);
+    if (down && (n == nullptr || n == Py_None)) {
+        py::raise(PyExc_ValueError, "[%s] a decreasing benefit needs a term n (it falls to 1 in the last year)", method);
+    }
+    return up ? kernels::Progression::increasing : down ? kernels::Progression::decreasing : kernels::Progression::level;
+}
+
 // The second moments are values at the doubled force: 1 + i' = (1 + i)^2.
 kernels::Interest doubled(const kernels::Interest& r) { return kernels::Interest(r.i * (2.0 + r.i)); }
 
 PyObject* annuity(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
-    static constexpr std::array<const char*, 9> names = {"table", "x",     "n",      "i",     "due",
-                                                         "m",     "defer", "method", "moment"};
+    static constexpr std::array<const char*, 11> names = {"table", "x",      "n",      "i",          "due",       "m",
+                                                          "defer", "method", "moment", "increasing", "decreasing"};
     return py::guard([&]() -> PyObject* {
-        const Arguments<9> a = parse_arguments("_annuity", names, 2, args, nargs, kwnames);
+        const Arguments<11> a = parse_arguments("_annuity", names, 2, args, nargs, kwnames);
         TableObject* t = table_argument(module, a.values[0], "annuity");
         const actuarial::Values x = checked_ages(t, a.values[1], "annuity");
         const kernels::Interest r = interest(a.values[0], a.values[3], "annuity");
@@ -329,9 +340,11 @@ PyObject* annuity(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyO
         const int m = frequency(a.values[5], "annuity");
         const Method method = annuity_method(a.values[7]);
         const int moment = moment_argument(a.values[8], "annuity");
+        const kernels::Progression progression = progression_argument(a.values[9], a.values[10], a.values[2], "annuity");
+        const bool level = progression == kernels::Progression::level;
         // The exact sums take terms in payment periods (any real term when continuous); the
-        // approximations work on annual annuities.
-        const int per_year = method == Method::exact ? m : 1;
+        // approximations, and the benefits that change every year, whole years.
+        const int per_year = method == Method::exact && level ? m : 1;
         const actuarial::Values n = term(a.values[2], per_year, "annuity");
         const double defer = deferment(a.values[6], per_year, "annuity");
         check_lengths(x, n, "annuity");
@@ -344,6 +357,7 @@ PyObject* annuity(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyO
                           "method='exact'");
             }
             if (r.delta == 0.0) py::raise(PyExc_ValueError, "[annuity] moment=2 needs i != 0");
+            if (!level) py::raise(PyExc_ValueError, "[annuity] moment=2 is for level payments");
         }
         const kernels::Interest r2 = doubled(r);
         const Lives lives(t, "annuity");
@@ -351,8 +365,25 @@ PyObject* annuity(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyO
         const auto approximation = method == Method::udd          ? kernels::AnnuityApproximation::udd
                                    : method == Method::woolhouse2 ? kernels::AnnuityApproximation::woolhouse2
                                                                   : kernels::AnnuityApproximation::woolhouse3;
+        auto level_kernel = [&](const kernels::LifeModel& life, const kernels::Payments& p, std::span<const double> xs,
+                                std::span<const double> ns, std::span<double> out) -> Breakdown {
+            if (method != Method::exact) return kernels::annuity_from_annual(life, r, p, approximation, xs, ns, out);
+            kernels::annuity(life, r, p, xs, ns, out);
+            return kHolds;
+        };
         auto kernel = [&](const kernels::LifeModel& life, std::span<const double> xs, std::span<const double> ns,
                           std::span<double> out) -> Breakdown {
+            if (!level) {
+                Breakdown first;
+                kernels::progressive(progression, defer, life.s.w, xs, ns, out,
+                                     [&](double defer_k, std::span<const double> ax, std::span<const double> one,
+                                         std::span<double> year) {
+                                         const Breakdown b =
+                                             level_kernel(life, kernels::Payments{m, due, defer_k}, ax, one, year);
+                                         if (b && !first) first = b;
+                                     });
+                return first;
+            }
             if (moment == 2) {
                 kernels::annuity(life, r, payments, xs, ns, out);
                 std::vector<double> second(out.size());
@@ -364,11 +395,7 @@ PyObject* annuity(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyO
                 }
                 return kHolds;
             }
-            if (method != Method::exact) {
-                return kernels::annuity_from_annual(life, r, payments, approximation, xs, ns, out);
-            }
-            kernels::annuity(life, r, payments, xs, ns, out);
-            return kHolds;
+            return level_kernel(life, payments, xs, ns, out);
         };
         auto refuse_at = [&](const kernels::Breakdown& b) {
             const double age = x.size() == 1 ? x.view()[0] : x.view()[b.index];
@@ -384,10 +411,11 @@ PyObject* annuity(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyO
 }
 
 PyObject* insurance(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
-    static constexpr std::array<const char*, 9> names = {"table",     "x",      "n",     "i", "m", "defer",
-                                                         "endowment", "method", "moment"};
+    static constexpr std::array<const char*, 11> names = {"table",  "x",      "n",          "i",
+                                                          "m",      "defer",  "endowment",  "method",
+                                                          "moment", "increasing", "decreasing"};
     return py::guard([&]() -> PyObject* {
-        const Arguments<9> a = parse_arguments("_insurance", names, 2, args, nargs, kwnames);
+        const Arguments<11> a = parse_arguments("_insurance", names, 2, args, nargs, kwnames);
         TableObject* t = table_argument(module, a.values[0], "insurance");
         const actuarial::Values x = checked_ages(t, a.values[1], "insurance");
         const kernels::Interest given_rate = interest(a.values[0], a.values[3], "insurance");
@@ -401,12 +429,21 @@ PyObject* insurance(PyObject* module, PyObject* const* args, Py_ssize_t nargs, P
             exact = false;
         }
         // The second moment is the value at the doubled force (v^T squared is v'^T).
-        const kernels::Interest r = moment_argument(a.values[8], "insurance") == 2 ? doubled(given_rate) : given_rate;
+        const int moment = moment_argument(a.values[8], "insurance");
+        const kernels::Interest r = moment == 2 ? doubled(given_rate) : given_rate;
+        const kernels::Progression progression = progression_argument(a.values[9], a.values[10], a.values[2], "insurance");
+        if (progression != kernels::Progression::level && moment == 2) {
+            py::raise(PyExc_ValueError, "[insurance] moment=2 is for a level benefit");
+        }
         const actuarial::Values n = term(a.values[2], 1, "insurance");
         const double defer = deferment(a.values[5], 1, "insurance");
         const bool endowment = a.given(6) ? flag(a.values[6], "insurance", "endowment") : false;
         if (endowment && (!a.given(2) || a.values[2] == Py_None)) {
             py::raise(PyExc_ValueError, "[insurance] an endowment needs a term n");
+        }
+        if (endowment && progression != kernels::Progression::level) {
+            py::raise(PyExc_ValueError, "[insurance] increasing and decreasing are for term and whole-life covers, "
+                                        "not with endowment=True");
         }
         check_lengths(x, n, "insurance");
         const kernels::Benefit benefit{m, exact, endowment};
@@ -414,7 +451,15 @@ PyObject* insurance(PyObject* module, PyObject* const* args, Py_ssize_t nargs, P
         return evaluate(lives, x, n, "insurance", r,
                         [&](const kernels::LifeModel& life, std::span<const double> xs, std::span<const double> ns,
                             std::span<double> out) {
-                            kernels::insurance(life, r, defer, benefit, xs, ns, out);
+                            if (progression == kernels::Progression::level) {
+                                kernels::insurance(life, r, defer, benefit, xs, ns, out);
+                            } else {
+                                kernels::progressive(progression, defer, life.s.w, xs, ns, out,
+                                                     [&](double defer_k, std::span<const double> ax,
+                                                         std::span<const double> one, std::span<double> year) {
+                                                         kernels::insurance(life, r, defer_k, benefit, ax, one, year);
+                                                     });
+                            }
                             return kHolds;
                         });
     });
@@ -475,12 +520,34 @@ PyObject* commutation(PyObject* module, PyObject* const* args, Py_ssize_t nargs,
     });
 }
 
+PyObject* life_table(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+    static constexpr std::array<const char*, 1> names = {"table"};
+    return py::guard([&]() -> PyObject* {
+        const Arguments<1> a = parse_arguments("_life_table", names, 1, args, nargs, kwnames);
+        TableObject* t = table_argument(module, a.values[0], "life_table");
+        // The table's one column, as commutation() reads it.
+        const actuarial::LVector l = actuarial::survivorship(t, config(t->st), true);
+        kernels::LifeModel life;
+        life.s = l.view;
+        const std::size_t w = static_cast<std::size_t>(l.view.w);
+        const auto size = static_cast<npy_intp>(std::min(l.view.l.size(), w + 1));
+        py::ref L = py::new_f64(size), T = py::new_f64(size);
+        kernels::life_table_columns(life, py::f64_span(L.get()), py::f64_span(T.get()));
+        return py::require(PyTuple_Pack(2, L.get(), T.get()));
+    });
+}
+
 PyMethodDef functions[] = {
+    {"_life_table", FASTCALL_KW(life_table), METH_FASTCALL | METH_KEYWORDS,
+     "_life_table(table)\n--\n\n"
+     "The columns Lx and Tx over ages 0..w as a tuple of float64 vectors."},
     {"_annuity", FASTCALL_KW(annuity), METH_FASTCALL | METH_KEYWORDS,
-     "_annuity(table, x, n=None, i=None, due=True, m=1, defer=0, method='exact', moment=1)\n--\n\n"
+     "_annuity(table, x, n=None, i=None, due=True, m=1, defer=0, method='exact', moment=1, increasing=False, "
+     "decreasing=False)\n--\n\n"
      "Life annuity values for ages x and terms n (see veltrane.contingencies.annuity)."},
     {"_insurance", FASTCALL_KW(insurance), METH_FASTCALL | METH_KEYWORDS,
-     "_insurance(table, x, n=None, i=None, m=1, defer=0, endowment=False, method='exact', moment=1)\n--\n\n"
+     "_insurance(table, x, n=None, i=None, m=1, defer=0, endowment=False, method='exact', moment=1, "
+     "increasing=False, decreasing=False)\n--\n\n"
      "Insurance values for ages x and terms n (see veltrane.contingencies.insurance)."},
     {"_pure_endowment", FASTCALL_KW(pure_endowment), METH_FASTCALL | METH_KEYWORDS,
      "_pure_endowment(table, x, n, i=None)\n--\n\n"

@@ -423,6 +423,15 @@ void lifetime_quantile(const LifeModel& life, std::span<const double> x, std::sp
     }
 }
 
+void life_table_columns(const LifeModel& life, std::span<double> L, std::span<double> T) noexcept {
+    double tail = 0.0;
+    for (std::size_t j = L.size(); j-- > 0;) {
+        L[j] = life.integral(j, 0.0, 1.0);
+        tail += L[j];
+        T[j] = tail;
+    }
+}
+
 // ---- expectation of life ------------------------------------------------------------------
 
 void expectation(const LifeModel& life, std::span<const double> x, bool complete, std::span<double> out) {

@@ -140,6 +140,46 @@ void insurance(const LifeModel& life, const Interest& r, double defer, const Ben
 void pure_endowment(const LifeModel& life, const Interest& r, std::span<const double> x, std::span<const double> n,
                     std::span<double> out);
 
+// ---- increasing and decreasing benefits ---------------------------------------------------
+// A benefit of k + 1 in the k-th year of cover (k from 0; increasing), or of n - k (decreasing,
+// over a finite term n): the sum over the years of cover of the weight times the value of the
+// level benefit of that one year, `level(defer_k, x, ones, out)` (1 a year, deferred defer_k =
+// defer + k years). Terms are whole years; n = kWholeLife for life (increasing only). Every year
+// a life can reach is summed, so a value costs one level valuation per year of cover.
+enum class Progression { level, increasing, decreasing };
+
+template <class Level>
+void progressive(Progression progression, double defer, double w, std::span<const double> x,
+                 std::span<const double> n, std::span<double> out, Level&& level) {
+    const std::size_t count = out.size();
+    if (count == 0) return;
+    std::fill(out.begin(), out.end(), 0.0);
+    double youngest = x[0];
+    for (double v : x) youngest = std::min(youngest, v);
+    double longest = 0.0;
+    for (double v : n) longest = std::max(longest, v);
+    // Past w + 1 no life remains.
+    const double years = std::min(longest, std::ceil(w + 1.0 - youngest - defer));
+    if (!(years > 0.0)) return;
+    const double one = 1.0;
+    std::vector<double> year(count);
+    for (double k = 0.0; k < years; k += 1.0) {
+        level(defer + k, x, std::span<const double>(&one, 1), std::span<double>(year));
+        for (std::size_t e = 0; e < count; ++e) {
+            const double term = n.size() == 1 ? n[0] : n[e];
+            if (!(k < term)) continue;
+            const double weight = progression == Progression::increasing ? k + 1.0 : term - k;
+            out[e] += weight * year[e];
+        }
+    }
+}
+
+// ---- life-table columns ---------------------------------------------------------------------
+// Over the ages 0 .. l.size() - 1 of the model: L(x) = the integral of l over the year of age
+// (under the interpolation; the year after w uniform), T(x) = L(x) + L(x + 1) + ... Spans of
+// l.size() elements.
+void life_table_columns(const LifeModel& life, std::span<double> L, std::span<double> T) noexcept;
+
 // ---- the future lifetime ------------------------------------------------------------------
 // out[k] = the t >= 0 with l(x + t) = (1 - p) l(x), 0 < p < 1 (p = 1/2: the median), inverting
 // the interpolation within the year where l falls to that level; the year after w is uniform,

@@ -48,13 +48,15 @@ if TYPE_CHECKING:
     Many = Sequence[float] | NDArray[np.floating[Any]] | NDArray[np.integer[Any]]
     Numbers = Number | Many
 
-__all__ = ["annuity", "commutation", "insurance", "net_premium", "pure_endowment"]
+__all__ = ["annuity", "commutation", "insurance", "life_table", "net_premium", "pure_endowment"]
 
 AnnuityMethod = Literal["exact", "udd", "woolhouse", "woolhouse2"]
 InsuranceMethod = Literal["exact", "udd"]
 
 #: The columns of :func:`commutation`, in order.
 COMMUTATION_COLUMNS = ("age", "lx", "dx", "Dx", "Nx", "Sx", "Cx", "Mx", "Rx")
+#: The columns of :func:`life_table`, in order.
+LIFE_TABLE_COLUMNS = ("age", "lx", "dx", "qx", "Lx", "Tx", "mx", "ex")
 
 
 @overload
@@ -69,6 +71,8 @@ def annuity(
     defer: float = 0,
     method: AnnuityMethod = "exact",
     moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
 ) -> float: ...
 @overload
 def annuity(
@@ -82,6 +86,8 @@ def annuity(
     defer: float = 0,
     method: AnnuityMethod = "exact",
     moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
 ) -> NDArray[np.float64]: ...
 @overload
 def annuity(
@@ -95,6 +101,8 @@ def annuity(
     defer: float = 0,
     method: AnnuityMethod = "exact",
     moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
 ) -> NDArray[np.float64]: ...
 
 
@@ -109,6 +117,8 @@ def annuity(
     defer: float = 0,
     method: AnnuityMethod = "exact",
     moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
 ) -> float | NDArray[np.float64]:
     """Present value of a life annuity of 1 a year, payable ``m`` times a year in instalments of 1/m.
 
@@ -141,6 +151,10 @@ def annuity(
         (or continuous) without ``defer``, valued exactly, at i != 0: with the value ``a`` at i
         and ``a2`` at the doubled force (1 + i)^2 - 1, E[Y^2] = 2 (a - a2) / d^(m) + a2 / m
         (2 (a - a2) / delta continuously). The variance is E[Y^2] - a^2.
+    increasing : bool, default False
+        Payments of k + 1 a year in the k-th year (from 0) after ``defer``: (Iä). Whole years.
+    decreasing : bool, default False
+        Payments of n - k a year in the k-th year, over the term ``n``: (Dä). Whole years.
 
     Returns
     -------
@@ -153,7 +167,7 @@ def annuity(
         Among others: ``i`` <= -1, a value beyond the range of a float (rates near -1), a select
         table at a select duration that carries modifications (use ``select_path``).
     """
-    return _native._annuity(table, x, n, i, due, m, defer, method, moment)
+    return _native._annuity(table, x, n, i, due, m, defer, method, moment, increasing, decreasing)
 
 
 @overload
@@ -168,6 +182,8 @@ def insurance(
     endowment: bool = False,
     method: InsuranceMethod = "exact",
     moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
 ) -> float: ...
 @overload
 def insurance(
@@ -181,6 +197,8 @@ def insurance(
     endowment: bool = False,
     method: InsuranceMethod = "exact",
     moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
 ) -> NDArray[np.float64]: ...
 @overload
 def insurance(
@@ -194,6 +212,8 @@ def insurance(
     endowment: bool = False,
     method: InsuranceMethod = "exact",
     moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
 ) -> NDArray[np.float64]: ...
 
 
@@ -208,6 +228,8 @@ def insurance(
     endowment: bool = False,
     method: InsuranceMethod = "exact",
     moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
 ) -> float | NDArray[np.float64]:
     """Present value of 1 paid on leaving the table (death, for a life table).
 
@@ -236,12 +258,16 @@ def insurance(
     moment : {1, 2}
         2: the second moment of the present value of the benefit, the value at the doubled
         force, 1 + i' = (1 + i)^2. The variance is that less the square of the value.
+    increasing : bool, default False
+        A benefit of k + 1 on leaving in the k-th year of cover (from 0): (IA).
+    decreasing : bool, default False
+        A benefit of n - k on leaving in the k-th year of a term ``n``: (DA).
 
     Returns
     -------
     float or ndarray
     """
-    return _native._insurance(table, x, n, i, m, defer, endowment, method, moment)
+    return _native._insurance(table, x, n, i, m, defer, endowment, method, moment, increasing, decreasing)
 
 
 @overload
@@ -395,3 +421,40 @@ def commutation(table: DecrementTable, i: float | None = None) -> pl.DataFrame:
     columns = _native._commutation(table, i)
     ages = np.arange(columns[0].size, dtype=np.int64)
     return pl.DataFrame(dict(zip(COMMUTATION_COLUMNS, (ages, *columns), strict=True)))
+
+
+def life_table(table: DecrementTable) -> pl.DataFrame:
+    """The life-table columns of the table, one row per integer age 0..w.
+
+    ``lx`` is the unrounded survivorship, ``dx = lx - l(x+1)``, ``qx = dx / lx``; ``Lx`` the
+    years lived in the year of age (the integral of l over it, under the configured
+    ``lx_interpolation``; the year after w uniform, so ``Lw = lw / 2``), ``Tx`` their sum from
+    the age upwards, ``mx = dx / Lx`` the central rate and ``ex = Tx / lx`` the complete
+    expectation of life. Where no life remains every column but ``age`` is 0. Like
+    :func:`commutation`, a select table gives the columns of its one duration column.
+
+    Parameters
+    ----------
+    table : DecrementTable
+
+    Returns
+    -------
+    polars.DataFrame
+        Columns age (Int64), lx, dx, qx, Lx, Tx, mx, ex (Float64).
+
+    Examples
+    --------
+    >>> from veltrane import LifeTable
+    >>> frame = life_table(LifeTable("SULT", "u"))
+    >>> row = frame.row(65, named=True)
+    >>> round(row["ex"], 6) == round(LifeTable("SULT", "u").ex(65, complete=True), 6)
+    True
+    """
+    lx, dx = _native._commutation(table, 0.0)[:2]
+    L, T = _native._life_table(table)
+    with np.errstate(divide="ignore", invalid="ignore"):
+        qx = np.where(lx > 0, dx / np.where(lx > 0, lx, 1.0), 0.0)
+        mx = np.where(L > 0, dx / np.where(L > 0, L, 1.0), 0.0)
+        ex = np.where(lx > 0, T / np.where(lx > 0, lx, 1.0), 0.0)
+    ages = np.arange(lx.size, dtype=np.int64)
+    return pl.DataFrame(dict(zip(LIFE_TABLE_COLUMNS, (ages, lx, dx, qx, L, T, mx, ex), strict=True)))

@@ -56,6 +56,8 @@ def _annuity(
     defer: object = 0,
     method: str = "exact",
     moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
 ) -> float | NDArray[np.float64]: ...
 def _insurance(
     table: DecrementTable,
@@ -67,7 +69,10 @@ def _insurance(
     endowment: bool = False,
     method: str = "exact",
     moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
 ) -> float | NDArray[np.float64]: ...
+def _life_table(table: DecrementTable) -> tuple[NDArray[np.float64], NDArray[np.float64]]: ...
 def _interest(
     kind: str, i: object, m: int | None = 1, n: object = None, due: bool = True
 ) -> float | NDArray[np.float64]: ...
