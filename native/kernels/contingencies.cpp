@@ -86,7 +86,12 @@ double over_years(const LifeModel& life, const Interest& r, double x, double lx,
 class YearPayments {
 public:
     YearPayments(const LifeModel& life, const Interest& r, int m) : life_(life), m_(m), delta_(r.delta) {
-        if (m == kContinuous) return;
+        if (m == kContinuous) {
+            // A linear year: the integral of v^t (lo - t (lo - hi)) is lo phi(delta) - (lo - hi) psi(delta).
+            c0_ = phi(r.delta);
+            c1_ = psi(r.delta);
+            return;
+        }
         weights_.resize(static_cast<std::size_t>(m));
         for (int k = 0; k < m; ++k) {
             const double w = r.discount(static_cast<double>(k) / m) / m;
@@ -99,7 +104,10 @@ public:
     double operator()(std::size_t j) const noexcept {
         const double lo = life_.l_int(j);
         if (m_ == 1) return lo;
-        if (m_ == kContinuous) return life_.discounted_integral(j, 0.0, 1.0, delta_);
+        if (m_ == kContinuous) {
+            if (life_.year_method(j) == Interpolation::linear) return c0_ * lo - c1_ * (lo - life_.l_int(j + 1));
+            return life_.discounted_integral(j, 0.0, 1.0, delta_);
+        }
         const double hi = life_.l_int(j + 1);
         switch (life_.year_method(j)) {
             case Interpolation::linear: return c0_ * lo + c1_ * (hi - lo);
@@ -263,22 +271,6 @@ double gauss_legendre(double a, double width, int panels, F f) {
 }
 
 int panels_for(double extent) noexcept { return 1 + static_cast<int>(std::min(std::fabs(extent), 1e4)); }
-
-// (1 - e^(-z)(1 + z)) / z^2 = the integral of u e^(-zu) over 0 <= u <= 1, and 1/2 at z = 0.
-double psi(double z) noexcept {
-    if (std::fabs(z) < 0.5) {
-        // sum over k >= 0 of (-z)^k / (k! (k + 2))
-        double term = 1.0, sum = 0.5;
-        for (int k = 1; k < 40; ++k) {
-            term *= -z / k;
-            const double add = term / (k + 2);
-            sum += add;
-            if (std::fabs(add) <= 1e-18 * std::fabs(sum)) break;
-        }
-        return sum;
-    }
-    return (-std::expm1(-z) - z * std::exp(-z)) / (z * z);
-}
 
 }  // namespace
 

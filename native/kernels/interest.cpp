@@ -6,6 +6,21 @@
 
 namespace veltrane::kernels {
 
+double psi(double z) noexcept {
+    if (std::fabs(z) < 0.5) {
+        // sum over k >= 0 of (-z)^k / (k! (k + 2))
+        double term = 1.0, sum = 0.5;
+        for (int k = 1; k < 40; ++k) {
+            term *= -z / k;
+            const double add = term / (k + 2);
+            sum += add;
+            if (std::fabs(add) <= 1e-18 * std::fabs(sum)) break;
+        }
+        return sum;
+    }
+    return (-std::expm1(-z) - z * std::exp(-z)) / (z * z);
+}
+
 double nominal_rate(double delta, int m) noexcept {
     if (m == kContinuous) return delta;
     return m * std::expm1(delta / m);

@@ -19,6 +19,8 @@ struct Interest {
 
 // (1 - e^-z) / z, and its limit 1 at z = 0.
 inline double phi(double z) noexcept { return z == 0.0 ? 1.0 : -std::expm1(-z) / z; }
+// (1 - e^-z (1 + z)) / z^2, the integral of u e^(-zu) over 0 <= u <= 1, and its limit 1/2 at 0.
+double psi(double z) noexcept;
 
 // i^(m) = m (e^(delta/m) - 1) and d^(m) = m (1 - e^(-delta/m)); delta itself for kContinuous.
 double nominal_rate(double delta, int m) noexcept;
