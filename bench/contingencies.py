@@ -4,7 +4,8 @@ Run with ``python bench/contingencies.py`` (or as part of ``make bench``). Targe
 call at most 2 microseconds (the continuous annuity, ``mu`` and ``lifetime_quantile`` too; the
 exponential and hyperbolic interpolations and the increasing benefits are reported beside);
 the whole-life annuity-due at every age of a table in one call at most 2 times the NumPy floor
-(survivors by cumprod, discount, reverse cumsum), whose values it must reproduce. A benchmark, not a test: it reports, it never fails a build.
+(survivors by cumprod, discount, reverse cumsum), whose values it must reproduce. A benchmark,
+not a test: it reports, it never fails a build.
 """
 
 from __future__ import annotations
