@@ -374,3 +374,13 @@ def test_bad_input_is_refused_and_changes_nothing(call, exc, message):
     with exactly(exc, full):
         call(t)
     assert annuity(t, 65, m=None) == before and np.array_equal(t._decrement, rates)
+
+
+@pytest.mark.parametrize("rate", [0.05, -0.02, 0.5])
+def test_continuous_insurance_and_annuity_satisfy_a_bar_identity(method, rate):
+    """Ā + δ ā = 1 (whole life) and Ā¹ + E + δ ā = 1 (a term): integration by parts, which ties the
+    closed forms (and the quadrature) of the exits to those of the survivors under every interpolation."""
+    t, delta = LifeTable("SSSM", "u", duration="ult"), math.log1p(rate)
+    for x, n in [(20, None), (65.25, None), (40, 7), (70.5, 12)]:
+        bar = insurance(t, x, n, i=rate, m=None, endowment=n is not None)
+        assert bar + delta * annuity(t, x, n, i=rate, m=None) == pytest.approx(1.0, rel=1e-12)
