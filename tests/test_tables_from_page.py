@@ -187,3 +187,12 @@ def test_an_extra_force_is_a_combination_with_a_constant_table():
     base = LifeTable("SULT", "u")
     for x in (30, 65, 100):
         assert t.qx(x) == pytest.approx(1 - (1 - base.qx(x)) * math.exp(-c), abs=1e-12)
+
+
+def test_from_source_leaves_a_named_source_as_it_is():
+    named = TableSource("SULT")
+    table = LifeTable.from_source(named, "u")
+    assert table._table is not named and not hasattr(named, "_memory_data")
+    assert table.qx(65) == LifeTable("SULT", "u").qx(65)
+    assert pickle.loads(pickle.dumps(LifeTable("SULT", "u"))).table_name == "SULT"
+    assert pickle.loads(pickle.dumps(table)).qx(65) == table.qx(65)

@@ -9,6 +9,7 @@ before, during or after, under any name a caller could use.
 
 from __future__ import annotations
 
+import copy
 import itertools
 from collections.abc import Callable
 from typing import TYPE_CHECKING, Any, TypeVar
@@ -43,7 +44,10 @@ def build(source: TableSource, construct: Callable[[str], T]) -> T:
     """``construct(name)`` on a private name that finds ``source``'s data; the table then holds ``source``."""
     data = memory_data(source)
     if data is None:
+        # A source found by name (cached, shared) stays as it is: the table gets a copy that
+        # carries the data.
         data = (dict(source.metadata), source.data)
+        source = copy.copy(source)
         source._memory_data = data  # type: ignore[attr-defined]
     private = f"{source.table_name}#unnamed-{next(_staging)}"
     TableSource.from_frame(private, *data).register()
