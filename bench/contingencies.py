@@ -1,9 +1,11 @@
 """Cost of the life contingencies: scalar calls and whole-life annuities at every age.
 
 Run with ``python bench/contingencies.py`` (or as part of ``make bench``). Targets: a scalar
-call at most 2 microseconds; the whole-life annuity-due at every age of a table in one call at
-most 2 times the NumPy floor (survivors by cumprod, discount, reverse cumsum), whose values it
-must reproduce. A benchmark, not a test: it reports, it never fails a build.
+call at most 2 microseconds (the continuous annuity, ``mu`` and ``lifetime_quantile`` too; the
+exponential and hyperbolic interpolations and the increasing benefits are reported beside);
+the whole-life annuity-due at every age of a table in one call at most 2 times the NumPy floor
+(survivors by cumprod, discount, reverse cumsum), whose values it must reproduce. A benchmark,
+not a test: it reports, it never fails a build.
 """
 
 from __future__ import annotations
@@ -15,6 +17,7 @@ import numpy as np
 
 from timing import median_seconds
 from veltrane import LifeTable
+from veltrane.config import Config
 from veltrane.contingencies import annuity, commutation, insurance, pure_endowment
 
 SCALAR_TARGET_US = 2.0
@@ -51,10 +54,17 @@ def main() -> None:
         "annuity(t, 65)",
         "annuity(t, 65, 20, m=12)",
         "annuity(t, 65, m=12, method='woolhouse')",
+        "annuity(t, 65, m=None)",
+        "annuity(t, 65.5, 10.25, m=None)",
         "insurance(t, 65, m=None)",
+        "insurance(t, 65, m=12, moment=2)",
         "pure_endowment(t, 65, 20)",
         "t.ex(65, complete=True)",
+        "t.ex(65, 10)",
+        "t.mu(65.5)",
+        "t.lifetime_quantile(65, 0.5)",
         "insurance(s, 45)",
+        "annuity(s, 45, m=None)",
     ):
         us = scalar_us(stmt, namespace)
         print(f"    {stmt:<42} {us:6.2f} us   {'ok' if us <= SCALAR_TARGET_US else 'MISSED'}")
@@ -74,6 +84,17 @@ def main() -> None:
     many = np.random.default_rng(7).uniform(20.0, 100.0, 1_000_000)
     many_ms = median_seconds(lambda: annuity(table, many, 20, m=12), number=1, repeat=5) * 1e3
     print(f"    20-year monthly annuities at 1,000,000 fractional ages: {many_ms:.1f} ms")
+    with Config().override(lx_interpolation="exponential"):
+        exp_us = scalar_us("annuity(t, 65, m=None)", namespace)
+        exp_ins_us = scalar_us("insurance(t, 65, m=12)", namespace)
+    with Config().override(lx_interpolation="hyperbolic"):
+        hyp_us = scalar_us("insurance(t, 65, m=None)", namespace, number=5_000)
+    print(
+        f"    exponential: annuity(t, 65, m=None) {exp_us:.2f} us, insurance(t, 65, m=12) "
+        f"{exp_ins_us:.2f} us; hyperbolic (quadrature): insurance(t, 65, m=None) {hyp_us:.2f} us"
+    )
+    rising_us = scalar_us("insurance(t, 40, increasing=True)", namespace, number=5_000)
+    print(f"    insurance(t, 40, increasing=True) (one level value a year of cover): {rising_us:.2f} us")
     columns_us = median_seconds(lambda: commutation(table), number=200) * 1e6
     print(f"    commutation columns (a Polars frame of {ages.size} rows): {columns_us:.1f} us")
     print()

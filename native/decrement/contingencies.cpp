@@ -157,6 +157,55 @@ bool flag(PyObject* value, std::string_view method, std::string_view name) {
               std::string(name).c_str(), type.get());
 }
 
+// A number of years >= 0 that is a whole number of periods of 1/per_year years.
+namespace {
+void check_periods(std::span<const double> values, int per_year, const char* method, const char* name) {
+    for (double v : values) {
+        if (v < 0.0) refuse(method, std::string(name) + " must be >= 0", v);
+        if (!numeric::is_integer_valued(v * per_year)) {
+            const std::string unit = per_year == 1 ? "a whole number of years"
+                                                   : "a whole number of payment periods (1/" +
+                                                         std::to_string(per_year) + " of a year)";
+            refuse(method, std::string(name) + " must be " + unit, v);
+        }
+    }
+}
+}  // namespace
+
+// A term: None for life (kWholeLife), else numbers >= 0, whole numbers of periods of
+// 1/per_year years unless per_year is 0 (any real term).
+actuarial::Values term(PyObject* n, int per_year, const char* method) {
+    if (n == nullptr || n == Py_None) {
+        actuarial::Values life;
+        life.value = kernels::kWholeLife;
+        life.scalar = true;
+        return life;
+    }
+    actuarial::Values v = actuarial::validated(n, method, "n");
+    if (per_year > 0) check_periods(v.view(), per_year, method, "n");
+    for (double d : v.view()) {
+        if (d < 0.0) refuse(method, "n must be >= 0", d);
+    }
+    return v;
+}
+
+namespace {
+double deferment(PyObject* defer, int per_year, const char* method) {
+    if (defer == nullptr) return 0.0;
+    const double v = numeric::validate_scalar(defer, "defer", method);
+    check_periods(std::span<const double>(&v, 1), per_year, method, "defer");
+    return v;
+}
+}  // namespace
+
+void check_lengths(const actuarial::Values& x, const actuarial::Values& n, const char* method) {
+    if (x.scalar || n.scalar) return;
+    if (x.size() != n.size() && x.size() != 1 && n.size() != 1) {
+        py::raise(PyExc_ValueError, "[%s] x and n must have the same length, got %zd and %zd", method,
+                  static_cast<Py_ssize_t>(x.size()), static_cast<Py_ssize_t>(n.size()));
+    }
+}
+
 namespace {
 
 TableObject* table_argument(PyObject* module, PyObject* table, const char* method) {
@@ -191,51 +240,6 @@ kernels::Interest interest(PyObject* table, PyObject* i, const char* method) {
         refuse(method, from_table ? "i (the table's interest_rate) must be > -1" : "i must be > -1", rate);
     }
     return kernels::Interest(rate);
-}
-
-// A number of years >= 0 that is a whole number of periods of 1/per_year years.
-void check_periods(std::span<const double> values, int per_year, const char* method, const char* name) {
-    for (double v : values) {
-        if (v < 0.0) refuse(method, std::string(name) + " must be >= 0", v);
-        if (!numeric::is_integer_valued(v * per_year)) {
-            const std::string unit = per_year == 1 ? "a whole number of years"
-                                                   : "a whole number of payment periods (1/" +
-                                                         std::to_string(per_year) + " of a year)";
-            refuse(method, std::string(name) + " must be " + unit, v);
-        }
-    }
-}
-
-// A term: None for life (kWholeLife), else numbers >= 0, whole numbers of periods of
-// 1/per_year years unless per_year is 0 (any real term).
-actuarial::Values term(PyObject* n, int per_year, const char* method) {
-    if (n == nullptr || n == Py_None) {
-        actuarial::Values life;
-        life.value = kernels::kWholeLife;
-        life.scalar = true;
-        return life;
-    }
-    actuarial::Values v = actuarial::validated(n, method, "n");
-    if (per_year > 0) check_periods(v.view(), per_year, method, "n");
-    for (double d : v.view()) {
-        if (d < 0.0) refuse(method, "n must be >= 0", d);
-    }
-    return v;
-}
-
-double deferment(PyObject* defer, int per_year, const char* method) {
-    if (defer == nullptr) return 0.0;
-    const double v = numeric::validate_scalar(defer, "defer", method);
-    check_periods(std::span<const double>(&v, 1), per_year, method, "defer");
-    return v;
-}
-
-void check_lengths(const actuarial::Values& x, const actuarial::Values& n, const char* method) {
-    if (x.scalar || n.scalar) return;
-    if (x.size() != n.size() && x.size() != 1 && n.size() != 1) {
-        py::raise(PyExc_ValueError, "[%s] x and n must have the same length, got %zd and %zd", method,
-                  static_cast<Py_ssize_t>(x.size()), static_cast<Py_ssize_t>(n.size()));
-    }
 }
 
 using Breakdown = std::optional<kernels::Breakdown>;
@@ -292,33 +296,106 @@ Method annuity_method(PyObject* method) {
 
 #define FASTCALL_KW(f) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(f))
 
+// m: 1, 2, 3, 4, 6 or 12, or None for payments made continuously (kernels::kContinuous).
+int frequency(PyObject* m, const char* method) {
+    if (m == nullptr) return 1;
+    if (m == Py_None) return kernels::kContinuous;
+    return numeric::payment_frequency(m, method);
+}
+
+// moment: 1 (the value) or 2 (the second moment of the present value).
+int moment_argument(PyObject* moment, const char* method) {
+    if (moment == nullptr) return 1;
+    if (!PyBool_Check(moment) && PyLong_Check(moment)) {
+        const long v = PyLong_AsLong(moment);
+        if (v == -1 && PyErr_Occurred()) py::throw_error_set();
+        if (v == 1 || v == 2) return static_cast<int>(v);
+    }
+    py::raise(PyExc_ValueError, "[%s] moment must be 1 or 2, got %R", method, moment);
+}
+
+// increasing / decreasing (bools): the progression of the benefit; decreasing needs a term.
+kernels::Progression progression_argument(PyObject* increasing, PyObject* decreasing, PyObject* n, const char* method) {
+    const bool up = increasing != nullptr && flag(increasing, method, "increasing");
+    const bool down = decreasing != nullptr && flag(decreasing, method, "decreasing");
+    if (up && down) py::raise(PyExc_ValueError, "[%s] increasing and decreasing exclude each other", method);
+    if (down && (n == nullptr || n == Py_None)) {
+        py::raise(PyExc_ValueError, "[%s] a decreasing benefit needs a term n (it falls to 1 in the last year)", method);
+    }
+    return up ? kernels::Progression::increasing : down ? kernels::Progression::decreasing : kernels::Progression::level;
+}
+
+// The second moments are values at the doubled force: 1 + i' = (1 + i)^2.
+kernels::Interest doubled(const kernels::Interest& r) { return kernels::Interest(r.i * (2.0 + r.i)); }
+
 PyObject* annuity(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
-    static constexpr std::array<const char*, 8> names = {"table", "x", "n", "i", "due", "m", "defer", "method"};
+    static constexpr std::array<const char*, 11> names = {"table", "x",      "n",      "i",          "due",       "m",
+                                                          "defer", "method", "moment", "increasing", "decreasing"};
     return py::guard([&]() -> PyObject* {
-        const Arguments<8> a = parse_arguments("_annuity", names, 2, args, nargs, kwnames);
+        const Arguments<11> a = parse_arguments("_annuity", names, 2, args, nargs, kwnames);
         TableObject* t = table_argument(module, a.values[0], "annuity");
         const actuarial::Values x = checked_ages(t, a.values[1], "annuity");
         const kernels::Interest r = interest(a.values[0], a.values[3], "annuity");
         const bool due = a.given(4) ? flag(a.values[4], "annuity", "due") : true;
-        const int m = a.given(5) ? numeric::payment_frequency(a.values[5], "annuity") : 1;
+        const int m = frequency(a.values[5], "annuity");
         const Method method = annuity_method(a.values[7]);
-        // The exact sums take terms in payment periods; the approximations work on annual annuities.
-        const int per_year = method == Method::exact ? m : 1;
+        const int moment = moment_argument(a.values[8], "annuity");
+        const kernels::Progression progression = progression_argument(a.values[9], a.values[10], a.values[2], "annuity");
+        const bool level = progression == kernels::Progression::level;
+        // The exact sums take terms in payment periods (any real term when continuous); the
+        // approximations, and the benefits that change every year, whole years.
+        const int per_year = method == Method::exact && level ? m : 1;
         const actuarial::Values n = term(a.values[2], per_year, "annuity");
         const double defer = deferment(a.values[6], per_year, "annuity");
         check_lengths(x, n, "annuity");
+        if (moment == 2) {
+            // Y = (1 - v^S) / d^(m), S the time to the end of the payments, needs a life annuity-due
+            // from the start, its exact value, and a rate: E[Y^2] = 2 (a - a') / d^(m) + a' / m.
+            if (defer != 0.0 || (!due && m != kernels::kContinuous) || (method != Method::exact && m != 1)) {
+                py::raise(PyExc_ValueError,
+                          "[annuity] moment=2 needs an annuity-due (or m=None) without defer, valued with "
+                          "method='exact'");
+            }
+            if (r.delta == 0.0) py::raise(PyExc_ValueError, "[annuity] moment=2 needs i != 0");
+            if (!level) py::raise(PyExc_ValueError, "[annuity] moment=2 is for level payments");
+        }
+        const kernels::Interest r2 = doubled(r);
         const Lives lives(t, "annuity");
         const kernels::Payments payments{m, due, defer};
         const auto approximation = method == Method::udd          ? kernels::AnnuityApproximation::udd
                                    : method == Method::woolhouse2 ? kernels::AnnuityApproximation::woolhouse2
                                                                   : kernels::AnnuityApproximation::woolhouse3;
+        auto level_kernel = [&](const kernels::LifeModel& life, const kernels::Payments& p, std::span<const double> xs,
+                                std::span<const double> ns, std::span<double> out) -> Breakdown {
+            if (method != Method::exact) return kernels::annuity_from_annual(life, r, p, approximation, xs, ns, out);
+            kernels::annuity(life, r, p, xs, ns, out);
+            return kHolds;
+        };
         auto kernel = [&](const kernels::LifeModel& life, std::span<const double> xs, std::span<const double> ns,
                           std::span<double> out) -> Breakdown {
-            if (method != Method::exact) {
-                return kernels::annuity_from_annual(life, r, payments, approximation, xs, ns, out);
+            if (!level) {
+                Breakdown first;
+                kernels::progressive(progression, defer, life.s.w, xs, ns, out,
+                                     [&](double defer_k, std::span<const double> ax, std::span<const double> one,
+                                         std::span<double> year) {
+                                         const Breakdown b =
+                                             level_kernel(life, kernels::Payments{m, due, defer_k}, ax, one, year);
+                                         if (b && !first) first = b;
+                                     });
+                return first;
             }
-            kernels::annuity(life, r, payments, xs, ns, out);
-            return kHolds;
+            if (moment == 2) {
+                kernels::annuity(life, r, payments, xs, ns, out);
+                std::vector<double> second(out.size());
+                kernels::annuity(life, r2, payments, xs, ns, second);
+                const double rate = kernels::nominal_discount_rate(r.delta, m);
+                const double last = m == kernels::kContinuous ? 0.0 : 1.0 / m;
+                for (std::size_t k = 0; k < out.size(); ++k) {
+                    out[k] = 2.0 * (out[k] - second[k]) / rate + second[k] * last;
+                }
+                return kHolds;
+            }
+            return level_kernel(life, payments, xs, ns, out);
         };
         auto refuse_at = [&](const kernels::Breakdown& b) {
             const double age = x.size() == 1 ? x.view()[0] : x.view()[b.index];
@@ -334,28 +411,55 @@ PyObject* annuity(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyO
 }
 
 PyObject* insurance(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
-    static constexpr std::array<const char*, 7> names = {"table", "x", "n", "i", "m", "defer", "endowment"};
+    static constexpr std::array<const char*, 11> names = {"table",  "x",      "n",          "i",
+                                                          "m",      "defer",  "endowment",  "method",
+                                                          "moment", "increasing", "decreasing"};
     return py::guard([&]() -> PyObject* {
-        const Arguments<7> a = parse_arguments("_insurance", names, 2, args, nargs, kwnames);
+        const Arguments<11> a = parse_arguments("_insurance", names, 2, args, nargs, kwnames);
         TableObject* t = table_argument(module, a.values[0], "insurance");
         const actuarial::Values x = checked_ages(t, a.values[1], "insurance");
-        const kernels::Interest r = interest(a.values[0], a.values[3], "insurance");
+        const kernels::Interest given_rate = interest(a.values[0], a.values[3], "insurance");
         // m = None: paid at the moment of death.
-        const bool continuous = a.given(4) && a.values[4] == Py_None;
-        const int m = a.given(4) && !continuous ? numeric::payment_frequency(a.values[4], "insurance") : 1;
+        const int m = frequency(a.values[4], "insurance");
+        bool exact = true;
+        if (a.given(7) && !str_equals(a.values[7], "exact")) {
+            if (!str_equals(a.values[7], "udd")) {
+                py::raise(PyExc_ValueError, "[insurance] method must be one of 'exact', 'udd', got %R", a.values[7]);
+            }
+            exact = false;
+        }
+        // The second moment is the value at the doubled force (v^T squared is v'^T).
+        const int moment = moment_argument(a.values[8], "insurance");
+        const kernels::Interest r = moment == 2 ? doubled(given_rate) : given_rate;
+        const kernels::Progression progression = progression_argument(a.values[9], a.values[10], a.values[2], "insurance");
+        if (progression != kernels::Progression::level && moment == 2) {
+            py::raise(PyExc_ValueError, "[insurance] moment=2 is for a level benefit");
+        }
         const actuarial::Values n = term(a.values[2], 1, "insurance");
         const double defer = deferment(a.values[5], 1, "insurance");
         const bool endowment = a.given(6) ? flag(a.values[6], "insurance", "endowment") : false;
         if (endowment && (!a.given(2) || a.values[2] == Py_None)) {
             py::raise(PyExc_ValueError, "[insurance] an endowment needs a term n");
         }
+        if (endowment && progression != kernels::Progression::level) {
+            py::raise(PyExc_ValueError, "[insurance] increasing and decreasing are for term and whole-life covers, "
+                                        "not with endowment=True");
+        }
         check_lengths(x, n, "insurance");
-        const double factor = continuous ? kernels::i_over_delta(r.delta) : kernels::i_over_im(r.delta, m);
+        const kernels::Benefit benefit{m, exact, endowment};
         const Lives lives(t, "insurance");
         return evaluate(lives, x, n, "insurance", r,
                         [&](const kernels::LifeModel& life, std::span<const double> xs, std::span<const double> ns,
                             std::span<double> out) {
-                            kernels::insurance(life, r, defer, factor, endowment, xs, ns, out);
+                            if (progression == kernels::Progression::level) {
+                                kernels::insurance(life, r, defer, benefit, xs, ns, out);
+                            } else {
+                                kernels::progressive(progression, defer, life.s.w, xs, ns, out,
+                                                     [&](double defer_k, std::span<const double> ax,
+                                                         std::span<const double> one, std::span<double> year) {
+                                                         kernels::insurance(life, r, defer_k, benefit, ax, one, year);
+                                                     });
+                            }
                             return kHolds;
                         });
     });
@@ -416,12 +520,34 @@ PyObject* commutation(PyObject* module, PyObject* const* args, Py_ssize_t nargs,
     });
 }
 
+PyObject* life_table(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+    static constexpr std::array<const char*, 1> names = {"table"};
+    return py::guard([&]() -> PyObject* {
+        const Arguments<1> a = parse_arguments("_life_table", names, 1, args, nargs, kwnames);
+        TableObject* t = table_argument(module, a.values[0], "life_table");
+        // The table's one column, as commutation() reads it.
+        const actuarial::LVector l = actuarial::survivorship(t, config(t->st), true);
+        kernels::LifeModel life;
+        life.s = l.view;
+        const std::size_t w = static_cast<std::size_t>(l.view.w);
+        const auto size = static_cast<npy_intp>(std::min(l.view.l.size(), w + 1));
+        py::ref L = py::new_f64(size), T = py::new_f64(size);
+        kernels::life_table_columns(life, py::f64_span(L.get()), py::f64_span(T.get()));
+        return py::require(PyTuple_Pack(2, L.get(), T.get()));
+    });
+}
+
 PyMethodDef functions[] = {
+    {"_life_table", FASTCALL_KW(life_table), METH_FASTCALL | METH_KEYWORDS,
+     "_life_table(table)\n--\n\n"
+     "The columns Lx and Tx over ages 0..w as a tuple of float64 vectors."},
     {"_annuity", FASTCALL_KW(annuity), METH_FASTCALL | METH_KEYWORDS,
-     "_annuity(table, x, n=None, i=None, due=True, m=1, defer=0, method='exact')\n--\n\n"
+     "_annuity(table, x, n=None, i=None, due=True, m=1, defer=0, method='exact', moment=1, increasing=False, "
+     "decreasing=False)\n--\n\n"
      "Life annuity values for ages x and terms n (see veltrane.contingencies.annuity)."},
     {"_insurance", FASTCALL_KW(insurance), METH_FASTCALL | METH_KEYWORDS,
-     "_insurance(table, x, n=None, i=None, m=1, defer=0, endowment=False)\n--\n\n"
+     "_insurance(table, x, n=None, i=None, m=1, defer=0, endowment=False, method='exact', moment=1, "
+     "increasing=False, decreasing=False)\n--\n\n"
      "Insurance values for ages x and terms n (see veltrane.contingencies.insurance)."},
     {"_pure_endowment", FASTCALL_KW(pure_endowment), METH_FASTCALL | METH_KEYWORDS,
      "_pure_endowment(table, x, n, i=None)\n--\n\n"
@@ -434,6 +560,9 @@ PyMethodDef functions[] = {
 }  // namespace
 }  // namespace contingencies
 
-void bind_contingencies(PyObject* module) { py::add_functions(module, contingencies::functions); }
+void bind_contingencies(PyObject* module) {
+    py::add_functions(module, contingencies::functions);
+    bind_interest(module);
+}
 
 }  // namespace veltrane::decrement

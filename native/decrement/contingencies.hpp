@@ -14,10 +14,12 @@
 
 namespace veltrane::decrement {
 
-// The table's method `ex`, gathered with the other method tables by table.cpp.
+// The table's methods ex, mu and lifetime_quantile, gathered with the other method tables by table.cpp.
 extern PyMethodDef expectation_methods[];
 // Binds _annuity, _insurance, _pure_endowment and _commutation in the module.
+// (and _interest, through bind_interest of interest.cpp).
 void bind_contingencies(PyObject* module);
+void bind_interest(PyObject* module);
 
 namespace contingencies {
 
@@ -65,6 +67,11 @@ private:
 
 // Ages x, validated (finite numbers) and within [0, w]; errors are prefixed "[method] ".
 actuarial::Values checked_ages(TableObject* t, PyObject* x, std::string_view method);
+// A term n: None for life (kernels::kWholeLife), else numbers >= 0, whole numbers of periods
+// of 1/per_year years unless per_year is 0 (any real term).
+actuarial::Values term(PyObject* n, int per_year, const char* method);
+// ValueError unless x and n have one length (or one of them a single element).
+void check_lengths(const actuarial::Values& x, const actuarial::Values& n, const char* method);
 // A bool argument (True, False or a NumPy bool); TypeError naming it otherwise.
 bool flag(PyObject* value, std::string_view method, std::string_view name);
 

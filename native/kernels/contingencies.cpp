@@ -5,6 +5,7 @@
 #include "kernels/contingencies.hpp"
 
 #include <algorithm>
+#include <limits>
 #include <optional>
 #include <vector>
 
@@ -64,10 +65,33 @@ inline double term_end(double start, double n, std::size_t w) noexcept {
     return std::min(end, static_cast<double>(w) + 1.0);
 }
 
+// The sum over the pieces [y0, y1] of x + from .. x + to (to infinite for life) cut at the whole
+// ages, up to w + 1, of v^(y0 - x) piece(j, y0 - j, y1 - j) (a value discounted to y0 in the
+// year of age j), divided by lx. A piece worth 0 adds nothing, whatever its discount factor.
+template <class Piece>
+double over_years(const LifeModel& life, const Interest& r, double x, double lx, double from, double to, Piece piece) {
+    const double end = std::min(x + to, life.s.w + 1.0);
+    double sum = 0.0;
+    for (double y = x + from; y < end;) {
+        const double j = std::floor(y);
+        const double next = std::min(j + 1.0, end);
+        const double value = piece(static_cast<std::size_t>(j), y - j, next - j);
+        if (value != 0.0) sum += r.discount(y - x) * value;
+        y = next;
+    }
+    return sum / lx;
+}
+
 // The due payments of one year of age j, 1/m at j + k/m (k < m), discounted to age j.
 class YearPayments {
 public:
     YearPayments(const LifeModel& life, const Interest& r, int m) : life_(life), m_(m), delta_(r.delta) {
+        if (m == kContinuous) {
+            // A linear year: the integral of v^t (lo - t (lo - hi)) is lo phi(delta) - (lo - hi) psi(delta).
+            c0_ = phi(r.delta);
+            c1_ = psi(r.delta);
+            return;
+        }
         weights_.resize(static_cast<std::size_t>(m));
         for (int k = 0; k < m; ++k) {
             const double w = r.discount(static_cast<double>(k) / m) / m;
@@ -80,6 +104,10 @@ public:
     double operator()(std::size_t j) const noexcept {
         const double lo = life_.l_int(j);
         if (m_ == 1) return lo;
+        if (m_ == kContinuous) {
+            if (life_.year_method(j) == Interpolation::linear) return c0_ * lo - c1_ * (lo - life_.l_int(j + 1));
+            return life_.discounted_integral(j, 0.0, 1.0, delta_);
+        }
         const double hi = life_.l_int(j + 1);
         switch (life_.year_method(j)) {
             case Interpolation::linear: return c0_ * lo + c1_ * (hi - lo);
@@ -114,11 +142,17 @@ private:
 class PointwiseAnnuity {
 public:
     PointwiseAnnuity(const LifeModel& life, const Interest& r, int m) : life_(life), r_(r), m_(m) {
+        if (m == kContinuous) return;
         within_.resize(static_cast<std::size_t>(m));
         for (int k = 0; k < m; ++k) within_[static_cast<std::size_t>(k)] = r.discount(static_cast<double>(k) / m);
     }
 
     double operator()(double x, double lx, double defer, double n) const {
+        if (m_ == kContinuous) {
+            return over_years(life_, r_, x, lx, defer, defer + n, [&](std::size_t j, double a, double b) {
+                return life_.discounted_integral(j, a, b, r_.delta);
+            });
+        }
         const long long m = m_;
         // From w + 1 - x on every payment is 0. The bounds are limited to that count in floating
         // point first: a deferment or term of 1e300 years has no long long value.
@@ -165,61 +199,6 @@ inline double endowment_factor(const LifeModel& life, const Interest& r, double 
 
 }  // namespace
 
-// ---- interest -----------------------------------------------------------------------------
-
-double udd_alpha(double delta, int m) noexcept {
-    if (m == 1 || delta == 0.0) return 1.0;
-    // i d = 4 sinh^2(delta / 2) and i^(m) d^(m) = 4 m^2 sinh^2(delta / 2m).
-    const double s = std::sinh(delta / 2.0) / (m * std::sinh(delta / (2.0 * m)));
-    return s * s;
-}
-
-double udd_beta(double delta, int m) noexcept {
-    const double mm = m;
-    if (m == 1) return 0.0;
-    if (std::fabs(delta) < 1e-150) return (mm - 1.0) / (2.0 * mm);  // the limit; delta^2 would underflow
-    const double h = std::sinh(delta / (2.0 * mm));
-    const double denominator = 4.0 * mm * mm * h * h;
-    double numerator;
-    if (std::fabs(delta) < 0.5) {
-        // i - i^(m) = sum over k >= 2 of delta^k / k! (1 - m^(1 - k)): no cancellation for small
-        // |delta| (the terms alternate below 0, and shrink at least fourfold each).
-        numerator = 0.0;
-        double term = delta;
-        double mpow = 1.0;
-        for (int k = 2; k < 60; ++k) {
-            term *= delta / k;
-            mpow *= mm;
-            const double add = term * (1.0 - 1.0 / mpow);
-            numerator += add;
-            if (std::fabs(add) <= std::fabs(numerator) * 1e-18) break;
-        }
-    } else {
-        numerator = std::expm1(delta) - mm * std::expm1(delta / mm);
-    }
-    return numerator / denominator;
-}
-
-double udd_alpha_less_beta(double delta, int m) noexcept {
-    if (m == 1) return 1.0;
-    // Both terms are of order 1 here, so their difference is accurate.
-    if (std::fabs(delta) < 0.5) return udd_alpha(delta, m) - udd_beta(delta, m);
-    // (i^(m) - d) / (i^(m) d^(m)): i^(m) > delta > d, no cancellation, and no overflow for any
-    // finite rate (delta <= 710; above -1 a double rate has delta >= -37.5).
-    const double mm = m;
-    const double im = mm * std::expm1(delta / mm);
-    const double d = -std::expm1(-delta);
-    const double dm = -mm * std::expm1(-delta / mm);
-    return (im - d) / (im * dm);
-}
-
-double i_over_im(double delta, int m) noexcept {
-    if (m == 1 || delta == 0.0) return 1.0;
-    return std::expm1(delta) / (m * std::expm1(delta / m));
-}
-
-double i_over_delta(double delta) noexcept { return delta == 0.0 ? 1.0 : std::expm1(delta) / delta; }
-
 // ---- the survival model -------------------------------------------------------------------
 
 double LifeModel::integral(std::size_t j, double a, double b) const noexcept {
@@ -265,6 +244,184 @@ double LifeModel::force(double y) const noexcept {
         }
     }
     return terms == 0 ? 0.0 : -sum / terms;
+}
+
+namespace {
+
+// Gauss-Legendre with 16 nodes on [-1, 1] (the positive half; the rule is symmetric).
+constexpr double kNodes[8] = {0.09501250983763744, 0.2816035507792589, 0.45801677765722737, 0.6178762444026438,
+                              0.755404408355003,   0.8656312023878318, 0.9445750230732326,  0.9894009349916499};
+constexpr double kWeights[8] = {0.18945061045506864, 0.18260341504492364, 0.16915651939500265, 0.1495959888165767,
+                                0.12462897125553407, 0.0951585116824926,  0.062253523938647456, 0.027152459411754176};
+
+// The integral of f over [a, a + width] in `panels` equal panels of 16 nodes each: exact to
+// rounding for the smooth (entire) integrands below once no panel spans more than a unit of
+// their exponents.
+template <class F>
+double gauss_legendre(double a, double width, int panels, F f) {
+    const double h = width / panels;
+    double sum = 0.0;
+    for (int p = 0; p < panels; ++p) {
+        const double mid = a + (p + 0.5) * h;
+        double panel = 0.0;
+        for (int k = 0; k < 8; ++k) panel += kWeights[k] * (f(mid - kNodes[k] * h / 2.0) + f(mid + kNodes[k] * h / 2.0));
+        sum += panel * h / 2.0;
+    }
+    return sum;
+}
+
+int panels_for(double extent) noexcept { return 1 + static_cast<int>(std::min(std::fabs(extent), 1e4)); }
+
+}  // namespace
+
+double LifeModel::discounted_integral(std::size_t j, double a, double b, double delta) const noexcept {
+    if (delta == 0.0) return integral(j, a, b);
+    const double lo = l_int(j);
+    const double hi = l_int(j + 1);
+    const double width = b - a;
+    if (lo == 0.0 || width <= 0.0) return 0.0;
+    switch (year_method(j)) {
+        case Interpolation::linear: {
+            // l(j + a + s) = l(j + a) - s (lo - hi)
+            const double d = lo - hi;
+            return (lo - a * d) * width * phi(delta * width) - d * width * width * psi(delta * width);
+        }
+        case Interpolation::exponential: {
+            const double L = std::log1p((hi - lo) / lo);  // -mu
+            return lo * std::exp(a * L) * width * phi((delta - L) * width);
+        }
+        case Interpolation::hyperbolic: {
+            const double d = lo - hi;
+            if (d == 0.0) return lo * width * phi(delta * width);
+            // With s = ln((hi + t d) / hi): l = lo e^(-s), dt = hi e^s / d ds, t = hi (e^s - 1) / d.
+            const double sa = std::log1p(a * d / hi);
+            const double span = std::log1p(width * d / (hi + a * d));
+            const double value = gauss_legendre(sa, span, panels_for(delta * width), [&](double u) {
+                return std::exp(-delta * (hi * std::expm1(u) / d - a));
+            });
+            return lo * hi / d * value;
+        }
+    }
+    return 0.0;
+}
+
+double LifeModel::discounted_exits(std::size_t j, double a, double b, double delta) const noexcept {
+    const double lo = l_int(j);
+    const double hi = l_int(j + 1);
+    const double width = b - a;
+    if (lo == 0.0 || width <= 0.0) return 0.0;
+    switch (year_method(j)) {
+        case Interpolation::linear: return (lo - hi) * width * phi(delta * width);
+        case Interpolation::exponential: {
+            const double L = std::log1p((hi - lo) / lo);  // -mu; exits mu l(t)
+            return -L * lo * std::exp(a * L) * width * phi((delta - L) * width);
+        }
+        case Interpolation::hyperbolic: {
+            const double d = lo - hi;
+            if (d == 0.0) return 0.0;
+            // As above: the exits -dl = lo e^(-s) ds.
+            const double sa = std::log1p(a * d / hi);
+            const double span = std::log1p(width * d / (hi + a * d));
+            return lo * gauss_legendre(sa, span, panels_for(std::max(span, delta * width)), [&](double u) {
+                       return std::exp(-u - delta * (hi * std::expm1(u) / d - a));
+                   });
+        }
+    }
+    return 0.0;
+}
+
+double LifeModel::year_exits(std::size_t j, const Interest& r, int m) const noexcept {
+    const double lo = l_int(j);
+    const double hi = l_int(j + 1);
+    if (m == 1 || lo == 0.0) return r.v * (lo - hi);
+    switch (year_method(j)) {
+        // Uniform exits: the UDD factor is exact.
+        case Interpolation::linear: return i_over_im(r.delta, m) * (r.v * (lo - hi));
+        case Interpolation::exponential: {
+            if (m == kContinuous) return discounted_exits(j, 0.0, 1.0, r.delta);
+            // lo rho^k (1 - rho) leave in period k (rho = (hi / lo)^(1/m)), paid at (k + 1) / m:
+            // a geometric series in v^(1/m) rho.
+            const double L = std::log1p((hi - lo) / lo);
+            const double g = (L - r.delta) / m;
+            const double series = g == 0.0 ? m : std::expm1(m * g) / std::expm1(g);
+            return lo * -std::expm1(L / m) * std::exp(-r.delta / m) * series;
+        }
+        case Interpolation::hyperbolic: {
+            if (m == kContinuous) return discounted_exits(j, 0.0, 1.0, r.delta);
+            // l(a) - l(b) = lo hi d (b - a) / ((hi + a d)(hi + b d)), without cancellation.
+            const double d = lo - hi;
+            double sum = 0.0;
+            for (int k = 0; k < m; ++k) {
+                const double fa = static_cast<double>(k) / m, fb = static_cast<double>(k + 1) / m;
+                sum += r.discount(fb) * (lo * hi * d / m / ((hi + fa * d) * (hi + fb * d)));
+            }
+            return sum;
+        }
+    }
+    return 0.0;
+}
+
+double LifeModel::hazard(double y) const noexcept {
+    const double whole = whole_age(y, s.eps);
+    const double j = whole >= 0.0 ? whole : std::floor(y);
+    const double f = whole >= 0.0 ? 0.0 : y - j;
+    const auto year = static_cast<std::size_t>(j);
+    const double lo = l_int(year);
+    const double hi = l_int(year + 1);
+    if (std::isnan(lo) || std::isnan(hi)) return std::numeric_limits<double>::quiet_NaN();
+    if (lo == 0.0) return 0.0;
+    const double d = lo - hi;
+    switch (year_method(year)) {
+        case Interpolation::linear: return d / (lo - f * d);
+        case Interpolation::exponential: return -std::log1p(-d / lo);
+        case Interpolation::hyperbolic: return d / (hi + f * d);
+    }
+    return 0.0;
+}
+
+void hazard(const LifeModel& life, std::span<const double> x, std::span<double> out) noexcept {
+    for (std::size_t k = 0; k < out.size(); ++k) out[k] = life.hazard(x[k]);
+}
+
+void lifetime_quantile(const LifeModel& life, std::span<const double> x, std::span<const double> p,
+                       std::span<double> out) noexcept {
+    const std::size_t w = last_age(life);
+    for (std::size_t k = 0; k < out.size(); ++k) {
+        const double age = pick(x, k);
+        const double lx = life.at(age);
+        if (lx == 0.0) {
+            out[k] = 0.0;
+            continue;
+        }
+        const double target = (1.0 - pick(p, k)) * lx;
+        const double whole = whole_age(age, life.s.eps);
+        auto j = static_cast<std::size_t>(whole >= 0.0 ? whole : std::floor(age));
+        // The year in which l falls to the target (the year after w always ends at 0).
+        while (j < w && life.l_int(j + 1) > target) ++j;
+        const double lo = life.l_int(j);
+        const double hi = life.l_int(j + 1);
+        double f = 0.0;
+        if (lo > hi) {
+            switch (life.year_method(j)) {
+                case Interpolation::linear: f = (lo - target) / (lo - hi); break;
+                case Interpolation::exponential: f = std::log(target / lo) / std::log1p((hi - lo) / lo); break;
+                case Interpolation::hyperbolic: f = hi * (lo - target) / (target * (lo - hi)); break;
+            }
+        } else if (std::isnan(lo) || std::isnan(hi) || std::isnan(target)) {
+            f = std::numeric_limits<double>::quiet_NaN();
+        }
+        const double t = static_cast<double>(j) + f - (whole >= 0.0 ? whole : age);
+        out[k] = t < 0.0 ? 0.0 : t;  // (rounding within the first year; NaN stays NaN)
+    }
+}
+
+void life_table_columns(const LifeModel& life, std::span<double> L, std::span<double> T) noexcept {
+    double tail = 0.0;
+    for (std::size_t j = L.size(); j-- > 0;) {
+        L[j] = life.integral(j, 0.0, 1.0);
+        tail += L[j];
+        T[j] = tail;
+    }
 }
 
 // ---- expectation of life ------------------------------------------------------------------
@@ -334,7 +491,7 @@ void annuity(const LifeModel& life, const Interest& r, const Payments& p, std::s
         } else {
             due = pointwise(age, lx, p.defer, term);
         }
-        if (!p.due) {
+        if (!p.due && p.m != kContinuous) {
             // In arrears: the first payment of the period goes, one at its end comes.
             due -= (endowment_factor(life, r, age, lx, p.defer) - endowment_factor(life, r, age, lx, p.defer + term)) / p.m;
         }
@@ -351,6 +508,7 @@ std::optional<Breakdown> annuity_from_annual(const LifeModel& life, const Intere
         return std::nullopt;
     }
     annuity(life, r, Payments{1, true, p.defer}, x, n, out);
+    const bool continuous = p.m == kContinuous;
     const double m = p.m;
     const double alpha = udd_alpha(r.delta, p.m);
     // UDD as alpha a + (alpha - beta) (E(defer) - E(defer + n)), with a = the annual annuity in
@@ -362,8 +520,9 @@ std::optional<Breakdown> annuity_from_annual(const LifeModel& life, const Intere
         arrears.resize(out.size());
         annuity(life, r, Payments{1, true, p.defer + 1.0}, x, n, arrears);
     }
-    const double second = (m - 1.0) / (2.0 * m);
-    const double third = (m * m - 1.0) / (12.0 * m * m);
+    // Their limits 1/2 and 1/12 for payments made continuously.
+    const double second = continuous ? 0.5 : (m - 1.0) / (2.0 * m);
+    const double third = continuous ? 1.0 / 12.0 : (m * m - 1.0) / (12.0 * m * m);
     std::optional<Breakdown> breakdown;
     for (std::size_t k = 0; k < out.size(); ++k) {
         const double age = pick(x, k);
@@ -388,7 +547,7 @@ std::optional<Breakdown> annuity_from_annual(const LifeModel& life, const Intere
                 break;
             }
         }
-        if (!p.due) value -= (lead - end) / m;
+        if (!p.due && !continuous) value -= (lead - end) / m;
         out[k] = value;
     }
     return breakdown;
@@ -396,13 +555,17 @@ std::optional<Breakdown> annuity_from_annual(const LifeModel& life, const Intere
 
 // ---- insurances and endowments ------------------------------------------------------------
 
-void insurance(const LifeModel& life, const Interest& r, double defer, double death_factor, bool endowment,
+void insurance(const LifeModel& life, const Interest& r, double defer, const Benefit& benefit,
                std::span<const double> x, std::span<const double> n, std::span<double> out) {
     const std::size_t count = out.size();
     if (count == 0) return;
     const std::size_t w = last_age(life);
     const double eps = life.s.eps;
     const double top = static_cast<double>(w) + 1.0;
+    // Under UDD the benefit at the end of the year, times i / i^(m); exactly, the year's exits
+    // valued when the benefit is paid.
+    const int m = benefit.exact ? benefit.m : 1;
+    const double factor = benefit.exact ? 1.0 : i_over_im(r.delta, benefit.m);
     // Whole years, validated to within the integer tolerance: taken at their whole values, since
     // the sums below index years by truncation (2.9999999996 years would otherwise read as 2).
     defer = round_half_even(defer);
@@ -420,28 +583,34 @@ void insurance(const LifeModel& life, const Interest& r, double defer, double de
         const double start = age + defer;
         if (whole_age(age, eps) >= 0.0) {
             if (!sums) {
-                // v (l(j) - l(j + 1)): the deaths of the year, paid at its end, discounted to age j.
                 sums.emplace(std::min(first_year(x), w), w, r.v,
-                             [&](std::size_t j) { return r.v * (life.l_int(j) - life.l_int(j + 1)); });
+                             [&](std::size_t j) { return life.year_exits(j, r, m); });
             }
             const double from = whole_age(age, eps) + defer;
             if (from <= static_cast<double>(w)) {
                 const double end = term_end(from, term, w);
                 death = r.discount(defer) * sums->window(static_cast<std::size_t>(from), end, r) / lx;
             }
+        } else if (m == kContinuous) {
+            death = over_years(life, r, age, lx, defer, defer + term, [&](std::size_t j, double a, double b) {
+                return life.discounted_exits(j, a, b, r.delta);
+            });
         } else {
+            // Period by period, each paid at its end.
             const double stop = std::isinf(term) ? top : std::min(top, start + term);
+            const double step = 1.0 / m;
             double sum = 0.0;
             double before = life.at(start);
-            for (double year = 0.0; start + year < stop; year += 1.0) {
-                const double after = life.at(start + year + 1.0);
-                sum += r.discount(defer + year + 1.0) * (before - after);
+            for (long long period = 0; start + static_cast<double>(period) * step < stop && before != 0.0; ++period) {
+                const double t = defer + static_cast<double>(period + 1) * step;
+                const double after = life.at(age + t);
+                sum += r.discount(t) * (before - after);
                 before = after;
             }
             death = sum / lx;
         }
-        double value = death_factor * death;
-        if (endowment) value += endowment_factor(life, r, age, lx, defer + term);
+        double value = factor * death;
+        if (benefit.endowment) value += endowment_factor(life, r, age, lx, defer + term);
         out[k] = value;
     }
 }

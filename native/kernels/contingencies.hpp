@@ -16,6 +16,7 @@
 // Pairs of ages and terms broadcast: both spans have one length, or one of them has one element.
 #pragma once
 
+#include "kernels/interest.hpp"
 #include "kernels/probability.hpp"
 
 #include <algorithm>
@@ -29,24 +30,6 @@
 namespace veltrane::kernels {
 
 inline constexpr double kWholeLife = std::numeric_limits<double>::infinity();
-
-// Interest at an annual effective rate i > -1: v = 1 / (1 + i), delta = ln(1 + i) (< 0 for i < 0).
-struct Interest {
-    explicit Interest(double rate) noexcept : i(rate), v(1.0 / (1.0 + rate)), delta(std::log1p(rate)) {}
-    double i, v, delta;
-    double discount(double t) const noexcept { return std::pow(v, t); }
-};
-
-// UDD factors of m-thly annuities, i d / (i^(m) d^(m)) and (i - i^(m)) / (i^(m) d^(m)), in forms that
-// stay accurate as i tends to 0 from either side (their limits 1 and (m - 1) / 2m at i = 0).
-double udd_alpha(double delta, int m) noexcept;
-double udd_beta(double delta, int m) noexcept;
-// alpha(m) - beta(m), accurate at every rate (both grow without bound with i, their difference
-// tends to 1/m).
-double udd_alpha_less_beta(double delta, int m) noexcept;
-// i / i^(m) (m-thly death benefits under UDD) and i / delta (benefits at the moment of death).
-double i_over_im(double delta, int m) noexcept;
-double i_over_delta(double delta) noexcept;
 
 struct LifeModel {
     Survivorship s;  // unrounded l(0..w), w, interpolation, integer tolerance
@@ -74,9 +57,23 @@ struct LifeModel {
     // The integral of l(j + t) over a <= t <= b within the year of age j (0 <= a <= b <= 1), in
     // closed form for the year's interpolation.
     double integral(std::size_t j, double a, double b) const noexcept;
+    // The same integral discounted to its start, the integral of v^(t - a) l(j + t); with
+    // delta = 0 it is integral(j, a, b).
+    double discounted_integral(std::size_t j, double a, double b, double delta) const noexcept;
+    // The exits of the year of age j between j + a and j + b, each valued at the moment it
+    // happens and discounted to j + a: the integral of v^(t - a) (-dl(j + t)).
+    double discounted_exits(std::size_t j, double a, double b, double delta) const noexcept;
+    // The exits of the whole year of age j paid at the end of the 1/m-th of a year in which they
+    // happen (m = kContinuous: at the moment), discounted to age j, under the year's interpolation.
+    double year_exits(std::size_t j, const Interest& r, int m) const noexcept;
     // The force of decrement at age y, -(ln p(y - 1) + ln p(y)) / 2 with p(y) = l(y + 1) / l(y):
     // the one term that exists where the other does not (below age 1, from w on), 0 where l(y) = 0.
+    // An approximation from whole-year probabilities (Woolhouse's formula uses it).
     double force(double y) const noexcept;
+    // The force of decrement -l'(y) / l(y) under the interpolation. At a whole age the
+    // right-hand value (that of the year of age that starts there), so never NaN; 0 where
+    // l(y) = 0. At w it is 1 (the survivors at w leave uniformly over the next year).
+    double hazard(double y) const noexcept;
 };
 
 // An age within the integer tolerance of a whole number, as that number (or -1 when it is not one).
@@ -99,6 +96,8 @@ struct Payments {
     bool due = true;
     double defer = 0.0;
 };
+// m = kContinuous: paid continuously, the integral of v^t l(x + t) / l(x) over defer .. defer + n
+// (any real defer and n; `due` does not apply).
 void annuity(const LifeModel& life, const Interest& r, const Payments& p, std::span<const double> x,
              std::span<const double> n, std::span<double> out);
 
@@ -125,14 +124,70 @@ std::optional<Breakdown> annuity_from_annual(const LifeModel& life, const Intere
                                              std::span<const double> n, std::span<double> out);
 
 // ---- insurances and endowments ------------------------------------------------------------
-// 1 paid at the end of the year of death within the years defer .. defer + n - 1 (whole years;
-// n = kWholeLife for life), times `death_factor` (i / i^(m) or i / delta under UDD), plus with
-// `endowment` 1 paid at defer + n on survival; discounted and divided by l(x).
-void insurance(const LifeModel& life, const Interest& r, double defer, double death_factor, bool endowment,
-               std::span<const double> x, std::span<const double> n, std::span<double> out);
+// 1 paid on leaving within the years defer .. defer + n - 1 (whole years; n = kWholeLife for
+// life), plus with `endowment` 1 paid at defer + n on survival; discounted and divided by l(x).
+// The death benefit is paid at the end of the 1/m-th of a year of leaving (m = kContinuous: at
+// the moment); `exact` follows the table's interpolation within the year, otherwise (UDD) the
+// benefit at the end of the year is multiplied by i / i^(m) (i / delta).
+struct Benefit {
+    int m = 1;
+    bool exact = true;
+    bool endowment = false;
+};
+void insurance(const LifeModel& life, const Interest& r, double defer, const Benefit& b, std::span<const double> x,
+               std::span<const double> n, std::span<double> out);
 // out[k] = v^n l(x + n) / l(x) for any real n >= 0.
 void pure_endowment(const LifeModel& life, const Interest& r, std::span<const double> x, std::span<const double> n,
                     std::span<double> out);
+
+// ---- increasing and decreasing benefits ---------------------------------------------------
+// A benefit of k + 1 in the k-th year of cover (k from 0; increasing), or of n - k (decreasing,
+// over a finite term n): the sum over the years of cover of the weight times the value of the
+// level benefit of that one year, `level(defer_k, x, ones, out)` (1 a year, deferred defer_k =
+// defer + k years). Terms are whole years; n = kWholeLife for life (increasing only). Every year
+// a life can reach is summed, so a value costs one level valuation per year of cover.
+enum class Progression { level, increasing, decreasing };
+
+template <class Level>
+void progressive(Progression progression, double defer, double w, std::span<const double> x,
+                 std::span<const double> n, std::span<double> out, Level&& level) {
+    const std::size_t count = out.size();
+    if (count == 0) return;
+    std::fill(out.begin(), out.end(), 0.0);
+    double youngest = x[0];
+    for (double v : x) youngest = std::min(youngest, v);
+    double longest = 0.0;
+    for (double v : n) longest = std::max(longest, v);
+    // Past w + 1 no life remains.
+    const double years = std::min(longest, std::ceil(w + 1.0 - youngest - defer));
+    if (!(years > 0.0)) return;
+    const double one = 1.0;
+    std::vector<double> year(count);
+    for (double k = 0.0; k < years; k += 1.0) {
+        level(defer + k, x, std::span<const double>(&one, 1), std::span<double>(year));
+        for (std::size_t e = 0; e < count; ++e) {
+            const double term = n.size() == 1 ? n[0] : n[e];
+            if (!(k < term)) continue;
+            const double weight = progression == Progression::increasing ? k + 1.0 : term - k;
+            out[e] += weight * year[e];
+        }
+    }
+}
+
+// ---- life-table columns ---------------------------------------------------------------------
+// Over the ages 0 .. l.size() - 1 of the model: L(x) = the integral of l over the year of age
+// (under the interpolation; the year after w uniform), T(x) = L(x) + L(x + 1) + ... Spans of
+// l.size() elements.
+void life_table_columns(const LifeModel& life, std::span<double> L, std::span<double> T) noexcept;
+
+// ---- the future lifetime ------------------------------------------------------------------
+// out[k] = the t >= 0 with l(x + t) = (1 - p) l(x), 0 < p < 1 (p = 1/2: the median), inverting
+// the interpolation within the year where l falls to that level; the year after w is uniform,
+// so t <= w + 1 - x. 0 where l(x) = 0. x and p broadcast.
+void lifetime_quantile(const LifeModel& life, std::span<const double> x, std::span<const double> p,
+                       std::span<double> out) noexcept;
+// out[k] = hazard(x[k]).
+void hazard(const LifeModel& life, std::span<const double> x, std::span<double> out) noexcept;
 
 // ---- commutation columns ------------------------------------------------------------------
 // Over the ages 0 .. l.size() - 1: d = l(x) - l(x + 1) (the last age: l(w)), D = v^x l, C = v^(x + 1) d,

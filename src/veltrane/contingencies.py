@@ -48,12 +48,15 @@ if TYPE_CHECKING:
     Many = Sequence[float] | NDArray[np.floating[Any]] | NDArray[np.integer[Any]]
     Numbers = Number | Many
 
-__all__ = ["annuity", "commutation", "insurance", "net_premium", "pure_endowment"]
+__all__ = ["annuity", "commutation", "insurance", "life_table", "net_premium", "pure_endowment"]
 
 AnnuityMethod = Literal["exact", "udd", "woolhouse", "woolhouse2"]
+InsuranceMethod = Literal["exact", "udd"]
 
 #: The columns of :func:`commutation`, in order.
 COMMUTATION_COLUMNS = ("age", "lx", "dx", "Dx", "Nx", "Sx", "Cx", "Mx", "Rx")
+#: The columns of :func:`life_table`, in order.
+LIFE_TABLE_COLUMNS = ("age", "lx", "dx", "qx", "Lx", "Tx", "mx", "ex")
 
 
 @overload
@@ -64,9 +67,12 @@ def annuity(
     *,
     i: float | None = None,
     due: bool = True,
-    m: int = 1,
+    m: int | None = 1,
     defer: float = 0,
     method: AnnuityMethod = "exact",
+    moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
 ) -> float: ...
 @overload
 def annuity(
@@ -76,9 +82,12 @@ def annuity(
     *,
     i: float | None = None,
     due: bool = True,
-    m: int = 1,
+    m: int | None = 1,
     defer: float = 0,
     method: AnnuityMethod = "exact",
+    moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
 ) -> NDArray[np.float64]: ...
 @overload
 def annuity(
@@ -88,9 +97,12 @@ def annuity(
     *,
     i: float | None = None,
     due: bool = True,
-    m: int = 1,
+    m: int | None = 1,
     defer: float = 0,
     method: AnnuityMethod = "exact",
+    moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
 ) -> NDArray[np.float64]: ...
 
 
@@ -101,9 +113,12 @@ def annuity(
     *,
     i: float | None = None,
     due: bool = True,
-    m: int = 1,
+    m: int | None = 1,
     defer: float = 0,
     method: AnnuityMethod = "exact",
+    moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
 ) -> float | NDArray[np.float64]:
     """Present value of a life annuity of 1 a year, payable ``m`` times a year in instalments of 1/m.
 
@@ -119,16 +134,27 @@ def annuity(
         Annual effective interest rate (> -1); defaults to the table's ``interest_rate``.
     due : bool, default True
         Payments at the start of each period (annuity-due); False: at the end (immediate).
-    m : {1, 2, 3, 4, 6, 12}
-        Payments per year.
+        No effect on a continuous annuity.
+    m : {1, 2, 3, 4, 6, 12} or None
+        Payments per year; None: paid continuously (the integral of v^t tpx).
     defer : float, default 0
         Years before the first period begins.
     method : {"exact", "udd", "woolhouse", "woolhouse2"}
         "exact" sums every payment with the table's own survival at fractional ages (``n`` and
-        ``defer`` in whole periods of 1/m); "udd" applies alpha(m) and beta(m) to the annual
+        ``defer`` in whole periods of 1/m; any real ones for m=None, integrated in closed form
+        under the table's interpolation); "udd" applies alpha(m) and beta(m) to the annual
         annuity; "woolhouse" is Woolhouse's formula with three terms, "woolhouse2" with two (these
         three need whole years). "woolhouse" is refused (ValueError) where its second correction
         outweighs its first, at very high rates or forces of decrement, where it means nothing.
+    moment : {1, 2}
+        2: the second moment E[Y^2] of the present value Y of the payments, for an annuity-due
+        (or continuous) without ``defer``, valued exactly, at i != 0: with the value ``a`` at i
+        and ``a2`` at the doubled force (1 + i)^2 - 1, E[Y^2] = 2 (a - a2) / d^(m) + a2 / m
+        (2 (a - a2) / delta continuously). The variance is E[Y^2] - a^2.
+    increasing : bool, default False
+        Payments of k + 1 a year in the k-th year (from 0) after ``defer``: (Iä). Whole years.
+    decreasing : bool, default False
+        Payments of n - k a year in the k-th year, over the term ``n``: (Dä). Whole years.
 
     Returns
     -------
@@ -141,7 +167,7 @@ def annuity(
         Among others: ``i`` <= -1, a value beyond the range of a float (rates near -1), a select
         table at a select duration that carries modifications (use ``select_path``).
     """
-    return _native._annuity(table, x, n, i, due, m, defer, method)
+    return _native._annuity(table, x, n, i, due, m, defer, method, moment, increasing, decreasing)
 
 
 @overload
@@ -154,6 +180,10 @@ def insurance(
     m: int | None = 1,
     defer: float = 0,
     endowment: bool = False,
+    method: InsuranceMethod = "exact",
+    moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
 ) -> float: ...
 @overload
 def insurance(
@@ -165,6 +195,10 @@ def insurance(
     m: int | None = 1,
     defer: float = 0,
     endowment: bool = False,
+    method: InsuranceMethod = "exact",
+    moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
 ) -> NDArray[np.float64]: ...
 @overload
 def insurance(
@@ -176,6 +210,10 @@ def insurance(
     m: int | None = 1,
     defer: float = 0,
     endowment: bool = False,
+    method: InsuranceMethod = "exact",
+    moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
 ) -> NDArray[np.float64]: ...
 
 
@@ -188,6 +226,10 @@ def insurance(
     m: int | None = 1,
     defer: float = 0,
     endowment: bool = False,
+    method: InsuranceMethod = "exact",
+    moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
 ) -> float | NDArray[np.float64]:
     """Present value of 1 paid on leaving the table (death, for a life table).
 
@@ -203,18 +245,29 @@ def insurance(
         Annual effective interest rate (> -1); defaults to the table's ``interest_rate``.
     m : {1, 2, 3, 4, 6, 12} or None, default 1
         The benefit is paid at the end of the 1/m-year period of death: m = 1 at the end of the
-        year, None at the moment of death. Other than 1, under a uniform distribution of deaths
-        (factor i / i^(m), or i / delta for None).
+        year, None at the moment of death.
     defer : float, default 0
         Whole years before the cover begins.
     endowment : bool, default False
         Also pay 1 on survival to ``defer + n`` (an endowment insurance; needs ``n``).
+    method : {"exact", "udd"}
+        With m other than 1: "exact" values the deaths within each year under the table's own
+        interpolation (in closed form, or by Gauss-Legendre quadrature under the hyperbolic one);
+        "udd" multiplies the benefit at the end of the year by i / i^(m) (i / delta for None),
+        the values under a uniform distribution of deaths. Under linear interpolation they agree.
+    moment : {1, 2}
+        2: the second moment of the present value of the benefit, the value at the doubled
+        force, 1 + i' = (1 + i)^2. The variance is that less the square of the value.
+    increasing : bool, default False
+        A benefit of k + 1 on leaving in the k-th year of cover (from 0): (IA).
+    decreasing : bool, default False
+        A benefit of n - k on leaving in the k-th year of a term ``n``: (DA).
 
     Returns
     -------
     float or ndarray
     """
-    return _native._insurance(table, x, n, i, m, defer, endowment)
+    return _native._insurance(table, x, n, i, m, defer, endowment, method, moment, increasing, decreasing)
 
 
 @overload
@@ -255,7 +308,7 @@ def net_premium(  # type: ignore[overload-overlap]  # NumPy scalars are arrays t
     *,
     i: float | None = None,
     endowment: bool = False,
-    m: int = 1,
+    m: int | None = 1,
     benefit_m: int | None = 1,
     premium_term: Number | None = None,
     method: AnnuityMethod = "exact",
@@ -268,7 +321,7 @@ def net_premium(
     *,
     i: float | None = None,
     endowment: bool = False,
-    m: int = 1,
+    m: int | None = 1,
     benefit_m: int | None = 1,
     premium_term: Numbers | None = None,
     method: AnnuityMethod = "exact",
@@ -282,7 +335,7 @@ def net_premium(
     *,
     i: float | None = None,
     endowment: bool = False,
-    m: int = 1,
+    m: int | None = 1,
     benefit_m: int | None = 1,
     premium_term: Numbers | None = None,
     method: AnnuityMethod = "exact",
@@ -305,14 +358,16 @@ def net_premium(
         Annual effective interest rate (> -1); defaults to the table's ``interest_rate``.
     endowment : bool, default False
         An endowment insurance (needs ``n``) instead of a term or whole-life insurance.
-    m : {1, 2, 3, 4, 6, 12}
-        Premium instalments per year.
+    m : {1, 2, 3, 4, 6, 12} or None
+        Premium instalments per year; None: paid continuously (a fully continuous premium with
+        ``benefit_m=None``).
     benefit_m : {1, 2, 3, 4, 6, 12} or None
         As ``m`` of :func:`insurance`: when the benefit is paid.
     premium_term : float or array-like, optional
         Years of premium payment (limited payments); at most ``n``.
     method : {"exact", "udd", "woolhouse", "woolhouse2"}
-        How the premium annuity is valued (see :func:`annuity`).
+        How the premium annuity is valued (see :func:`annuity`); the benefit is valued with
+        ``method="udd"`` when it is "udd", otherwise exactly.
 
     Returns
     -------
@@ -333,7 +388,8 @@ def net_premium(
         excess = np.asarray(premium_term, dtype=np.float64) > np.asarray(n, dtype=np.float64)
         if np.any(excess):
             raise ValueError("[net_premium] premium_term must not exceed n")
-    benefit = _native._insurance(table, x, n, i, benefit_m, 0, endowment)
+    benefit_method = "udd" if method == "udd" else "exact"
+    benefit = _native._insurance(table, x, n, i, benefit_m, 0, endowment, benefit_method)
     payments = _native._annuity(table, x, paying, i, True, m, 0, method)
     with np.errstate(divide="ignore", invalid="ignore"):
         premium = np.divide(benefit, payments)
@@ -365,3 +421,40 @@ def commutation(table: DecrementTable, i: float | None = None) -> pl.DataFrame:
     columns = _native._commutation(table, i)
     ages = np.arange(columns[0].size, dtype=np.int64)
     return pl.DataFrame(dict(zip(COMMUTATION_COLUMNS, (ages, *columns), strict=True)))
+
+
+def life_table(table: DecrementTable) -> pl.DataFrame:
+    """The life-table columns of the table, one row per integer age 0..w.
+
+    ``lx`` is the unrounded survivorship, ``dx = lx - l(x+1)``, ``qx = dx / lx``; ``Lx`` the
+    years lived in the year of age (the integral of l over it, under the configured
+    ``lx_interpolation``; the year after w uniform, so ``Lw = lw / 2``), ``Tx`` their sum from
+    the age upwards, ``mx = dx / Lx`` the central rate and ``ex = Tx / lx`` the complete
+    expectation of life. Where no life remains every column but ``age`` is 0. Like
+    :func:`commutation`, a select table gives the columns of its one duration column.
+
+    Parameters
+    ----------
+    table : DecrementTable
+
+    Returns
+    -------
+    polars.DataFrame
+        Columns age (Int64), lx, dx, qx, Lx, Tx, mx, ex (Float64).
+
+    Examples
+    --------
+    >>> from veltrane import LifeTable
+    >>> frame = life_table(LifeTable("SULT", "u"))
+    >>> row = frame.row(65, named=True)
+    >>> round(row["ex"], 6) == round(LifeTable("SULT", "u").ex(65, complete=True), 6)
+    True
+    """
+    lx, dx = _native._commutation(table, 0.0)[:2]
+    L, T = _native._life_table(table)
+    with np.errstate(divide="ignore", invalid="ignore"):
+        qx = np.where(lx > 0, dx / np.where(lx > 0, lx, 1.0), 0.0)
+        mx = np.where(L > 0, dx / np.where(L > 0, L, 1.0), 0.0)
+        ex = np.where(lx > 0, T / np.where(lx > 0, lx, 1.0), 0.0)
+    ages = np.arange(lx.size, dtype=np.int64)
+    return pl.DataFrame(dict(zip(LIFE_TABLE_COLUMNS, (ages, lx, dx, qx, L, T, mx, ex), strict=True)))

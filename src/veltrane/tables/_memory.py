@@ -113,3 +113,123 @@ def frame_from_rates(
         [pl.Series("age", range(start_age, start_age + n), dtype=pl.Int64)]
         + [pl.Series(f"{prefix}_{sex}", v) for sex, v in vectors.items()]
     )
+
+
+def rate_vector(values: Any, label: str) -> np.ndarray:
+    """A non-empty vector of rates, as float64; ValueError naming ``label`` otherwise."""
+    try:
+        vector = np.asarray(values, dtype=np.float64)
+    except (TypeError, ValueError):
+        raise ValueError(f"{label} must be a vector of numbers") from None
+    if vector.ndim != 1 or vector.size == 0:
+        raise ValueError(f"{label} must be a non-empty vector of numbers, got shape {vector.shape}")
+    return vector
+
+
+def _grid(select: Any) -> np.ndarray:
+    """A select block as a float64 matrix, None and NaN as NaN; rows of one length."""
+    rows = [list(row) for row in select] if not isinstance(select, np.ndarray) else None
+    if rows is not None:
+        if not rows:
+            raise ValueError("select must have at least one row (a row per selection age)")
+        lengths = [len(row) for row in rows]
+        for k, size in enumerate(lengths):
+            if size != lengths[0]:
+                raise ValueError(
+                    f"select: every row must have one cell per duration; row {k + 1} has {size}, row 1 has "
+                    f"{lengths[0]}"
+                )
+        select = [[np.nan if cell is None else cell for cell in row] for row in rows]
+    try:
+        grid = np.asarray(select, dtype=np.float64)
+    except (TypeError, ValueError):
+        raise ValueError("select must hold numbers, or None (or NaN) for empty cells") from None
+    if grid.ndim != 2 or grid.shape[1] == 0:
+        raise ValueError(
+            "select must be a matrix (a row per selection age, a column per duration), "
+            f"got shape {grid.shape}"
+        )
+    return grid
+
+
+def _rates_from_survivors(
+    grid: np.ndarray, ultimate: np.ndarray, first_select: int, first_ultimate: int
+) -> tuple[np.ndarray, np.ndarray]:
+    """Select rates q[x]+t = 1 - l[x]+t+1 / l[x]+t (the last duration ending on l(x + k) of the
+    ultimate column) and ultimate rates 1 - l(y + 1) / l(y), 1 at the last age."""
+    rows, k = grid.shape
+    ult_q = rates_from_lx(ultimate, "from_select_grid", "ultimate")
+    nxt = np.full(grid.shape, np.nan)
+    nxt[:, :-1] = grid[:, 1:]
+    for r in range(rows):
+        y = first_select + r + k
+        if first_ultimate <= y < first_ultimate + ultimate.size:
+            nxt[r, -1] = ultimate[y - first_ultimate]
+    with np.errstate(divide="ignore", invalid="ignore"):
+        q = 1.0 - nxt / grid
+    return q, ult_q
+
+
+def select_frame(
+    select: Any,
+    ultimate: Any,
+    *,
+    first_select_age: int,
+    first_ultimate_age: int,
+    prefix: str,
+    sex: str,
+    survivors: bool,
+) -> tuple[pl.DataFrame, dict[str, Any]]:
+    """The columns by attained age (``{prefix}_{sex}_s{d}`` and ``_ult``) of a select block printed
+    by selection age, and the select metadata."""
+    for label, age in (("first_select_age", first_select_age), ("first_ultimate_age", first_ultimate_age)):
+        if (
+            isinstance(age, bool)
+            or not isinstance(age, int | np.integer)
+            or not 0 <= age <= fmt.MAX_FIRST_AGE
+        ):
+            raise ValueError(f"{label} must be a whole number in 0..{fmt.MAX_FIRST_AGE}, got {age!r}")
+    grid = _grid(select)
+    ult = rate_vector(ultimate, "ultimate")
+    if survivors:
+        grid, ult = _rates_from_survivors(grid, ult, first_select_age, first_ultimate_age)
+    rows, k = grid.shape
+    if first_ultimate_age > first_select_age + k:
+        raise ValueError(
+            f"ultimate rates start at age {first_ultimate_age}, after the select period of the first "
+            "selection "
+            f"age ends (age {first_select_age + k}): that life would have no rates in between"
+        )
+    last = first_ultimate_age + ult.size - 1
+    if first_select_age + rows - 1 + k - 1 > last:
+        raise ValueError(
+            f"select: the select cells reach age {first_select_age + rows + k - 2}, "
+            f"above the last ultimate age {last}"
+        )
+    first = min(first_select_age, first_ultimate_age)
+    ages = np.arange(first, last + 1)
+    ult_column = np.zeros(ages.size)
+    ult_column[first_ultimate_age - first :] = ult
+    columns = {}
+    for t in range(k):
+        column = np.zeros(ages.size)
+        for index, y in enumerate(ages):
+            x = int(y) - t
+            cell = (
+                grid[x - first_select_age, t] if first_select_age <= x < first_select_age + rows else np.nan
+            )
+            if not np.isnan(cell):
+                column[index] = cell
+            elif y >= first_ultimate_age:
+                column[index] = ult_column[index]
+            elif first_select_age <= x < first_select_age + rows:
+                raise ValueError(
+                    f"select: the empty cell at selection age {x}, duration {t + 1} "
+                    f"(attained age {y}) has no "
+                    "ultimate rate to fill it"
+                )
+        columns[f"{prefix}_{sex}_s{t + 1}"] = column
+    columns[f"{prefix}_{sex}_ult"] = ult_column
+    frame = pl.DataFrame({"age": ages.astype(np.int64), **columns})
+    metadata = {"select": {"period": k, "start_duration": 1}, "sexes": [sex], "start_age": first}
+    return frame, metadata

@@ -9,8 +9,9 @@ finds under the same name, applies the modification again, and checks the rebuil
 against digests of the sent ones, so a table either arrives bit for bit or fails loudly.
 
 Tables built from data that no table file holds (``TableSource.from_frame``, or a file that
-changed since) are refused when pickled. A select path travels as the recipe of its select
-table, rebuilt and followed again on arrival.
+changed since) are refused when pickled, except those made on purpose with no name
+(``LifeTable.from_rates``, ``from_source``): they travel with their data. A select path travels
+as the recipe of its select table, rebuilt and followed again on arrival.
 """
 
 from __future__ import annotations
@@ -24,6 +25,7 @@ from typing import Any, NamedTuple
 import numpy as np
 
 from veltrane.config import Config
+from veltrane.tables._unnamed import build, memory_data, unnamed_source
 from veltrane.tables.decrement import DecrementTable, TableRegistry, _validate_table_class
 from veltrane.tables.select_path import select_path_origin
 from veltrane.tables.source import TableSource
@@ -50,6 +52,8 @@ class TableRecipe(NamedTuple):
     # A select path: the recipe of its select table, the issue age and the years (then the name,
     # fingerprint and keys above are unused: the path is rebuilt from the select table).
     path: tuple[TableRecipe, int, int | None] | None = None
+    # A table on a source that no name finds: that source's metadata and frame.
+    data: tuple[dict[str, Any], Any] | None = None
 
 
 class _Unpicklable:
@@ -114,9 +118,12 @@ def recipe(table: DecrementTable) -> TableRecipe:
             "pickle it after the block"
         )
     origin = select_path_origin(table._table)
+    data = memory_data(table._table)
     if origin is not None:
         select_table, issue_age, years = origin
         name, print_, path = "", "", (recipe(select_table), issue_age, years)
+    elif data is not None:
+        name, print_, path = table._table.table_name, "", None
     else:
         (name, print_), path = _source_name_and_fingerprint(table), None
     modifications = None
@@ -158,6 +165,7 @@ def recipe(table: DecrementTable) -> TableRecipe:
         digests=digests,
         descriptors=tuple(table._modifications_applied or ()),
         path=path,
+        data=data,
     )
 
 
@@ -240,6 +248,9 @@ def _check_recipe(r: Any) -> None:
         and isinstance(r.descriptors, tuple)
         and all(isinstance(d, str) for d in r.descriptors)
         and (r.path is None or (isinstance(r.path, tuple) and len(r.path) == 3))
+        and (
+            r.data is None or (isinstance(r.data, tuple) and len(r.data) == 2 and isinstance(r.data[0], dict))
+        )
     )
     if not ok:
         raise ValueError(
@@ -253,6 +264,14 @@ def rebuild(r: TableRecipe) -> DecrementTable:
     if r.path is not None:
         select_table, issue_age, years = r.path
         table = rebuild(select_table).select_path(issue_age, years)
+    elif r.data is not None:
+        try:
+            source = unnamed_source(r.table_name, *r.data)
+        except (TypeError, ValueError) as exc:
+            raise ValueError(
+                f"cannot unpickle {r.cls.__name__} '{r.table_name}': its data is damaged ({exc})"
+            ) from exc
+        table = build(source, lambda private: _construct(r, private))
     else:
         table = _construct(r)
     # Only the slots that the class declares in Python travel; the core's own fields are
@@ -298,16 +317,19 @@ def rebuild(r: TableRecipe) -> DecrementTable:
     return table
 
 
-def _construct(r: TableRecipe) -> DecrementTable:
-    _find_source(r.table_name, r.fingerprint, r.cls)
-    table: DecrementTable = DecrementTable.__new__(r.cls, r.table_name, "m")
+def _construct(r: TableRecipe, staged: str | None = None) -> DecrementTable:
+    """The table of the recipe's keys, on its named file (or on the name ``staged`` just registered)."""
+    if staged is None:
+        _find_source(r.table_name, r.fingerprint, r.cls)
+    name = r.table_name if staged is None else staged
+    table: DecrementTable = DecrementTable.__new__(r.cls, name, "m")
     # A male or female table may hold a blend accepted by configure() (it applies once the sex
     # becomes "u"); the constructor refuses one with those sexes, so configure() sets it again.
     later = r.unisex_blend if r.sex in ("m", "f") else None
     with _decimals_override(table.table_type, r.decimals[0]):
         DecrementTable.__init__(
             table,
-            r.table_name,
+            name,
             r.sex,
             r.cohort,
             expected_table_type=getattr(r.cls, "_TABLE_TYPE", None),

@@ -120,7 +120,9 @@ class TableSource:
     # they came from (filled by the extension; a copy or a new frame starts without it).
     # ``_path_origin``: for the source of a select path, what the path was followed from (kept by
     # copies, so that a copied path still pickles); unset otherwise.
-    __slots__ = (*_SLOTS, "_f64_columns", "_path_origin", "__weakref__")
+    # ``_memory_data``: for a source that no name finds (``LifeTable.from_rates``), its metadata
+    # and frame, with which its tables pickle (kept by copies); unset otherwise.
+    __slots__ = (*_SLOTS, "_f64_columns", "_path_origin", "_memory_data", "__weakref__")
 
     _table_name: str
     _file_name: str
@@ -261,6 +263,66 @@ class TableSource:
             metadata["description"] = description
         if source:
             metadata["source"] = dict(source)
+        return cls.from_frame(name, metadata, frame)
+
+    @classmethod
+    def from_select_grid(
+        cls,
+        name: str,
+        select: Any,
+        ultimate: Any,
+        *,
+        first_select_age: int,
+        first_ultimate_age: int,
+        table_type: str = "life",
+        sex: str = "u",
+        survivors: bool = False,
+        description: str = "",
+    ) -> TableSource:
+        """Build a select-and-ultimate table from a select block as printed, by selection age.
+
+        Parameters
+        ----------
+        name : str
+            Table name.
+        select : matrix of float (rows of one length)
+            A row per selection age from ``first_select_age``, a column per duration: q[x],
+            q[x]+1, ... None or NaN marks an empty cell, which the ultimate rate of its attained
+            age fills (ValueError where there is none).
+        ultimate : sequence of float
+            Ultimate rates by attained age from ``first_ultimate_age`` to the last age of the
+            table (which closes there). It may start at most one select period after the first
+            selection age.
+        first_select_age, first_ultimate_age : int
+        table_type : str, default "life"
+        sex : str, default "u"
+        survivors : bool, default False
+            The block and the ultimate column hold survivors (l[x]+t and l(y)) instead of rates.
+        description : str, optional
+
+        Returns
+        -------
+        TableSource
+            Select columns by attained age (duration d at age y holds the rate of the life
+            selected at y - d + 1), start duration 1. Cells that no printed selection age reaches
+            below the first ultimate age hold 0. Use it through ``register()`` or
+            ``LifeTable.from_source``.
+        """
+        prefix = fmt.RATE_PREFIX.get(table_type)
+        if prefix is None:
+            raise ValueError(f"table_type must be one of {', '.join(fmt.RATE_PREFIX)}, got {table_type!r}")
+        frame, metadata = _memory.select_frame(
+            select,
+            ultimate,
+            first_select_age=first_select_age,
+            first_ultimate_age=first_ultimate_age,
+            prefix=prefix,
+            sex=sex,
+            survivors=bool(survivors),
+        )
+        metadata["table_type"] = table_type
+        if description:
+            metadata["description"] = description
         return cls.from_frame(name, metadata, frame)
 
     def register(self) -> TableSource:
@@ -563,6 +625,8 @@ class TableSource:
         new._valid_sexes = list(self._valid_sexes)  # cheap, and spares the shared source in-place edits
         if (origin := getattr(self, "_path_origin", None)) is not None:
             new._path_origin = origin
+        if (data := getattr(self, "_memory_data", None)) is not None:
+            new._memory_data = data
         return new
 
     def __deepcopy__(self, memo: dict[int, Any]) -> TableSource:
