@@ -67,7 +67,7 @@ def _call(kind: str, i: Numbers, m: int | None = 1, n: Numbers | None = None, du
         ) from None
     flat_i = np.ascontiguousarray(np.broadcast_to(rates, shape)).ravel()
     flat_n = None if terms is None else np.ascontiguousarray(np.broadcast_to(terms, shape)).ravel()
-    out: NDArray[np.float64] = _native._interest(kind, flat_i, m, flat_n, due)
+    out = np.asarray(_native._interest(kind, flat_i, m, flat_n, due), dtype=np.float64)
     return out.reshape(shape)
 
 
