@@ -95,7 +95,7 @@ class RatePlan:
             durations = [None]
         try:
             return [
-                self.registry.get_or_create(cls, group.table_name, sex, group.cohort, duration)
+                self.registry.get_or_create(cls, group.table_name, sex, group.cohort, duration)  # type: ignore[arg-type]
                 for duration in durations
             ]
         except (ValueError, TypeError, OSError) as exc:

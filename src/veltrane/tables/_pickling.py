@@ -330,7 +330,7 @@ def _construct(r: TableRecipe, staged: str | None = None) -> DecrementTable:
         DecrementTable.__init__(
             table,
             name,
-            r.sex,
+            r.sex,  # type: ignore[arg-type]  # a sex the sender's table held
             r.cohort,
             expected_table_type=getattr(r.cls, "_TABLE_TYPE", None),
             unisex_blend=None if later is not None else r.unisex_blend,

@@ -32,6 +32,7 @@ __all__ = [
     "_LX_RADIX",
     "GenerationalFormula",
     "ModifyDecrement",
+    "SexInput",
     "SexLiteral",
     "_DecimalsConfig",
     "_current_calendar_year",
@@ -46,6 +47,8 @@ _LX_RADIX: Final[float] = 1_000_000.0
 
 #: Sex of a table: male, female or unisex.
 SexLiteral = Literal["m", "f", "u"]
+#: What the constructors and ``configure`` accept for a sex: a code in either case.
+SexInput = Literal["m", "f", "u", "M", "F", "U"]
 
 FloatVector: TypeAlias = NDArray[np.float64]
 

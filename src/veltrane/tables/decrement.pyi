@@ -24,7 +24,7 @@ from numpy.typing import NDArray
 from typing_extensions import disjoint_base
 
 from veltrane.base import PaymentFrequencyLiteral, TableKey
-from veltrane.tables.base import ModifyDecrement, _DecimalsConfig
+from veltrane.tables.base import ModifyDecrement, SexInput, _DecimalsConfig
 from veltrane.tables.source import TableSource
 
 #: One age or duration: a Python or NumPy number.
@@ -82,7 +82,7 @@ def _pure_endowment(
 def _commutation(table: DecrementTable, i: object = None) -> tuple[NDArray[np.float64], ...]: ...
 def configure_all(
     tables: Iterable[DecrementTable] | Mapping[Any, DecrementTable],
-    sex: str | None = None,
+    sex: SexInput | None = None,
     cohort: int | None = None,
     duration: int | str | None = None,
     unisex_blend: float | None = None,
@@ -120,7 +120,7 @@ class DecrementTable(metaclass=ABCMeta):
     def __new__(
         cls,
         table_name: str,
-        sex: str | None = None,
+        sex: SexInput | None = None,
         cohort: _Year | None = None,
         unisex_blend: float | None = None,
         duration: int | str | None = None,
@@ -133,7 +133,7 @@ class DecrementTable(metaclass=ABCMeta):
     def __new__(  # type: ignore[misc]
         cls,
         table_name: str | Sequence[str],
-        sex: str | Sequence[str] | None = None,
+        sex: SexInput | Sequence[SexInput] | None = None,
         cohort: _Year | _Years | None = None,
         unisex_blend: float | Sequence[float] | None = None,
         duration: int | str | Sequence[int | str] | None = None,
@@ -147,7 +147,7 @@ class DecrementTable(metaclass=ABCMeta):
     def __new__(  # type: ignore[misc]
         cls,
         table_name: str | Sequence[str],
-        sex: str | Sequence[str] | None = None,
+        sex: SexInput | Sequence[SexInput] | None = None,
         cohort: _Year | _Years | None = None,
         unisex_blend: float | Sequence[float] | None = None,
         duration: int | str | Sequence[int | str] | None = None,
@@ -159,7 +159,7 @@ class DecrementTable(metaclass=ABCMeta):
     def __init__(
         self,
         table_name: str,
-        sex: str | None = None,
+        sex: SexInput | None = None,
         cohort: int | None = None,
         expected_table_type: str | None = None,
         unisex_blend: object = None,
@@ -234,7 +234,7 @@ class DecrementTable(metaclass=ABCMeta):
     @property
     def sex(self) -> str: ...
     @sex.setter
-    def sex(self, value: str) -> None: ...
+    def sex(self, value: SexInput) -> None: ...
     @property
     def cohort(self) -> int | None: ...
     @cohort.setter
@@ -251,7 +251,7 @@ class DecrementTable(metaclass=ABCMeta):
     # -- configuration and modifications ----------------------------------------------------------
     def configure(
         self,
-        sex: str | None = None,
+        sex: SexInput | None = None,
         cohort: int | None = None,
         duration: int | str | None = None,
         unisex_blend: float | None = None,
@@ -428,7 +428,7 @@ class TableRegistry:
         self,
         table_class: type[DecrementTable] | None,
         table_name: str,
-        sex: str,
+        sex: SexInput | Sequence[SexInput],
         cohort: int | None = None,
         duration: int | str | None = None,
         unisex_blend: float | None = None,

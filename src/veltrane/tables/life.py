@@ -7,6 +7,7 @@ from collections.abc import Callable, Mapping
 from numbers import Real
 from typing import ClassVar
 
+from veltrane.tables.base import SexInput
 from veltrane.tables.typed import Blends, Cohorts, Durations, Sexes, TableNames, TypedTable
 
 __all__ = ["LifeTable"]
@@ -70,7 +71,7 @@ class LifeTable(TypedTable):
 
     def configure(
         self,
-        sex: str | None = None,
+        sex: SexInput | None = None,
         cohort: int | None = None,
         duration: int | str | None = None,
         unisex_blend: float | None = None,

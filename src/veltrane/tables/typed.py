@@ -4,11 +4,12 @@ from __future__ import annotations
 
 import numbers
 from collections.abc import Mapping, Sequence
-from typing import TYPE_CHECKING, Any, ClassVar, TypeAlias, TypeVar
+from typing import TYPE_CHECKING, Any, ClassVar, TypeAlias, TypeVar, cast
 
 import numpy as np
 from numpy.typing import NDArray
 
+from veltrane.tables.base import SexInput
 from veltrane.tables.decrement import DecrementTable
 
 if TYPE_CHECKING:
@@ -17,7 +18,7 @@ if TYPE_CHECKING:
 # What a constructor call accepts: one value per key for one table, or sequences of them for many
 # (each instance's __init__ then sees one value of each).
 TableNames: TypeAlias = str | Sequence[str]
-Sexes: TypeAlias = str | Sequence[str] | None
+Sexes: TypeAlias = SexInput | Sequence[SexInput] | None
 Cohorts: TypeAlias = int | Sequence[int] | NDArray[Any] | None
 Blends: TypeAlias = float | Sequence[float] | None
 Durations: TypeAlias = int | str | Sequence[int | str] | None
@@ -62,7 +63,7 @@ class TypedTable(DecrementTable):
 
     @classmethod
     def from_source(
-        cls: type[Self], source: TableSource, sex: str = "u", *, duration: int | str | None = None
+        cls: type[Self], source: TableSource, sex: SexInput = "u", *, duration: int | str | None = None
     ) -> Self:
         """A table of this class on ``source`` as it is, with no name registered anywhere.
 
@@ -89,7 +90,7 @@ class TypedTable(DecrementTable):
         rates: Rates,
         *,
         start_age: int = 0,
-        sex: str = "u",
+        sex: SexInput = "u",
         close: bool = True,
         name: str = "RATES",
     ) -> Self:
@@ -128,7 +129,7 @@ class TypedTable(DecrementTable):
             raise TypeError(f"from_rates: close must be True or False, got {type(close).__name__}")
         if not isinstance(sex, str):
             raise TypeError(f"from_rates: sex must be a str, got {type(sex).__name__}")
-        sex = sex.lower()
+        sex = cast("SexInput", sex.lower())
         by_sex = dict(rates) if isinstance(rates, Mapping) else {sex: rates}
         if sex not in by_sex:
             raise ValueError(f"from_rates: no rates for sex {sex!r}, only for {', '.join(map(repr, by_sex))}")
