@@ -4,9 +4,9 @@ that carries state and behaviour; instances that __init__ never reached; the bas
 from __future__ import annotations
 
 import pytest
-from veltrane.tables.decrement import DecrementTable
 
 from conftest import exactly
+from veltrane.tables.decrement import DecrementTable
 from veltrane.tables.exit import ExitTable
 from veltrane.tables.life import LifeTable
 

@@ -11,9 +11,9 @@ from pathlib import Path
 
 import numpy as np
 import pytest
-from veltrane.tables.decrement import DecrementTable
 
 from veltrane.config import Config
+from veltrane.tables.decrement import DecrementTable
 from veltrane.tables.life import LifeTable
 
 STATM = Path("/proc/self/statm")

@@ -10,9 +10,9 @@ from contextlib import nullcontext
 
 import numpy as np
 import pytest
-from veltrane.tables.decrement import DecrementTable
 
 from veltrane import Config, TableRegistry
+from veltrane.tables.decrement import DecrementTable
 from veltrane.tables.disability import DisabilityTable
 from veltrane.tables.exit import ExitTable
 from veltrane.tables.life import LifeTable

@@ -64,11 +64,15 @@ def age_basis(name: str) -> str | None:
 
 
 def table_type_of(content_type: str) -> str:
-    """ "exit" for lapse and persistency tables, "disability" for incidence, else "life"."""
+    """ "exit" for lapse and persistency tables, "disability" for claim incidence, else "life".
+
+    Mortality of disabled lives, recovery and claim cost are not incidence rates: they stay
+    life tables (one decrement out of the state the table describes).
+    """
     text = content_type.lower()
     if any(word in text for word in ("lapse", "persistency", "voluntary", "withdrawal", "surrender")):
         return "exit"
-    if "disab" in text or "incidence" in text:
+    if "incidence" in text:
         return "disability"
     return "life"
 
