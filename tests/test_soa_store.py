@@ -164,3 +164,72 @@ def test_a_table_file_of_that_name_comes_before_the_store(tmp_path):
 def test_a_damaged_store_is_refused_with_a_message(data):
     with pytest.raises(ValueError, match="store"):
         soa.Store.parse(data, "damaged")
+
+
+@pytest.mark.parametrize(
+    "search",
+    [
+        "2017 Loaded CSO Preferred Structure Nonsmoker Super Preferred Male",
+        "male preferred super NONSMOKER 2017 loaded cso structure preferred",  # any order, any case
+        ["2017 Loaded", "super preferred 3299"],
+    ],
+)
+def test_the_catalogue_searches_the_service_after_the_curated_tables(search):
+    import veltrane
+
+    found = veltrane.catalogue(search=search)
+    assert "SOA3299" in found["name"].to_list()
+    row = found.filter(found["name"] == "SOA3299").row(0, named=True)
+    assert row | {"structure": None, "provider": None} == {
+        "name": "SOA3299",
+        "number": 3299,
+        "table_name": "2017 Loaded CSO Preferred Structure Nonsmoker Super Preferred Male ANB",
+        "content_type": "CSO / CET",
+        "nation": "United States of America",
+        "provider": None,
+        "type": "life",
+        "table_class": "LifeTable",
+        "structure": None,
+        "sexes": ["m"],
+        "ages": "18-120",
+        "description": row["description"],
+        "source": "2017 Loaded CSO Preferred Structure Nonsmoker Super Preferred Male ANB",
+        "location": "SOA table service",
+    }
+    assert veltrane.catalogue(search=search, soa=False).height == 0
+
+
+def test_the_catalogue_lists_every_table_of_the_store_once_after_the_curated_ones():
+    import veltrane
+
+    everything = veltrane.catalogue()
+    names = everything["name"].to_list()
+    assert len(names) == len(set(names))
+    service = everything.filter(everything["location"] == "SOA table service")
+    assert service.height == len(soa.store().tables)
+    assert names[-service.height :] == service["name"].to_list()  # the service comes last
+
+
+def test_tables_search_prints_the_service_after_the_curated_tables(capsys):
+    code, out, _ = run(capsys, "tables", "--search", "2017", "CSO", "select")
+    assert code == 0
+    curated, service = out.split("SOA table service")
+    assert "CSO2017" in curated and "SOA3299" in service and "CSO2017" not in service
+
+
+def test_the_refused_files_are_listed_with_their_reason(capsys):
+    code, out, _ = run(capsys, "tables", "--soa", "--refused", "--wide")
+    lines = out.splitlines()
+    assert code == 0 and len(lines) == len(soa.store().refused)
+    assert any(line.startswith("SOA1478 ") and "t1478.xml: cannot map Month[4-24]" in line for line in lines)
+    code, _, err = run(capsys, "tables", "--refused")
+    assert code == 2 and "--soa" in err
+
+
+def test_every_file_of_the_service_maps_or_is_refused_with_its_reason():
+    found = soa.store()
+    assert found.files == 3012 and set(found.numbers) == {
+        r["number"] for r in found.catalogue()["tables"]
+    } | {r["number"] for r in found.catalogue()["refused"]}
+    mapped = {r["number"] for r in found.catalogue()["tables"]}
+    assert len(mapped) >= 2700  # files of which at least one table is available
