@@ -7,7 +7,7 @@ import re
 from collections.abc import Sequence
 
 from veltrane import __version__
-from veltrane.cli import contingencies, plot, tables
+from veltrane.cli import contingencies, export, plot, tables
 from veltrane.cli.common import Parser, RefusedError, tables_path_argument
 from veltrane.cli_import import add_import_command, run_import
 
@@ -24,6 +24,7 @@ def build_parser() -> Parser:
     add_import_command(commands)
     commands.choices["import"].set_defaults(run=lambda args: run_import(args, RefusedError))
     contingencies.add_commands(commands)
+    export.add_commands(commands)
     plot.add_commands(commands)
     return parser
 

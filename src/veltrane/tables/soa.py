@@ -332,7 +332,7 @@ def load(name: str) -> TableSource:
 def _missing(found: Store, name: str, number: int) -> str:
     names = found.numbers.get(number)
     if names is not None:
-        parts = [n for n in names if "_" in n]
+        parts = sorted((n for n in names if "_" in n), key=lambda n: int(n.rpartition("_")[2]))
         if parts:
             return f"table {name!r}: the file of SOA table {number} has the parts {', '.join(parts)}"
         return f"table {name!r}: SOA table {number} is one table; its name is SOA{number}"
