@@ -11,7 +11,7 @@ Run with ``make bench`` or ``python bench/run.py``. Every figure is a median ove
 - then table construction (construction.py), generational builds against NumPy
   (generational.py), the life contingencies (contingencies.py), a portfolio projection of
   1,000,000 policies over 30 years (portfolio.py) and the import of the published XTbML files
-  (xtbml.py).
+  (xtbml.py), and the SOA table service: its import, its store, a table by number (soa_store.py).
 
 A benchmark, not a test: it reports, it never fails a build.
 """
@@ -165,6 +165,7 @@ def main() -> None:
     import contingencies
     import generational
     import portfolio
+    import soa_store
     import xtbml
 
     construction.main()
@@ -173,6 +174,7 @@ def main() -> None:
     contingencies.main()
     portfolio.main()
     xtbml.main()
+    soa_store.main()
 
 
 if __name__ == "__main__":
