@@ -5,6 +5,7 @@ from __future__ import annotations
 
 import random
 
+import numpy as np
 import pytest
 
 from conftest import RAW
@@ -233,3 +234,39 @@ def test_every_file_of_the_service_maps_or_is_refused_with_its_reason():
     } | {r["number"] for r in found.catalogue()["refused"]}
     mapped = {r["number"] for r in found.catalogue()["tables"]}
     assert len(mapped) >= 2700  # files of which at least one table is available
+
+
+def test_a_projection_scale_is_the_scale_of_a_base_table_by_number(tmp_path):
+    from veltrane.tables.xtbml import read_xtbml, write_xtbml
+
+    (base,) = write_xtbml("SOA2585", tmp_path / "iam-m.xml")  # 2012 IAM Period Table, male
+    table = read_xtbml(base, "IAM_M", scale="SOA2583", formula="compound", base_year=2012)
+    bundled = TableSource("IAM2012").data  # the same two files, with the scale of each sex
+    for column in ("qx_m", "mi_m"):
+        assert np.array_equal(table.columns[column], bundled[column].to_numpy()), column
+    assert table.metadata["source"]["table_identity"] == "2585; 2583"
+    with pytest.raises(XTbMLUnsupportedError, match='by number: scale="SOA2583"'):
+        TableSource("SOA2583")
+
+
+@needs_raw
+def test_a_scale_by_number_is_the_scale_file():
+    from veltrane.tables.xtbml import read_xtbml
+
+    for scale, base in (("3610", "3534"), ("2583", "2585")):
+        options = {"base_year": 2012} | ({"formula": "compound"} if scale == "2583" else {})
+        by_file = read_xtbml(SERVICE / f"t{base}.xml", "A", scale=SERVICE / f"t{scale}.xml", **options)
+        by_number = read_xtbml(SERVICE / f"t{base}.xml", "A", scale=f"SOA{scale}", **options)
+        assert by_file.metadata == by_number.metadata
+        assert by_file.columns.keys() == by_number.columns.keys()
+        for column, values in by_file.columns.items():
+            assert np.array_equal(values, by_number.columns[column]), column
+
+
+@pytest.mark.parametrize("scale", ["SOA3299", "SOA99999"])  # a table, not a scale; no such number
+def test_a_scale_number_that_is_no_scale_is_refused(tmp_path, scale):
+    from veltrane.tables.xtbml import XTbMLError, read_xtbml, write_xtbml
+
+    (base,) = write_xtbml("SULT", tmp_path / "sult.xml")
+    with pytest.raises(XTbMLError, match=f"{scale}: no file of that name, and no projection scale"):
+        read_xtbml(base, "A", scale=scale, formula="compound", base_year=2012)

@@ -65,7 +65,10 @@ all {tables:,} of its tables and `veltrane tables --soa --refused` the {refused_
 **Numbers and parts.** The file `tNNNN.xml` is the table `SOANNNN`. A file of several tables that
 do not make one select-and-ultimate table (the three RP-2014 tables of table 3123, the blocks of a
 claim-termination study) gives each part that maps as `SOA{{n}}_{{part}}` (from 1), and `SOA{{n}}`
-is its first part. {mapped_files:,} of the {files:,} files give at least one table.
+is its first part. {mapped_files:,} of the {files:,} files give at least one table. The
+{scales} projection scales are no tables by themselves, but each is the scale of a base table by
+number: `read_xtbml(base, name, scale="SOA2583", formula="compound")`, `veltrane import BASE.xml
+--scale SOA2583 ...` (a file of that name comes first).
 
 **Table classes.** The file's content type chooses the class: voluntary termination and premium
 persistency are exit tables (`ExitTable`), claim incidence disability tables (`DisabilityTable`),
@@ -125,6 +128,7 @@ def docs_section(path: Path = STORE_PATH) -> str:
         refused_files=sum(r["part"] is None for r in refused),
         refused_parts=sum(r["part"] is not None for r in refused),
         mapped_files=len({r["number"] for r in tables}),
+        scales=len(index["scales"]),
         content_rows=content_rows,
         refused_rows=refused_rows,
         size=path.stat().st_size / 1e6,

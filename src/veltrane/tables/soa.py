@@ -33,8 +33,20 @@ import polars as pl
 
 if TYPE_CHECKING:
     from veltrane.tables.source import TableSource
+    from veltrane.tables.xtbml.mapping import Mapped
+    from veltrane.tables.xtbml.reader import Document
 
-__all__ = ["STORE_PATH", "Store", "build_store", "is_soa_name", "load", "pack", "store", "unpack"]
+__all__ = [
+    "STORE_PATH",
+    "Store",
+    "build_store",
+    "is_soa_name",
+    "load",
+    "load_scale",
+    "pack",
+    "store",
+    "unpack",
+]
 
 #: The bundled store.
 STORE_PATH: Final = Path(__file__).parent / "data" / "soa-tables.bin"
@@ -74,6 +86,7 @@ def record_text(name: str, metadata: dict[str, Any], columns: dict[str, np.ndarr
     lines = [f"@{name}", json.dumps(metadata, sort_keys=True, ensure_ascii=False, separators=(",", ":"))]
     for column, values in columns.items():
         if column != "age":
+            column = column or "-"  # a scale's one column has no suffix
             numbers = np.asarray(values, dtype=np.float64).tolist()
             lines.append(" ".join([column, *map(_number_text, numbers)]))
     return "\n".join(lines) + "\n"
@@ -85,12 +98,30 @@ def build_store(folder: Path) -> tuple[dict[str, Any], list[str]]:
     Every table is built as a source once, so a table that the importer maps but the table
     format refuses is listed as refused, never stored.
     """
-    from veltrane.tables.xtbml.service import Mapped, Refused, read_service
+    from veltrane.tables.xtbml.service import Mapped, Refused, Scale, read_service
 
     tables: list[dict[str, Any]] = []
     refused: list[dict[str, Any]] = []
+    scales: list[dict[str, Any]] = []
     texts: dict[int, list[str]] = {}  # file number -> records
     for item in read_service(folder):
+        if isinstance(item, Scale):
+            doc, mapped = item.doc, item.mapped
+            about = {
+                "kind": mapped.kind,
+                "first": mapped.first,
+                "last": mapped.last,
+                "grid_years": mapped.grid_years,
+                "name": doc.name,
+                "identity": doc.identity,
+                "provider": doc.provider,
+                "reference": doc.reference,
+                "content_type": doc.content_type,
+                "description": doc.description,
+            }
+            texts.setdefault(item.number, []).append(record_text(item.name, about, mapped.columns))
+            scales.append({"name": item.name, "number": item.number, "table_name": doc.name})
+            continue
         if isinstance(item, Refused):
             refused.append(
                 _refused_row(
@@ -130,9 +161,10 @@ def build_store(folder: Path) -> tuple[dict[str, Any], list[str]]:
         group = numbers[start : start + FILES_PER_CHUNK]
         chunks.append("".join(text for n in group for text in texts[n]))
         chunk_of.update(dict.fromkeys(group, len(chunks) - 1))
-    for row in tables:
+    for row in (*tables, *scales):
         row["chunk"] = chunk_of[row["number"]]
     index = {
+        "scales": scales,
         "format": 1,
         "files": len({r["number"] for r in (*tables, *refused)}),
         "tables": tables,
@@ -183,6 +215,7 @@ def pack(index: dict[str, Any], chunks: Iterable[str]) -> bytes:
     lines = [" ".join(spans), str(index["files"])]
     lines += [f"{r['name']} {r['number']} {r['chunk']} {r.get('record', r['name'])}" for r in index["tables"]]
     lines += [f"{r['name']} {r['number']} -" for r in index["refused"]]
+    lines += [f"{r['name']} {r['number']} {r['chunk']} {r['name']} scale" for r in index["scales"]]
     lookup = zlib.compress("\n".join(lines).encode(), 9)
     catalogue = lzma.compress(json.dumps(index, ensure_ascii=False).encode(), preset=9)
     sizes = struct.pack("<QQ", len(lookup), len(catalogue))
@@ -225,6 +258,7 @@ class Store:
 
     tables: dict[str, tuple[int, str]]  # name -> (chunk, record name)
     refused: frozenset[str]
+    scales: dict[str, int]  # name -> chunk
     numbers: dict[int, list[str]]  # number -> names of its tables and refused parts
     files: int
     chunks: tuple[tuple[int, int], ...]
@@ -241,17 +275,21 @@ class Store:
             files = int(lines[1])
             tables: dict[str, tuple[int, str]] = {}
             refused = set()
+            scales: dict[str, int] = {}
             numbers: dict[int, list[str]] = {}
             for line in lines[2:]:
                 name, number, *where_ = line.split(" ")
-                numbers.setdefault(int(number), []).append(name)
                 if where_ == ["-"]:
                     refused.add(name)
+                elif where_[2:] == ["scale"]:
+                    scales[name] = int(where_[0])
+                    continue
                 else:
                     tables[name] = (int(where_[0]), where_[1])
+                numbers.setdefault(int(number), []).append(name)
         except (zlib.error, ValueError, IndexError) as exc:
             raise ValueError(f"{where}: the store is damaged ({exc})") from None
-        return cls(tables, frozenset(refused), numbers, files, chunks, catalogue_blob, body, where)
+        return cls(tables, frozenset(refused), scales, numbers, files, chunks, catalogue_blob, body, where)
 
     def catalogue(self) -> dict[str, Any]:
         """The index: rows of the tables and of the refused files and parts."""
@@ -312,12 +350,12 @@ def load(name: str) -> TableSource:
             from veltrane.tables.xtbml.reader import XTbMLUnsupportedError
 
             reason = next(r["reason"] for r in found.catalogue()["refused"] if r["name"] == name)
+            if name in found.scales:
+                reason += f' (by number: scale="{name}")'
             raise XTbMLUnsupportedError(f"table {name!r} of the SOA table service is refused: {reason}")
         raise FileNotFoundError(_missing(found, name, int(match.group(1))))
     chunk, record_name = place
-    record = found.chunk(chunk)[record_name]
-    meta_line, _, body = record.partition("\n")
-    metadata = json.loads(meta_line)
+    metadata, body = _record(found, chunk, record_name)
     # Python floats, not arrays: a first frame built from arrays costs polars an import that
     # would double the time of a first load.
     columns: dict[str, pl.Series] = {}
@@ -327,6 +365,45 @@ def load(name: str) -> TableSource:
     length = len(next(iter(columns.values())))
     frame = pl.DataFrame([pl.Series("age", range(length), dtype=pl.Int64), *columns.values()])
     return TableSource.from_frame(name, metadata, frame)
+
+
+def _record(found: Store, chunk: int, name: str) -> tuple[dict[str, Any], str]:
+    meta_line, _, body = found.chunk(chunk)[name].partition("\n")
+    return json.loads(meta_line), body
+
+
+def load_scale(name: str) -> tuple[Document, Mapped]:
+    """The projection scale ``name`` of the service (``SOA2583``) as the importer reads a scale file.
+
+    Raises
+    ------
+    XTbMLError
+        The service has no projection scale of that number.
+    """
+    from veltrane.tables.xtbml.mapping import Mapped
+    from veltrane.tables.xtbml.reader import Document, XTbMLError
+
+    found = store()
+    chunk = found.scales.get(name)
+    if chunk is None:
+        raise XTbMLError(f"{name}: no file of that name, and no projection scale of the SOA table service")
+    about, body = _record(found, chunk, name)
+    columns = {}
+    for line in body.splitlines():
+        column, *values = line.split(" ")
+        columns["" if column == "-" else column] = np.array([float(v) for v in values])
+    doc = Document(
+        path=Path(name),
+        identity=about["identity"],
+        name=about["name"],
+        provider=about["provider"],
+        reference=about["reference"],
+        content_type=about["content_type"],
+        description=about["description"],
+        blocks=(),
+    )
+    mapped = Mapped(about["kind"], about["first"], about["last"], columns, grid_years=about["grid_years"])
+    return doc, mapped
 
 
 def _missing(found: Store, name: str, number: int) -> str:

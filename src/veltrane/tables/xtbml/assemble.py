@@ -78,7 +78,8 @@ def read_xtbml(
     name : str
         Name of the resulting table.
     scale : path or sequence of paths, optional
-        Projection scales (one, or one per sex) that make the table generational.
+        Projection scales (one, or one per sex) that make the table generational; a scale of
+        the SOA table service may be given by number ("SOA2583") when no file has that name.
     formula : str, optional
         With a scale by age: "compound", "exponential" or "exponential_damped". A scale by age
         and calendar year is applied year by year ("projected_improvement").
@@ -152,8 +153,8 @@ def read_xtbml(
             "grid_years": sorted({int(y) for m in mapped for y in m.mi}),
         }
     elif scales:
-        scale_docs = [read_document(p) for p in scales]
-        pairs = [(d, map_document(d)) for d in scale_docs]
+        pairs = [_scale(p) for p in scales]
+        scale_docs = [d for d, _ in pairs]
         mi, generational = improvement_columns(pairs, sexes, first.last, formula, notes)
         generational["base_year"] = base_year_of(docs, base_year, notes)
         columns.update(mi)
@@ -164,6 +165,16 @@ def read_xtbml(
         raise XTbMLError("formula= and base_year= apply only with a scale (scale=, --scale)")
     metadata["source"] = _source(docs, notes)
     return ImportedTable(name, metadata, columns)
+
+
+def _scale(path: Path) -> tuple[Document, Mapped]:
+    """A scale file, or a projection scale of the SOA table service by number (``SOA2583``)."""
+    from veltrane.tables import soa
+
+    if not os.path.lexists(path) and soa.is_soa_name(str(path)):
+        return soa.load_scale(str(path))
+    doc = read_document(path)
+    return doc, map_document(doc)
 
 
 def _label(doc: Document, part: int | None) -> str:

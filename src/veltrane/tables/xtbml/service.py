@@ -13,10 +13,11 @@ from collections.abc import Iterator
 from dataclasses import dataclass
 from pathlib import Path
 
+from veltrane.tables.xtbml import mapping
 from veltrane.tables.xtbml.assemble import ImportedTable, read_xtbml
 from veltrane.tables.xtbml.reader import Document, XTbMLError, read_document
 
-__all__ = ["Mapped", "Refused", "read_service", "service_files"]
+__all__ = ["Mapped", "Refused", "Scale", "read_service", "service_files"]
 
 _FILE = re.compile(r"t([0-9]+)\.xml")
 
@@ -47,6 +48,16 @@ class Refused:
     reason: str
 
 
+@dataclass(frozen=True, slots=True)
+class Scale:
+    """A projection scale of the service: no table by itself, but the scale of a base table by number."""
+
+    name: str
+    number: int
+    doc: Document
+    mapped: mapping.Mapped
+
+
 def service_files(folder: Path) -> list[tuple[int, Path]]:
     """(number, path) of every ``tNNNN.xml`` in ``folder``, by number."""
     found = []
@@ -62,13 +73,13 @@ def _reason(exc: XTbMLError, path: Path) -> str:
     return " ".join(str(exc).replace(str(path), path.name).split())
 
 
-def read_service(folder: Path) -> Iterator[Mapped | Refused]:
+def read_service(folder: Path) -> Iterator[Mapped | Refused | Scale]:
     """Every table and refusal of the folder, by number and then part."""
     for number, path in service_files(folder):
         yield from _read_file(number, path)
 
 
-def _read_file(number: int, path: Path) -> Iterator[Mapped | Refused]:
+def _read_file(number: int, path: Path) -> Iterator[Mapped | Refused | Scale]:
     name = f"SOA{number}"
     try:
         doc = read_document(path)
@@ -82,6 +93,13 @@ def _read_file(number: int, path: Path) -> Iterator[Mapped | Refused]:
         whole = exc
     if len(doc.blocks) == 1:
         yield Refused(name, number, None, doc.name, doc.content_type, _reason(whole, path))
+        if mapping.is_scale(doc):
+            try:
+                scale = mapping.map_document(doc)
+            except XTbMLError:
+                return
+            if scale.kind != "rates":
+                yield Scale(name, number, doc, scale)
         return
     results: list[Mapped | Refused] = []
     for part, block in enumerate(doc.blocks, start=1):
