@@ -23,7 +23,7 @@ from veltrane.tables.xtbml.reader import Document, XTbMLError, XTbMLUnsupportedE
 if TYPE_CHECKING:
     from veltrane.tables.source import TableSource
 
-__all__ = ["ImportedTable", "read_xtbml"]
+__all__ = ["ImportedTable", "from_documents", "read_xtbml"]
 
 _PREFIX = {"life": "qx", "disability": "ix", "exit": "ox"}
 PathLike = str | os.PathLike[str]
@@ -112,6 +112,31 @@ def read_xtbml(
     if part is not None and (isinstance(part, bool) or not isinstance(part, int)):
         raise XTbMLError(f"part must be a whole number (from 1), got {part!r}")
     docs = [read_document(p) for p in paths]
+    return from_documents(
+        docs,
+        name,
+        scale=scale,
+        formula=formula,
+        base_year=base_year,
+        sex=sex,
+        table_type=table_type,
+        part=part,
+    )
+
+
+def from_documents(
+    docs: Sequence[Document],
+    name: str,
+    *,
+    scale: PathLike | Sequence[PathLike] = (),
+    formula: str | None = None,
+    base_year: int | None = None,
+    sex: str | None = None,
+    table_type: str | None = None,
+    part: int | None = None,
+) -> ImportedTable:
+    """``read_xtbml`` of files already parsed (the options checked by it): a file is parsed once
+    however many of its parts are read."""
     mapped = [map_document(doc, part=part) for doc in docs]
     for doc, m in zip(docs, mapped, strict=True):
         if m.kind != "rates":

@@ -14,7 +14,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 from veltrane.tables.xtbml import mapping
-from veltrane.tables.xtbml.assemble import ImportedTable, read_xtbml
+from veltrane.tables.xtbml.assemble import ImportedTable, from_documents
 from veltrane.tables.xtbml.reader import Document, XTbMLError, read_document
 
 __all__ = ["Mapped", "Refused", "Scale", "read_service", "service_files"]
@@ -87,7 +87,7 @@ def _read_file(number: int, path: Path) -> Iterator[Mapped | Refused | Scale]:
         yield Refused(name, number, None, "", "", _reason(exc, path))
         return
     try:
-        yield _mapped(doc, read_xtbml(path, name), number, None)
+        yield _mapped(doc, from_documents([doc], name), number, None)
         return
     except XTbMLError as exc:
         whole = exc
@@ -104,7 +104,7 @@ def _read_file(number: int, path: Path) -> Iterator[Mapped | Refused | Scale]:
     results: list[Mapped | Refused] = []
     for part, block in enumerate(doc.blocks, start=1):
         try:
-            results.append(_mapped(doc, read_xtbml(path, f"{name}_{part}", part=part), number, part))
+            results.append(_mapped(doc, from_documents([doc], f"{name}_{part}", part=part), number, part))
         except XTbMLError as exc:
             label = block.description or doc.name
             results.append(
