@@ -270,3 +270,8 @@ def test_a_scale_number_that_is_no_scale_is_refused(tmp_path, scale):
     (base,) = write_xtbml("SULT", tmp_path / "sult.xml")
     with pytest.raises(XTbMLError, match=f"{scale}: no file of that name, and no projection scale"):
         read_xtbml(base, "A", scale=scale, formula="compound", base_year=2012)
+
+
+def test_a_number_in_lower_case_is_answered_with_its_name(capsys):
+    code, _, err = run(capsys, "show", "soa3299")
+    assert code == 2 and "SOA3299" in err

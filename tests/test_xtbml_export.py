@@ -146,3 +146,11 @@ def test_write_xtbml_refuses_what_is_not_a_table():
         write_xtbml(3299, "x.xml")  # type: ignore[arg-type]
     with pytest.raises(XTbMLError, match="cohort must be a year of birth"):
         write_xtbml("IAM2012", "x.xml", sex="m", cohort="1960")  # type: ignore[arg-type]
+
+
+@pytest.mark.parametrize(
+    ("name", "sex"), [("CSO2017", "m"), ("CSO2017", "f"), ("SULT", "u"), ("SOA3299", "m")]
+)
+def test_the_file_states_the_sex_it_holds(tmp_path, name, sex):
+    (path,) = write_xtbml(name, tmp_path / "out.xml", sex=sex)
+    assert read_xtbml(path, "BACK").metadata["sexes"] == [sex]  # no sex= needed to read it back

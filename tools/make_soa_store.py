@@ -89,7 +89,10 @@ Two-dimensional blocks other than issue age by duration (claim termination by mo
 since disablement and age at disablement, population tables by age and calendar year, select
 blocks whose issue ages come in bands) have no decrement-table form; projection scales are
 improvement rates, not a table by themselves (import them as the scale of a base table); rates
-above 1 are not probabilities of one year; years outside 1000..3000 are not calendar years.
+above 1 are not probabilities of one year (no such file's description says its rates are capped at
+1, so none is clipped); years outside 1000..3000 are not calendar years. Ages in bands (abridged
+population tables of five-year probabilities, incidence by five-year age group) are refused rather
+than expanded: the files follow different conventions for what a band's value means.
 
 **The store.** The tables come from `src/veltrane/tables/data/soa-tables.bin` ({size:.1f} MB),
 which `tools/make_soa_store.py` generates from the published files through the XTbML importer

@@ -88,6 +88,11 @@ def did_you_mean(name: str) -> list[str]:
     same = [known for known in names if known.casefold() == name.casefold() and known != name]
     folded = {known.casefold(): known for known in names}
     close = difflib.get_close_matches(name.casefold(), list(folded), n=3, cutoff=0.6)
+    from veltrane.tables.soa import is_soa_name, store
+
+    numbered = name.upper()  # "soa3299": the service's names are upper case
+    if numbered != name and is_soa_name(numbered) and numbered in store().tables:
+        same.insert(0, numbered)
     return [known for known in dict.fromkeys([*same, *(folded[c] for c in close)]) if known != name]
 
 

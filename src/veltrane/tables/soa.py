@@ -22,6 +22,7 @@ import json
 import lzma
 import re
 import struct
+import threading
 import zlib
 from collections.abc import Iterable
 from dataclasses import dataclass
@@ -300,24 +301,26 @@ class Store:
 
     def chunk(self, number: int) -> dict[str, str]:
         """Records of one chunk by table name; the last few chunks read stay decompressed."""
-        cached = _chunks.get(number)
-        if cached is None:
-            at, size = self.chunks[number]
-            text = lzma.decompress(self.body[at : at + size]).decode()
-            cached = {}
-            for record in text.split("\n@"):
-                name, _, rest = record.lstrip("@").partition("\n")
-                cached[name] = rest
-            if len(_chunks) >= _CHUNKS_KEPT:
-                del _chunks[next(iter(_chunks))]
-            _chunks[number] = cached
-        return cached
+        with _lock:
+            cached = _chunks.get(number)
+            if cached is None:
+                at, size = self.chunks[number]
+                text = lzma.decompress(self.body[at : at + size]).decode()
+                cached = {}
+                for record in text.split("\n@"):
+                    name, _, rest = record.lstrip("@").partition("\n")
+                    cached[name] = rest
+                if len(_chunks) >= _CHUNKS_KEPT:
+                    del _chunks[next(iter(_chunks))]
+                _chunks[number] = cached
+            return cached
 
 
 _store: Store | None = None
 _index: dict[str, Any] | None = None
 _chunks: dict[int, dict[str, str]] = {}
 _CHUNKS_KEPT: Final = 4
+_lock = threading.Lock()  # threads loading tables share the chunk cache
 
 
 def store() -> Store:

@@ -118,7 +118,12 @@ def _info(source: TableSource, sex: str, content_type: str | None = None) -> dic
     cited = source.metadata.get("source", {})
     name = str(cited.get("name") or source.description or source.table_name)
     if sex_of(name) != sex:
-        name = f"{name} - {_SEX_WORD[sex]}"
+        # The name must state the sex written, so that the file reads back as that sex: the
+        # sex's own part of a name joined from several files, else the name with the sex added.
+        own = [part for part in name.split("; ") if sex_of(part) == sex]
+        name = own[0] if len(own) == 1 else f"{name} - {_SEX_WORD[sex]}"
+        if sex_of(name) != sex:
+            name = f"{source.table_name} - {_SEX_WORD[sex]}"
     # A generational table's content type names its scale too ("...; Projection Scale"): the
     # rates file keeps the rest, or the importer would read it as a scale.
     kind = content_type or "; ".join(
