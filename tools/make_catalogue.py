@@ -454,7 +454,11 @@ def _service_section() -> str:
     )
     assert spec is not None and spec.loader is not None
     module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
+    saved = list(sys.path)  # the script puts the checkout's sources first; worker processes must not see them
+    try:
+        spec.loader.exec_module(module)
+    finally:
+        sys.path[:] = saved
     return module.docs_section()
 
 
