@@ -65,10 +65,14 @@ all {tables:,} of its tables and `veltrane tables --soa --refused` the {refused_
 **Numbers and parts.** The file `tNNNN.xml` is the table `SOANNNN`. A file of several tables that
 do not make one select-and-ultimate table (the three RP-2014 tables of table 3123, the blocks of a
 claim-termination study) gives each part that maps as `SOA{{n}}_{{part}}` (from 1), and `SOA{{n}}`
-is its first part. {mapped_files:,} of the {files:,} files give at least one table. The
-{scales} projection scales are no tables by themselves, but each is the scale of a base table by
-number: `read_xtbml(base, name, scale="SOA2583", formula="compound")`, `veltrane import BASE.xml
---scale SOA2583 ...` (a file of that name comes first).
+is its first part. A table of rates by age and calendar year (population tables, the SSA rates of
+table 1501: the name says "period" or "life tables", or the content type is not generational) gives
+the period table of each year as `SOA{{n}}_{{year}}` (`SOA1501_1950`); a table by age and year of
+birth (a name stating a generation, cohort or birth) stays one generational table.
+{mapped_files:,} of the {files:,} files give at least one table. The {scales} projection scales
+are no tables by themselves, but each is the scale of a base table by number:
+`read_xtbml(base, name, scale="SOA2583", formula="compound")`, `veltrane import BASE.xml --scale
+SOA2583 ...` (a file of that name comes first).
 
 **Table classes.** The file's content type chooses the class: voluntary termination and premium
 persistency are exit tables (`ExitTable`), claim incidence disability tables (`DisabilityTable`),

@@ -54,7 +54,7 @@ STORE_PATH: Final = Path(__file__).parent / "data" / "soa-tables.bin"
 _HEADER: Final = b"veltrane SOA table store 1\n"
 #: Files per chunk: a first load decompresses one chunk, so chunks stay small.
 FILES_PER_CHUNK: Final = 16
-_NAME = re.compile(r"SOA([0-9]{1,6})(?:_([0-9]{1,3}))?")
+_NAME = re.compile(r"SOA([0-9]{1,6})(?:_([0-9]{1,4}))?")  # a part, or a calendar year
 _INDEX_FIELDS = (
     "name",
     "number",
@@ -72,7 +72,8 @@ _INDEX_FIELDS = (
 
 
 def is_soa_name(name: str) -> bool:
-    """Whether ``name`` has the form of a table of the service (``SOA3299``, ``SOA3123_2``)."""
+    """Whether ``name`` has the form of a table of the service (``SOA3299``, ``SOA3123_2``,
+    ``SOA1501_1950``)."""
     return _NAME.fullmatch(name) is not None
 
 
@@ -355,6 +356,9 @@ def load(name: str) -> TableSource:
             reason = next(r["reason"] for r in found.catalogue()["refused"] if r["name"] == name)
             if name in found.scales:
                 reason += f' (by number: scale="{name}")'
+            parts = [n for n in found.numbers.get(int(match.group(1)), []) if n.startswith(f"{name}_")]
+            if parts and not match.group(2):
+                reason += f"; its tables are {parts[0]}" + (f" to {parts[-1]}" if len(parts) > 1 else "")
             raise XTbMLUnsupportedError(f"table {name!r} of the SOA table service is refused: {reason}")
         raise FileNotFoundError(_missing(found, name, int(match.group(1))))
     chunk, record_name = place
@@ -413,6 +417,8 @@ def _missing(found: Store, name: str, number: int) -> str:
     names = found.numbers.get(number)
     if names is not None:
         parts = sorted((n for n in names if "_" in n), key=lambda n: int(n.rpartition("_")[2]))
+        if len(parts) > 6:
+            return f"table {name!r}: the file of SOA table {number} has the parts {parts[0]} to {parts[-1]}"
         if parts:
             return f"table {name!r}: the file of SOA table {number} has the parts {', '.join(parts)}"
         return f"table {name!r}: SOA table {number} is one table; its name is SOA{number}"

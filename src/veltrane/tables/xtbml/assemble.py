@@ -68,6 +68,7 @@ def read_xtbml(
     sex: str | None = None,
     table_type: str | None = None,
     part: int | None = None,
+    year: int | None = None,
 ) -> ImportedTable:
     """Read XTbML files (one per sex) into one table.
 
@@ -91,6 +92,8 @@ def read_xtbml(
         "life", "exit" or "disability"; by default from the content type.
     part : int, optional
         Which ``<Table>`` (from 1) of a file holding several unrelated tables.
+    year : int, optional
+        Which calendar year of a table of rates by age and calendar year (read as a period table).
 
     Raises
     ------
@@ -111,6 +114,8 @@ def read_xtbml(
         raise XTbMLError(f"table_type must be one of {', '.join(_PREFIX)}, got {table_type!r}")
     if part is not None and (isinstance(part, bool) or not isinstance(part, int)):
         raise XTbMLError(f"part must be a whole number (from 1), got {part!r}")
+    if year is not None and (isinstance(year, bool) or not isinstance(year, int)):
+        raise XTbMLError(f"year must be a calendar year (a whole number), got {year!r}")
     docs = [read_document(p) for p in paths]
     return from_documents(
         docs,
@@ -121,6 +126,7 @@ def read_xtbml(
         sex=sex,
         table_type=table_type,
         part=part,
+        year=year,
     )
 
 
@@ -134,17 +140,18 @@ def from_documents(
     sex: str | None = None,
     table_type: str | None = None,
     part: int | None = None,
+    year: int | None = None,
 ) -> ImportedTable:
     """``read_xtbml`` of files already parsed (the options checked by it): a file is parsed once
     however many of its parts are read."""
-    mapped = [map_document(doc, part=part) for doc in docs]
+    mapped = [map_document(doc, part=part, year=year) for doc in docs]
     for doc, m in zip(docs, mapped, strict=True):
         if m.kind != "rates":
             raise XTbMLUnsupportedError(
                 f"{doc.path}: cannot map {doc.shape()}: a projection scale is not a decrement table by "
                 "itself; give it as the scale of a base table (scale=, --scale)"
             )
-    labels = [_label(doc, part) for doc in docs]
+    labels = [_label(doc, part) + ("" if year is None else f", {year}") for doc in docs]
     sexes = [sex] if sex is not None else _sexes(docs, labels)
     first = _check_same_shape(docs, mapped)
     kind = table_type if table_type is not None else table_type_of(docs[0].content_type)

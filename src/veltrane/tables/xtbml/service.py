@@ -1,7 +1,8 @@
 """A whole folder of the SOA table service (``tNNNN.xml``, NNNN the table number) read by the importer.
 
 Each file becomes the table ``SOA{n}``; a file whose ``<Table>`` parts do not make one table
-gives each part that maps as ``SOA{n}_{part}``, and ``SOA{n}`` is its first part. Files and
+gives each part that maps as ``SOA{n}_{part}``, and ``SOA{n}`` is its first part. A table of
+rates by age and calendar year gives the period table of each year as ``SOA{n}_{year}``. Files and
 parts that the importer refuses are kept with the one-line reason, the folder stripped from it.
 ``tools/make_soa_store.py`` writes the result as the bundled store (``veltrane.tables.soa``).
 """
@@ -13,6 +14,7 @@ from collections.abc import Iterator
 from dataclasses import dataclass
 from pathlib import Path
 
+from veltrane.tables._table_format import YEARS
 from veltrane.tables.xtbml import mapping
 from veltrane.tables.xtbml.assemble import ImportedTable, from_documents
 from veltrane.tables.xtbml.reader import Document, XTbMLError, read_document
@@ -91,6 +93,17 @@ def _read_file(number: int, path: Path) -> Iterator[Mapped | Refused | Scale]:
         return
     except XTbMLError as exc:
         whole = exc
+    if len(doc.blocks) == 1 and _by_calendar_year(doc):
+        yield Refused(name, number, None, doc.name, doc.content_type, _reason(whole, path))
+        years = sorted(
+            {key[[a.kind for a in doc.blocks[0].axes].index("year")] for key in doc.blocks[0].cells}
+        )
+        for year in years:
+            try:
+                yield _mapped(doc, from_documents([doc], f"{name}_{year}", year=year), number, year)
+            except XTbMLError as exc:
+                yield Refused(f"{name}_{year}", number, year, doc.name, doc.content_type, _reason(exc, path))
+        return
     if len(doc.blocks) == 1:
         yield Refused(name, number, None, doc.name, doc.content_type, _reason(whole, path))
         if mapping.is_scale(doc):
@@ -116,8 +129,19 @@ def _read_file(number: int, path: Path) -> Iterator[Mapped | Refused | Scale]:
     yield from results
 
 
+def _by_calendar_year(doc: Document) -> bool:
+    axes = doc.blocks[0].axes
+    if {axis.kind for axis in axes} != {"age", "year"} or mapping.is_scale(doc):
+        return False
+    # A "Year" axis of years since an event (claim termination) holds no calendar years.
+    years = next(axis.values for axis in axes if axis.kind == "year")
+    return years[0] in YEARS and years[-1] in YEARS and mapping.by_calendar_year(doc)
+
+
 def _mapped(doc: Document, table: ImportedTable, number: int, part: int | None) -> Mapped:
-    label = doc.name if part is None else doc.blocks[part - 1].description or doc.name
+    label = (
+        doc.name if part is None or part > len(doc.blocks) else doc.blocks[part - 1].description or doc.name
+    )
     return Mapped(
         table,
         number,
