@@ -287,3 +287,17 @@ def test_a_table_by_calendar_year_gives_each_year_by_number():
     assert TableSource("SOA1501_1900").data["qx_m"][90] == 0.269703
     with pytest.raises(XTbMLUnsupportedError, match="its tables are SOA1501_1900 to SOA1501_2007"):
         TableSource("SOA1501")
+
+
+def _qx_in_a_fresh_process(table: LifeTable) -> float:
+    return table.qx(40)
+
+
+def test_a_table_by_number_reaches_a_fresh_process_by_name():
+    import multiprocessing
+    import pickle
+
+    table = LifeTable("SOA3299", "m", duration=3)
+    assert pickle.loads(pickle.dumps(table)).qx(40) == table.qx(40)
+    with multiprocessing.get_context("spawn").Pool(1) as pool:  # no state shared: the store is found again
+        assert pool.apply(_qx_in_a_fresh_process, (table,)) == table.qx(40)
