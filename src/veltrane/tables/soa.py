@@ -25,7 +25,7 @@ import struct
 import threading
 import zlib
 from collections.abc import Iterable
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 from pathlib import Path
 from typing import TYPE_CHECKING, Any, Final
 
@@ -267,6 +267,7 @@ class Store:
     catalogue_blob: bytes
     body: memoryview
     where: str
+    decoded: dict[str, Any] = field(default_factory=dict, compare=False)  # the catalogue, once read
 
     @classmethod
     def parse(cls, data: bytes, where: str) -> Store:
@@ -295,10 +296,9 @@ class Store:
 
     def catalogue(self) -> dict[str, Any]:
         """The index: rows of the tables and of the refused files and parts."""
-        global _index
-        if _index is None:
-            _index = _catalogue(self.catalogue_blob, self.where)
-        return _index
+        if not self.decoded:
+            self.decoded.update(_catalogue(self.catalogue_blob, self.where))
+        return self.decoded
 
     def chunk(self, number: int) -> dict[str, str]:
         """Records of one chunk by table name; the last few chunks read stay decompressed."""
@@ -318,7 +318,6 @@ class Store:
 
 
 _store: Store | None = None
-_index: dict[str, Any] | None = None
 _chunks: dict[int, dict[str, str]] = {}
 _CHUNKS_KEPT: Final = 4
 _lock = threading.Lock()  # threads loading tables share the chunk cache
