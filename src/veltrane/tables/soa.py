@@ -25,7 +25,6 @@ import struct
 import threading
 import zlib
 from collections.abc import Iterable
-from dataclasses import dataclass, field
 from pathlib import Path
 from typing import TYPE_CHECKING, Any, Final
 
@@ -217,7 +216,8 @@ def pack(index: dict[str, Any], chunks: Iterable[str]) -> bytes:
     lines = [" ".join(spans), str(index["files"])]
     lines += [f"{r['name']} {r['number']} {r['chunk']} {r.get('record', r['name'])}" for r in index["tables"]]
     lines += [f"{r['name']} {r['number']} -" for r in index["refused"]]
-    lines += [f"{r['name']} {r['number']} {r['chunk']} {r['name']} scale" for r in index["scales"]]
+    # A scale is refused as a table, so it is listed twice: marked "~" as a scale.
+    lines += [f"~{r['name']} {r['number']} {r['chunk']} {r['name']}" for r in index["scales"]]
     lookup = zlib.compress("\n".join(lines).encode(), 9)
     catalogue = lzma.compress(json.dumps(index, ensure_ascii=False).encode(), preset=9)
     sizes = struct.pack("<QQ", len(lookup), len(catalogue))
@@ -250,49 +250,83 @@ def unpack(data: bytes) -> tuple[dict[str, Any], list[str]]:
 
 
 # -- reading ---------------------------------------------------------------------------------------
-@dataclass(frozen=True, slots=True)
 class Store:
     """A store read into memory: where each table is, and the compressed catalogue and chunks.
 
-    Only the small lookup is decoded on opening; the catalogue (names, content types, reasons
-    of refusal) when asked for, and a chunk when one of its tables is loaded.
+    Only the small lookup is decoded on opening, into a line per name; the tables, refusals and
+    numbers it lists are sorted out when first asked for, the catalogue (table names, content
+    types, reasons of refusal) likewise, and a chunk when one of its tables is loaded.
     """
 
-    tables: dict[str, tuple[int, str]]  # name -> (chunk, record name)
-    refused: frozenset[str]
-    scales: dict[str, int]  # name -> chunk
-    numbers: dict[int, list[str]]  # number -> names of its tables and refused parts
-    files: int
-    chunks: tuple[tuple[int, int], ...]
-    catalogue_blob: bytes
-    body: memoryview
-    where: str
-    decoded: dict[str, Any] = field(default_factory=dict, compare=False)  # the catalogue, once read
+    __slots__ = ("_derived", "_lookup", "body", "catalogue_blob", "chunks", "decoded", "files", "where")
+
+    def __init__(self, data: bytes, where: str) -> None:
+        lookup, self.catalogue_blob, self.body = _sections(data, where)
+        self.where = where
+        try:
+            lines = zlib.decompress(lookup).decode().split("\n")
+            self.chunks = tuple((int(a), int(b)) for a, b in (span.split(":") for span in lines[0].split()))
+            self.files = int(lines[1])
+            # name -> "number chunk record", "number -" for a refused file or part; "~name" a scale
+            self._lookup: dict[str, str] = dict(line.split(" ", 1) for line in lines[2:])
+        except (zlib.error, ValueError, IndexError) as exc:
+            raise ValueError(f"{where}: the store is damaged ({exc})") from None
+        self._derived: dict[str, Any] = {}
+        self.decoded: dict[str, Any] = {}
 
     @classmethod
     def parse(cls, data: bytes, where: str) -> Store:
-        lookup, catalogue_blob, body = _sections(data, where)
-        try:
-            lines = zlib.decompress(lookup).decode().split("\n")
-            chunks = tuple((int(a), int(b)) for a, b in (span.split(":") for span in lines[0].split()))
-            files = int(lines[1])
+        """The store of ``data``; ``where`` names it in messages."""
+        return cls(data, where)
+
+    def place(self, name: str) -> tuple[int, str] | None:
+        """(chunk, record name) of the table ``name``, or None when the store has no such table."""
+        entry = self._lookup.get(name)
+        if entry is None:
+            return None
+        fields = entry.split(" ")
+        if len(fields) != 3:  # refused
+            return None
+        return int(fields[1]), fields[2]
+
+    def _sorted(self) -> dict[str, Any]:
+        if not self._derived:
             tables: dict[str, tuple[int, str]] = {}
-            refused = set()
+            refused: set[str] = set()
             scales: dict[str, int] = {}
             numbers: dict[int, list[str]] = {}
-            for line in lines[2:]:
-                name, number, *where_ = line.split(" ")
-                if where_ == ["-"]:
-                    refused.add(name)
-                elif where_[2:] == ["scale"]:
-                    scales[name] = int(where_[0])
+            for name, entry in self._lookup.items():
+                number, *rest = entry.split(" ")
+                if name.startswith("~"):
+                    scales[name[1:]] = int(rest[0])
                     continue
+                if rest == ["-"]:
+                    refused.add(name)
                 else:
-                    tables[name] = (int(where_[0]), where_[1])
+                    tables[name] = (int(rest[0]), rest[1])
                 numbers.setdefault(int(number), []).append(name)
-        except (zlib.error, ValueError, IndexError) as exc:
-            raise ValueError(f"{where}: the store is damaged ({exc})") from None
-        return cls(tables, frozenset(refused), scales, numbers, files, chunks, catalogue_blob, body, where)
+            self._derived.update(tables=tables, refused=frozenset(refused), scales=scales, numbers=numbers)
+        return self._derived
+
+    @property
+    def tables(self) -> dict[str, tuple[int, str]]:
+        """Name -> (chunk, record name) of every table."""
+        return self._sorted()["tables"]
+
+    @property
+    def refused(self) -> frozenset[str]:
+        """Names of the refused files and parts."""
+        return self._sorted()["refused"]
+
+    @property
+    def scales(self) -> dict[str, int]:
+        """Name -> chunk of every projection scale."""
+        return self._sorted()["scales"]
+
+    @property
+    def numbers(self) -> dict[int, list[str]]:
+        """Number -> names of its tables and refused parts."""
+        return self._sorted()["numbers"]
 
     def catalogue(self) -> dict[str, Any]:
         """The index: rows of the tables and of the refused files and parts."""
@@ -347,7 +381,7 @@ def load(name: str) -> TableSource:
     if match is None:
         raise FileNotFoundError(f"table {name!r} is not a SOA table number (SOA3299, SOA3123_2)")
     found = store()
-    place = found.tables.get(name)
+    place = found.place(name)
     if place is None:
         if name in found.refused:
             from veltrane.tables.xtbml.reader import XTbMLUnsupportedError
