@@ -4,7 +4,7 @@ VENV   ?= .venv
 BIN    := $(VENV)/bin
 PIP    := $(BIN)/python -m pip
 DEPS   := numpy polars scikit-build-core cmake ninja pytest hypothesis pandas matplotlib 'dask[distributed]' tqdm ruff==0.17.6 mypy pyright
-SOURCES := pyproject.toml CMakeLists.txt $(shell find native src -type f \( -name '*.cpp' -o -name '*.hpp' -o -name '*.py' -o -name '*.pyi' -o -name 'py.typed' -o -name '*.toml' -o -name '*.csv' \) 2>/dev/null)
+SOURCES := pyproject.toml CMakeLists.txt $(shell find native src -type f \( -name '*.cpp' -o -name '*.hpp' -o -name '*.py' -o -name '*.pyi' -o -name 'py.typed' -o -name '*.toml' -o -name '*.csv' -o -name '*.bin' \) 2>/dev/null)
 
 # Warnings are errors in the project's own builds; a user's pip install of the sdist keeps them warnings.
 WERROR := -C cmake.define.VELTRANE_WERROR=ON

@@ -11,7 +11,8 @@ Run with ``make bench`` or ``python bench/run.py``. Every figure is a median ove
 - then table construction (construction.py), generational builds against NumPy
   (generational.py), the life contingencies (contingencies.py), the disability model's annuities
   (multistate.py), a portfolio projection of 1,000,000 policies over 30 years (portfolio.py),
-  portfolio valuation (valuation.py) and the import of the published XTbML files (xtbml.py).
+  portfolio valuation (valuation.py), the import of the published XTbML files (xtbml.py) and the
+  SOA table service: its import, its store, a table by number (soa_store.py).
 
 A benchmark, not a test: it reports, it never fails a build.
 """
@@ -166,6 +167,7 @@ def main() -> None:
     import generational
     import multistate
     import portfolio
+    import soa_store
     import valuation
     import xtbml
 
@@ -177,6 +179,7 @@ def main() -> None:
     portfolio.main()
     valuation.main()
     xtbml.main()
+    soa_store.main()
 
 
 if __name__ == "__main__":

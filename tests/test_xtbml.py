@@ -327,3 +327,32 @@ def test_pairings_scales_and_arguments_that_cannot_make_a_table_are_refused(tmp_
             read_xtbml(tmp_path / "missing.xml", name)
     with pytest.raises(TypeError, match="a path or a sequence of paths"):
         read_xtbml(b"b.xml", "X")
+
+
+@pytest.mark.parametrize(
+    ("name", "content"),
+    [
+        ("Population Life Tables 2000-2002 - Male", "Population Mortality"),
+        ("Mortality Rates for the period 2000-2002 - Male", "Generational Mortality"),  # rates by period
+    ],
+)
+def test_rates_by_age_and_calendar_year_are_read_one_year_at_a_time(tmp_path, name, content):
+    cells = {
+        (a, y): round(0.01 * (a + 1) - 0.001 * (y - 2000), 6) for a in range(3) for y in range(2000, 2003)
+    }
+    path = xtbml(tmp_path / "p.xml", table_2d("Age", "Year", cells), name=name, content=content)
+    with pytest.raises(XTbMLUnsupportedError, match=r"calendar year 2000-2002 .* pick one year with year=Y"):
+        read_xtbml(path, "POP")
+    table = read_xtbml(path, "POP", year=2001)
+    assert table.columns["qx_m"].tolist() == [cells[(a, 2001)] for a in range(3)]
+    assert "generational" not in table.metadata and table.metadata["description"].endswith(", 2001")
+    with pytest.raises(XTbMLError, match="has no calendar year 1999"):
+        read_xtbml(path, "POP", year=1999)
+
+
+def test_year_applies_only_to_rates_by_age_and_calendar_year(tmp_path):
+    path = xtbml(tmp_path / "a.xml", table_1d("Age", {0: 0.1, 1: 1.0}))
+    with pytest.raises(XTbMLError, match="year= applies to a table of rates by age and calendar year"):
+        read_xtbml(path, "A", year=2000)
+    with pytest.raises(XTbMLError, match="year must be a calendar year"):
+        read_xtbml(path, "A", year="2000")

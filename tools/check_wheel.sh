@@ -11,6 +11,7 @@ trap 'rm -rf "$work"' EXIT
 mkdir "$work/bin"
 cd "$work"
 env -i HOME="$work" PATH="$work/bin" "$work/venv/bin/veltrane" show SULT --sex u --rows 3
+env -i HOME="$work" PATH="$work/bin" "$work/venv/bin/veltrane" show SOA3299 --duration 1 --rows 3
 env -i HOME="$work" PATH="$work/bin" "$work/venv/bin/python" - "$work/venv" <<'PY'
 import shutil
 import sys

@@ -15,6 +15,7 @@ from __future__ import annotations
 import argparse
 import csv
 import filecmp
+import importlib.util
 import sys
 import tempfile
 import tomllib
@@ -522,7 +523,22 @@ def render_docs(directory: Path = BUNDLED_TABLES_DIR) -> str:
             origin,
         ]
         rows.append("| " + " | ".join(cell.replace("|", "/") for cell in cells) + " |\n")
-    return _DOCS_HEAD + "".join(rows)
+    return _DOCS_HEAD + "".join(rows) + _service_section()
+
+
+def _service_section() -> str:
+    """The page's section on the SOA table service, which ``make_soa_store.py`` renders from its store."""
+    spec = importlib.util.spec_from_file_location(
+        "make_soa_store", Path(__file__).with_name("make_soa_store.py")
+    )
+    assert spec is not None and spec.loader is not None
+    module = importlib.util.module_from_spec(spec)
+    saved = list(sys.path)  # the script puts the checkout's sources first; worker processes must not see them
+    try:
+        spec.loader.exec_module(module)
+    finally:
+        sys.path[:] = saved
+    return module.docs_section()
 
 
 def _metadata(toml: Path) -> dict[str, Any]:

@@ -50,6 +50,9 @@ def add_import_command(commands: Any) -> None:
     )
     sub.add_argument("--type", dest="table_type", choices=("life", "exit", "disability"), help="table type")
     sub.add_argument("--part", type=int, help="which <Table> of a file holding several unrelated tables")
+    sub.add_argument(
+        "--year", type=int, help="which calendar year of a table of rates by age and calendar year"
+    )
 
 
 def run_import(args: argparse.Namespace, refused: type[Exception]) -> int:
@@ -68,6 +71,7 @@ def run_import(args: argparse.Namespace, refused: type[Exception]) -> int:
             sex=args.sex,
             table_type=args.table_type,
             part=args.part,
+            year=args.year,
         )
     except (OSError, ValueError, TypeError) as exc:
         raise refused(str(exc).replace("\n", " ")) from exc

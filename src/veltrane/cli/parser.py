@@ -7,7 +7,7 @@ import re
 from collections.abc import Sequence
 
 from veltrane import __version__
-from veltrane.cli import contingencies, disability, plot, tables, value
+from veltrane.cli import contingencies, disability, export, plot, tables, value
 from veltrane.cli.common import Parser, RefusedError, tables_path_argument
 from veltrane.cli_import import add_import_command, run_import
 
@@ -25,6 +25,7 @@ def build_parser() -> Parser:
     commands.choices["import"].set_defaults(run=lambda args: run_import(args, RefusedError))
     contingencies.add_commands(commands)
     disability.add_commands(commands)
+    export.add_commands(commands)
     plot.add_commands(commands)
     value.add_commands(commands)
     return parser

@@ -17,7 +17,7 @@ from veltrane.cli.common import (
     table_arguments,
     tables_path_argument,
 )
-from veltrane.tables.listing import catalogue
+from veltrane.tables.listing import SOA_LOCATION, catalogue, soa_refused
 
 FUNCTIONS = ("lx", "px", "qx", "tpx", "tqx", "dx", "ex")
 #: The width the listing fits unless --wide is given.
@@ -36,7 +36,17 @@ def add_commands(commands: Any) -> None:
         "--search",
         metavar="WORD",
         nargs="+",
-        help="only tables whose name, type, structure, description or source has every word",
+        help="only tables whose name, number, table name, content type, nation, provider, type, structure, "
+        "description or source has every word (the SOA table service's tables are searched too, "
+        "and listed after the others)",
+    )
+    listing.add_argument(
+        "--soa", action="store_true", help="list the tables of the SOA table service by number as well"
+    )
+    listing.add_argument(
+        "--refused",
+        action="store_true",
+        help="with --soa: list the service's files and parts that have no table form, with the reason",
     )
     listing.add_argument("--wide", action="store_true", help="do not shorten lines to fit")
     listing.set_defaults(run=list_tables)
@@ -69,28 +79,66 @@ def _shorten(text: str, width: int, *, keep_end: bool = False) -> str:
 
 
 def list_tables(args: argparse.Namespace) -> int:
+    if args.refused:
+        if not args.soa:
+            raise RefusedError("--refused lists the SOA table service's refused files; give it with --soa")
+        return _list_refused(args)
+    found = catalogue(args.search, soa=bool(args.search) or args.soa)
     rows = [
         [r["name"], r["type"], ",".join(r["sexes"] or ()), r["structure"], r["location"]]
-        for r in catalogue(args.search).iter_rows(named=True)
+        for r in found.filter(pl.col("location") != SOA_LOCATION).iter_rows(named=True)
     ]
-    if not rows:
+    service = [
+        [r["name"], r["type"], ",".join(r["sexes"] or ()), r["structure"], r["table_name"]]
+        for r in found.filter(pl.col("location") == SOA_LOCATION).iter_rows(named=True)
+    ]
+    if not rows and not service:
         print("No tables match." if args.search else "No tables found.")
         return 0
-    header = ["NAME", "TYPE", "SEXES", "STRUCTURE", "WHERE"]
-    if not args.wide:
+    if rows:
+        _print_rows(["NAME", "TYPE", "SEXES", "STRUCTURE", "WHERE"], rows, args.wide)
+    if service:
+        if rows:
+            print()
+        print(f"SOA table service ({len(service)} tables):")
+        _print_rows(["NAME", "TYPE", "SEXES", "STRUCTURE", "TABLE NAME"], service, args.wide, keep_end=False)
+    return 0
+
+
+def _list_refused(args: argparse.Namespace) -> int:
+    refused = soa_refused()
+    words = [word.casefold() for text in args.search or () for word in text.split()]
+    rows = [
+        [r["name"], r["reason"]]
+        for r in refused.iter_rows(named=True)
+        if all(
+            w in f"{r['name']} {r['table_name']} {r['content_type']} {r['reason']}".casefold() for w in words
+        )
+    ]
+    if not rows:
+        print("No refused files match.")
+        return 0
+    width = max(len(row[0]) for row in rows)
+    for name, reason in rows:
+        line = f"{name.ljust(width)}  {reason}"
+        print(line if args.wide else _shorten(line, LISTING_WIDTH * 2))
+    return 0
+
+
+def _print_rows(header: list[str], rows: list[list[str]], wide: bool, *, keep_end: bool = True) -> None:
+    if not wide:
         # Directories are shortened from the left (their last folders tell them apart), the
         # structure from the right; each keeps a readable minimum.
         fixed = sum(max(len(row[i]) for row in (header, *rows)) + 2 for i in range(3))
-        where = min(max(len(row[4]) for row in (header, *rows)), 30)
+        where = min(max(len(row[4]) for row in (header, *rows)), 30 if keep_end else 40)
         structure = max(LISTING_WIDTH - fixed - where - 2, 20)
         for row in rows:
             row[3] = _shorten(row[3], structure)
-            row[4] = _shorten(row[4], where, keep_end=True)
+            row[4] = _shorten(row[4], where, keep_end=keep_end)
     widths = [max(len(row[i]) for row in (header, *rows)) for i in range(len(header) - 1)]
     for row in (header, *rows):
         cells = [cell.ljust(width) for cell, width in zip(row, widths, strict=False)]
         print("  ".join([*cells, row[-1]]).rstrip())
-    return 0
 
 
 def show_table(args: argparse.Namespace) -> int:

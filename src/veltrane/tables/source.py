@@ -39,6 +39,7 @@ from veltrane import config as _config
 from veltrane._frames import from_pandas, is_pandas_frame
 from veltrane.tables import _memory
 from veltrane.tables import _table_format as fmt
+from veltrane.tables import soa as _soa
 
 __all__ = ["BUNDLED_TABLES_DIR", "TableSource", "register_table", "write_table"]
 
@@ -731,6 +732,8 @@ def _load(name: str, tables_path: tuple[Path, ...]) -> TableSource:
         if has_toml or has_csv:
             missing, found = (csv_path, toml_path) if has_toml else (toml_path, csv_path)
             raise FileNotFoundError(f"table {name!r}: {missing} is missing (found {found.name} beside it)")
+    if _soa.is_soa_name(name):  # after the directories: a file of that name comes first
+        return _soa.load(name)
     hint = " (give the bare name, without extension)" if name.endswith((".toml", ".csv")) else ""
     dirs = ", ".join(str(d) for d in searched)
     raise FileNotFoundError(

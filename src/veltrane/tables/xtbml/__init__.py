@@ -1,7 +1,8 @@
 """Published tables in the XTbML interchange format, read into this package's table files.
 
 ``read_xtbml`` reads one file (or one per sex, with optional projection scales) into an
-``ImportedTable``; ``import_xtbml`` writes it as ``NAME.toml`` + ``NAME.csv``. ``docs/xtbml.md``
+``ImportedTable``; ``import_xtbml`` writes it as ``NAME.toml`` + ``NAME.csv``; ``write_xtbml``
+writes any table back as XTbML. ``docs/xtbml.md``
 says what maps to what and which structures are refused.
 
 Examples
@@ -20,8 +21,17 @@ from typing import Any
 from veltrane.tables.xtbml.assemble import ImportedTable, PathLike, read_xtbml
 from veltrane.tables.xtbml.pairing import FORMULAS
 from veltrane.tables.xtbml.reader import XTbMLError, XTbMLUnsupportedError
+from veltrane.tables.xtbml.writer import write_xtbml
 
-__all__ = ["FORMULAS", "ImportedTable", "XTbMLError", "XTbMLUnsupportedError", "import_xtbml", "read_xtbml"]
+__all__ = [
+    "FORMULAS",
+    "ImportedTable",
+    "XTbMLError",
+    "XTbMLUnsupportedError",
+    "import_xtbml",
+    "read_xtbml",
+    "write_xtbml",
+]
 
 
 def import_xtbml(

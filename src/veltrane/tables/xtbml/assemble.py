@@ -23,7 +23,7 @@ from veltrane.tables.xtbml.reader import Document, XTbMLError, XTbMLUnsupportedE
 if TYPE_CHECKING:
     from veltrane.tables.source import TableSource
 
-__all__ = ["ImportedTable", "read_xtbml"]
+__all__ = ["ImportedTable", "from_documents", "read_xtbml"]
 
 _PREFIX = {"life": "qx", "disability": "ix", "exit": "ox"}
 PathLike = str | os.PathLike[str]
@@ -68,6 +68,7 @@ def read_xtbml(
     sex: str | None = None,
     table_type: str | None = None,
     part: int | None = None,
+    year: int | None = None,
 ) -> ImportedTable:
     """Read XTbML files (one per sex) into one table.
 
@@ -78,7 +79,8 @@ def read_xtbml(
     name : str
         Name of the resulting table.
     scale : path or sequence of paths, optional
-        Projection scales (one, or one per sex) that make the table generational.
+        Projection scales (one, or one per sex) that make the table generational; a scale of
+        the SOA table service may be given by number ("SOA2583") when no file has that name.
     formula : str, optional
         With a scale by age: "compound", "exponential" or "exponential_damped". A scale by age
         and calendar year is applied year by year ("projected_improvement").
@@ -90,6 +92,8 @@ def read_xtbml(
         "life", "exit" or "disability"; by default from the content type.
     part : int, optional
         Which ``<Table>`` (from 1) of a file holding several unrelated tables.
+    year : int, optional
+        Which calendar year of a table of rates by age and calendar year (read as a period table).
 
     Raises
     ------
@@ -110,15 +114,44 @@ def read_xtbml(
         raise XTbMLError(f"table_type must be one of {', '.join(_PREFIX)}, got {table_type!r}")
     if part is not None and (isinstance(part, bool) or not isinstance(part, int)):
         raise XTbMLError(f"part must be a whole number (from 1), got {part!r}")
+    if year is not None and (isinstance(year, bool) or not isinstance(year, int)):
+        raise XTbMLError(f"year must be a calendar year (a whole number), got {year!r}")
     docs = [read_document(p) for p in paths]
-    mapped = [map_document(doc, part=part) for doc in docs]
+    return from_documents(
+        docs,
+        name,
+        scale=scale,
+        formula=formula,
+        base_year=base_year,
+        sex=sex,
+        table_type=table_type,
+        part=part,
+        year=year,
+    )
+
+
+def from_documents(
+    docs: Sequence[Document],
+    name: str,
+    *,
+    scale: PathLike | Sequence[PathLike] = (),
+    formula: str | None = None,
+    base_year: int | None = None,
+    sex: str | None = None,
+    table_type: str | None = None,
+    part: int | None = None,
+    year: int | None = None,
+) -> ImportedTable:
+    """``read_xtbml`` of files already parsed (the options checked by it): a file is parsed once
+    however many of its parts are read."""
+    mapped = [map_document(doc, part=part, year=year) for doc in docs]
     for doc, m in zip(docs, mapped, strict=True):
         if m.kind != "rates":
             raise XTbMLUnsupportedError(
                 f"{doc.path}: cannot map {doc.shape()}: a projection scale is not a decrement table by "
                 "itself; give it as the scale of a base table (scale=, --scale)"
             )
-    labels = [_label(doc, part) for doc in docs]
+    labels = [_label(doc, part) + ("" if year is None else f", {year}") for doc in docs]
     sexes = [sex] if sex is not None else _sexes(docs, labels)
     first = _check_same_shape(docs, mapped)
     kind = table_type if table_type is not None else table_type_of(docs[0].content_type)
@@ -152,8 +185,8 @@ def read_xtbml(
             "grid_years": sorted({int(y) for m in mapped for y in m.mi}),
         }
     elif scales:
-        scale_docs = [read_document(p) for p in scales]
-        pairs = [(d, map_document(d)) for d in scale_docs]
+        pairs = [_scale(p) for p in scales]
+        scale_docs = [d for d, _ in pairs]
         mi, generational = improvement_columns(pairs, sexes, first.last, formula, notes)
         generational["base_year"] = base_year_of(docs, base_year, notes)
         columns.update(mi)
@@ -164,6 +197,16 @@ def read_xtbml(
         raise XTbMLError("formula= and base_year= apply only with a scale (scale=, --scale)")
     metadata["source"] = _source(docs, notes)
     return ImportedTable(name, metadata, columns)
+
+
+def _scale(path: Path) -> tuple[Document, Mapped]:
+    """A scale file, or a projection scale of the SOA table service by number (``SOA2583``)."""
+    from veltrane.tables import soa
+
+    if not os.path.lexists(path) and soa.is_soa_name(str(path)):
+        return soa.load_scale(str(path))
+    doc = read_document(path)
+    return doc, map_document(doc)
 
 
 def _label(doc: Document, part: int | None) -> str:

@@ -17,7 +17,7 @@ import numpy as np
 from veltrane.tables._table_format import MAX_SELECT_DURATION, YEARS
 from veltrane.tables.xtbml.reader import Block, Document, XTbMLError, XTbMLUnsupportedError
 
-__all__ = ["Mapped", "age_basis", "map_document", "sex_of", "table_type_of"]
+__all__ = ["Mapped", "age_basis", "by_calendar_year", "map_document", "sex_of", "table_type_of"]
 
 
 @dataclass(slots=True)
@@ -64,13 +64,31 @@ def age_basis(name: str) -> str | None:
 
 
 def table_type_of(content_type: str) -> str:
-    """ "exit" for lapse and persistency tables, "disability" for incidence, else "life"."""
+    """ "exit" for lapse and persistency tables, "disability" for claim incidence, else "life".
+
+    Mortality of disabled lives, recovery and claim cost are not incidence rates: they stay
+    life tables (one decrement out of the state the table describes).
+    """
     text = content_type.lower()
     if any(word in text for word in ("lapse", "persistency", "voluntary", "withdrawal", "surrender")):
         return "exit"
-    if "disab" in text or "incidence" in text:
+    if "incidence" in text:
         return "disability"
     return "life"
+
+
+_BY_BIRTH = re.compile(r"generation|génération|birth|cohort|naissance", re.IGNORECASE)
+_BY_PERIOD = re.compile(r"\bperiod\b|\blife tables?\b", re.IGNORECASE)
+
+
+def by_calendar_year(doc: Document) -> bool:
+    """Whether rates by age and year are by calendar year (period rates of each year), not by year
+    of birth: the name or description says "period" or "life tables" and states no generation,
+    cohort or birth, or the content type is not generational."""
+    text = f"{doc.name} {doc.description}"
+    if _BY_BIRTH.search(text):
+        return False
+    return bool(_BY_PERIOD.search(text)) or "generation" not in doc.content_type.lower()
 
 
 def is_scale(doc: Document) -> bool:
@@ -79,8 +97,9 @@ def is_scale(doc: Document) -> bool:
 
 
 # -- classification --------------------------------------------------------------------------------
-def map_document(doc: Document, *, part: int | None = None) -> Mapped:
-    """Columns of one file; ``part`` (from 1) picks one of several unrelated tables in a file."""
+def map_document(doc: Document, *, part: int | None = None, year: int | None = None) -> Mapped:
+    """Columns of one file; ``part`` (from 1) picks one of several unrelated tables in a file,
+    ``year`` one calendar year of a table of rates by age and calendar year."""
     blocks = doc.blocks
     if part is not None:
         if not 1 <= part <= len(blocks):
@@ -88,6 +107,8 @@ def map_document(doc: Document, *, part: int | None = None) -> Mapped:
         blocks = (blocks[part - 1],)
     kinds = [tuple(axis.kind for axis in block.axes) for block in blocks]
     scale = is_scale(doc)
+    if year is not None and (scale or len(blocks) != 1 or set(kinds[0]) != {"age", "year"}):
+        raise XTbMLError(f"{doc.path}: year= applies to a table of rates by age and calendar year")
     if len(blocks) == 1:
         block, kind = blocks[0], kinds[0]
         if kind == ("age",):
@@ -97,7 +118,11 @@ def map_document(doc: Document, *, part: int | None = None) -> Mapped:
             mapped.notes.append(f"rows are policy years (durations {mapped.first}-{mapped.last}), not ages")
             return mapped
         if set(kind) == {"age", "year"}:
-            return _scale_by_year(doc, block) if scale else _by_year_of_birth(doc, block)
+            if scale:
+                return _scale_by_year(doc, block)
+            if year is not None or by_calendar_year(doc):
+                return _one_calendar_year(doc, block, year)
+            return _by_year_of_birth(doc, block)
     elif all(k == ("age",) for k in kinds):
         raise _refuse(
             doc,
@@ -255,6 +280,32 @@ def _scale_by_year(doc: Document, block: Block) -> Mapped:
             vector[age] = _rate(doc, block, key, "scale")
         columns[str(year)] = vector
     return Mapped("scale_by_year", first, last, columns, grid_years=years)
+
+
+def _one_calendar_year(doc: Document, block: Block, year: int | None) -> Mapped:
+    """The period rates of one calendar year of a table by age and calendar year."""
+    _, _, cells = _grid(doc, block)
+    years = sorted({y for _, y in cells})
+    if year is None:
+        raise _refuse(
+            doc,
+            f"rates by age and calendar year {years[0]}-{years[-1]} (a period table of each year), "
+            "not by year of birth; pick one year with year=Y (--year Y)",
+        )
+    if year not in years:
+        raise XTbMLError(
+            f"{doc.path}: <Table> {block.number} has no calendar year {year} (it has {years[0]}-{years[-1]})"
+        )
+    ages = sorted(a for a, y in cells if y == year)
+    missing = next((a for a in range(ages[0], ages[-1] + 1) if (a, year) not in cells), None)
+    if missing is not None:
+        raise XTbMLError(f"{doc.path}: <Table> {block.number}: no value for age {missing}, year {year}")
+    vector = np.zeros(ages[-1] + 1)
+    age_first = block.axes[0].kind == "age"
+    for age in ages:
+        vector[age] = _rate(doc, block, (age, year) if age_first else (year, age), "rates")
+    notes = [f"the rates of calendar year {year} of a table by age and calendar year {years[0]}-{years[-1]}"]
+    return Mapped("rates", ages[0], ages[-1], {"": vector}, notes=notes)
 
 
 def _by_year_of_birth(doc: Document, block: Block) -> Mapped:

@@ -70,6 +70,7 @@ class Block:
     axes: tuple[Axis, ...]
     cells: dict[tuple[int, ...], float] = field(repr=False)
     description: str = ""
+    nation: str = ""
 
     def shape(self) -> str:
         return "x".join(axis.span() for axis in self.axes)
@@ -90,6 +91,11 @@ class Document:
 
     def shape(self) -> str:
         return " + ".join(block.shape() for block in self.blocks)
+
+    @property
+    def nation(self) -> str:
+        """The nation the first ``<Table>`` that states one gives ("" when none does)."""
+        return next((block.nation for block in self.blocks if block.nation), "")
 
 
 # Values quoted in messages are abbreviated: a file may hold anything where a number belongs.
@@ -287,7 +293,7 @@ def _block(path: Path, number: int, table: ET.Element) -> Block:
         _collect(path, where, values, axes, (), cells)
     if not cells:
         raise XTbMLError(f"{path}: {where}: <Values> holds no numbers")
-    return Block(number, axes, cells, _text(meta, "TableDescription"))
+    return Block(number, axes, cells, _text(meta, "TableDescription"), _text(meta, "Nation"))
 
 
 def _collect(
