@@ -89,6 +89,13 @@ def test_every_example_of_the_docs_passes_mypy_strict(tmp_path):
     assert lines[-1].startswith("Success"), "\n".join(lines)
 
 
+def test_the_package_itself_passes_mypy_strict(tmp_path):
+    lines = checker(
+        tmp_path, sys.executable, "-m", "mypy", "--strict", "--cache-dir", ".cache", "-p", "veltrane"
+    )
+    assert lines[-1].startswith("Success"), "\n".join(lines)
+
+
 PYRIGHT = Path(sys.executable).with_name("pyright")
 
 

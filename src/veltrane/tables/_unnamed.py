@@ -31,7 +31,7 @@ _staging = itertools.count()
 def unnamed_source(name: str, metadata: dict[str, Any], frame: pl.DataFrame) -> TableSource:
     """A source built from data that keeps the data, so that its tables pickle with it."""
     source = TableSource.from_frame(name, metadata, frame)
-    source._memory_data = (dict(metadata), frame)  # type: ignore[attr-defined]
+    source._memory_data = (dict(metadata), frame)
     return source
 
 
@@ -48,7 +48,7 @@ def build(source: TableSource, construct: Callable[[str], T]) -> T:
         # carries the data.
         data = (dict(source.metadata), source.data)
         source = copy.copy(source)
-        source._memory_data = data  # type: ignore[attr-defined]
+        source._memory_data = data
     private = f"{source.table_name}#unnamed-{next(_staging)}"
     TableSource.from_frame(private, *data).register()
     try:

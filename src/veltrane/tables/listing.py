@@ -11,6 +11,7 @@ import difflib
 import os
 from collections.abc import Iterable
 from pathlib import Path
+from typing import Any
 
 import polars as pl
 
@@ -18,7 +19,7 @@ from veltrane.config import Config
 
 __all__ = ["SOA_LOCATION", "catalogue", "did_you_mean", "soa_refused", "soa_rows", "table_locations"]
 
-_COLUMNS = {
+_COLUMNS: dict[str, Any] = {
     "name": pl.String,
     "number": pl.Int64,
     "table_name": pl.String,

@@ -236,7 +236,8 @@ def _sections(data: bytes, where: str) -> tuple[bytes, bytes, memoryview]:
 
 def _catalogue(blob: bytes, where: str) -> dict[str, Any]:
     try:
-        return json.loads(lzma.decompress(blob))
+        loaded: dict[str, Any] = json.loads(lzma.decompress(blob))
+        return loaded
     except (lzma.LZMAError, ValueError) as exc:
         raise ValueError(f"{where}: the store is damaged ({exc})") from None
 
@@ -311,22 +312,26 @@ class Store:
     @property
     def tables(self) -> dict[str, tuple[int, str]]:
         """Name -> (chunk, record name) of every table."""
-        return self._sorted()["tables"]
+        found: dict[str, tuple[int, str]] = self._sorted()["tables"]
+        return found
 
     @property
     def refused(self) -> frozenset[str]:
         """Names of the refused files and parts."""
-        return self._sorted()["refused"]
+        found: frozenset[str] = self._sorted()["refused"]
+        return found
 
     @property
     def scales(self) -> dict[str, int]:
         """Name -> chunk of every projection scale."""
-        return self._sorted()["scales"]
+        found: dict[str, int] = self._sorted()["scales"]
+        return found
 
     @property
     def numbers(self) -> dict[int, list[str]]:
         """Number -> names of its tables and refused parts."""
-        return self._sorted()["numbers"]
+        found: dict[int, list[str]] = self._sorted()["numbers"]
+        return found
 
     def catalogue(self) -> dict[str, Any]:
         """The index: rows of the tables and of the refused files and parts."""

@@ -124,6 +124,8 @@ class TableSource:
     # ``_memory_data``: for a source that no name finds (``LifeTable.from_rates``), its metadata
     # and frame, with which its tables pickle (kept by copies); unset otherwise.
     __slots__ = (*_SLOTS, "_f64_columns", "_path_origin", "_memory_data", "__weakref__")
+    _path_origin: Any
+    _memory_data: Any
 
     _table_name: str
     _file_name: str

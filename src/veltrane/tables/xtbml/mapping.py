@@ -196,11 +196,12 @@ def _select(doc: Document, select: tuple[Block, ...], ultimate: Block) -> Mapped
     for block in select:
         for key in block.cells:
             origin[key[0]] = block.number
-            if key in rates:
+            pair = (key[0], key[1])
+            if pair in rates:
                 raise XTbMLError(
                     f"{doc.path}: <Table> {block.number}: issue age {key[0]} appears in two blocks"
                 )
-            rates[key] = _rate(doc, block, key, "rates")
+            rates[pair] = _rate(doc, block, key, "rates")
     for i in sorted({i for i, _ in rates}):
         # Leading and trailing durations may be unpublished (the select period starts later, or
         # runs past the last age); one missing between published ones is a gap in the file.
@@ -344,7 +345,7 @@ def _by_year_of_birth(doc: Document, block: Block) -> Mapped:
         spans[age] = (lo, hi)
     base = max(hi for _, hi in spans.values())
 
-    def q(age: int, yob: int) -> float:
+    def rate_of(age: int, yob: int) -> float:
         lo, hi = spans[age]
         return by_age[age][min(max(yob, lo), hi)]
 
@@ -354,10 +355,10 @@ def _by_year_of_birth(doc: Document, block: Block) -> Mapped:
     base_vector = np.zeros(last + 1)
     mi = {str(y): np.zeros(last + 1) for y in years}
     for age in range(first, last + 1):
-        base_vector[age] = q(age, base - age)
+        base_vector[age] = rate_of(age, base - age)
         for y in years:
-            before = q(age, y - 1 - age)
-            mi[str(y)][age] = 0.0 if before == 0.0 else 1.0 - q(age, y - age) / before
+            before = rate_of(age, y - 1 - age)
+            mi[str(y)][age] = 0.0 if before == 0.0 else 1.0 - rate_of(age, y - age) / before
     lo_all = min(lo for lo, _ in spans.values())
     notes = [
         f"rates by year of birth {lo_all}-{base} held as base year {base} rates with year-indexed "

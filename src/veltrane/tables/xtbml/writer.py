@@ -15,7 +15,7 @@ import tempfile
 from collections.abc import Sequence
 from dataclasses import dataclass
 from pathlib import Path
-from typing import TYPE_CHECKING
+from typing import TYPE_CHECKING, Any
 from xml.sax.saxutils import escape
 
 from veltrane.tables.xtbml.mapping import sex_of, table_type_of
@@ -175,7 +175,7 @@ def _select_blocks(source: TableSource, column: str) -> list[_Block]:
         for x in range(first, min(first + k - 1, last + 1))
     )
     low = max(0, first - period + 1) if below else first
-    cells: dict[tuple[int, int], float] = {}
+    cells: dict[tuple[int, ...], float] = {}
     for k, values in enumerate(columns, start=1):
         for issue in range(low, last - k + 2):
             if issue + k - 1 >= first:
@@ -324,12 +324,12 @@ def _scale_info(source: TableSource, sex: str) -> dict[str, str]:
     return info
 
 
-def _scale_block(source: TableSource, sex: str, generational: dict) -> _Block:
+def _scale_block(source: TableSource, sex: str, generational: dict[str, Any]) -> _Block:
     data = source.data
     ages = range(0, source.w + 1)
     if generational.get("mi_structure") == "year_indexed":
         years = [int(y) for y in generational["grid_years"]]
-        cells = {}
+        cells: dict[tuple[int, ...], float] = {}
         for year in years:
             values = data[f"mi_{sex}_{year}"].to_list()
             cells.update({(x, year): float(values[x]) for x in ages})
@@ -348,7 +348,7 @@ def _cohort_text(source: TableSource, sex: str, cohort: int) -> str:
     if cls is None:
         raise XTbMLError(f"table {source.table_name!r}: cohort rates are written for life tables only")
     try:
-        table = cls(source.table_name, sex, cohort=cohort)
+        table = cls(source.table_name, sex, cohort=cohort)  # type: ignore[arg-type]  # a sex of the source
     except ValueError as exc:
         raise XTbMLError(str(exc)) from None
     rates = table.qx(list(range(source.w + 1)))
