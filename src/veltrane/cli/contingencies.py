@@ -8,7 +8,7 @@ from pathlib import Path
 from typing import Any
 
 from veltrane.base import PAYMENT_FREQUENCIES
-from veltrane.cli.common import RefusedError, format_number, numbers, open_table, table_arguments
+from veltrane.cli.common import RefusedError, numbers, open_table, print_values, table_arguments
 
 #: Decimals of the printed commutation columns: they count lives out of a radix of 1,000,000.
 COLUMN_DECIMALS = 2
@@ -63,18 +63,7 @@ def annuity_values(args: argparse.Namespace) -> int:
         )
     except (ValueError, TypeError) as exc:
         raise RefusedError(str(exc)) from exc
-    if isinstance(result, float):
-        print(format_number(result))
-        return 0
-    ages = args.age if isinstance(args.age, list) else [args.age]
-    terms = args.term if isinstance(args.term, list) else [args.term] * len(result)
-    ages = ages * len(result) if len(ages) == 1 else ages
-    header = ["age", "term", "value"] if args.term is not None else ["age", "value"]
-    print("\t".join(header))
-    for age, term, value in zip(ages, terms, result, strict=True):
-        cells = [str(age), str(term)] if args.term is not None else [str(age)]
-        print("\t".join([*cells, format_number(value)]))
-    return 0
+    return print_values(args.age, args.term, result)
 
 
 def commutation_columns(args: argparse.Namespace) -> int:

@@ -15,6 +15,7 @@ from veltrane.cli.common import (
     numbers,
     one_line,
     open_table,
+    print_values,
     tables_path_argument,
 )
 from veltrane.cli.plot import FORMATS, _table_keys
@@ -106,19 +107,7 @@ def disability_values(args: argparse.Namespace) -> int:
             )
     except (ValueError, TypeError) as exc:
         raise RefusedError(str(exc)) from exc
-    if isinstance(result, float):
-        print(format_number(result))
-        return 0
-    ages = args.age if isinstance(args.age, list) else [args.age]
-    ages = ages * len(result) if len(ages) == 1 else ages
-    terms = args.term if isinstance(args.term, list) else [args.term] * len(result)
-    terms = terms * len(result) if len(terms) == 1 else terms
-    header = ["age", "term", "value"] if args.term is not None else ["age", "value"]
-    print("\t".join(header))
-    for age, term, value in zip(ages, terms, result, strict=True):
-        cells = [str(age), str(term)] if args.term is not None else [str(age)]
-        print("\t".join([*cells, format_number(value)]))
-    return 0
+    return print_values(args.age, args.term, result)
 
 
 def states(model: DisabilityModel, args: argparse.Namespace) -> int:
