@@ -413,6 +413,7 @@ def test_given_premiums_for_a_limited_term_and_escalating_benefits():
 
 def test_pandas_frames_and_the_progress_bar(capsys):
     pandas = pytest.importorskip("pandas")
+    pytest.importorskip("tqdm")  # an optional extra (veltrane[progress])
     book = pandas.DataFrame(
         {"table_name": ["SULT"] * 3, "sex": ["u"] * 3, "age": [30, 40, 50], "b": [1.0, 2.0, 3.0]}
     )

@@ -5,7 +5,7 @@
 # Prints one summary line per interpreter and exits non-zero if any suite failed.
 set -uo pipefail
 cd "$(dirname "$0")/.."
-deps=(numpy polars scikit-build-core cmake ninja pytest hypothesis pandas matplotlib 'dask[distributed]' mypy)
+deps=(numpy polars scikit-build-core cmake ninja pytest hypothesis pandas matplotlib 'dask[distributed]' tqdm mypy)
 pyenv_root=${PYENV_ROOT:-$HOME/.pyenv}
 summary=()
 status=0
