@@ -181,6 +181,7 @@ void init_names(Names& n) {
     n.valid_sexes_field = intern("_valid_sexes");
     n.with_columns = intern("with_columns");
     n.f64_columns = intern("_f64_columns");
+    n.interest_rate = intern("interest_rate");
 }
 
 // The public class is made as a class statement would make it: by calling the metaclass
