@@ -279,3 +279,23 @@ def test_values_beyond_a_float_are_refused_at_each_call():
     with pytest.raises(ValueError, match="beyond the range"):
         annuity(t, 0, i=-0.999999)
     assert math.isfinite(annuity(t, 119, i=-0.5))
+
+
+class _DoubleRate(LifeTable):
+    """A subclass whose rate is its own: twice the one it was given."""
+
+    __slots__ = ()
+
+    @property
+    def interest_rate(self) -> float | None:
+        rate = super().interest_rate
+        return None if rate is None else 2.0 * rate
+
+
+@pytest.mark.parametrize("call", ["annuity", "insurance n", "pure_endowment"])
+def test_the_rate_of_a_subclass_is_its_own_property(call):
+    f = CALLS[call]
+    t = _DoubleRate("SULT", "u", interest_rate=RATE)
+    doubled = LifeTable("SULT", "u", interest_rate=2.0 * RATE)
+    for _ in range(2):
+        assert bits(f(t, 65)) == bits(f(doubled, 65))

@@ -58,9 +58,28 @@ namespace {
 
 bool absent_or(PyObject* value, PyObject* expected) noexcept { return value == nullptr || value == expected; }
 
+// LifeTable itself (not a subclass, which may define its own rate), or null when it cannot be had.
+PyTypeObject* life_table(ModuleState* st) noexcept {
+    if (st->life_table == nullptr) {
+        PyObject* module = PyImport_ImportModule("veltrane.tables.life");
+        st->life_table = module != nullptr ? PyObject_GetAttrString(module, "LifeTable") : nullptr;
+        Py_XDECREF(module);
+        if (st->life_table == nullptr) {
+            PyErr_Clear();
+            st->life_table = Py_NewRef(Py_None);
+        }
+    }
+    return PyType_Check(st->life_table) ? reinterpret_cast<PyTypeObject*>(st->life_table) : nullptr;
+}
+
 std::optional<double> rate_of(TableObject* t, PyObject* i) noexcept {
     if (i != nullptr && i != Py_None) return plain_rate(i);
-    PyObject* own = PyObject_GetAttr(reinterpret_cast<PyObject*>(t), t->st->names.interest_rate.get());
+    // The property of a LifeTable returns its slot (None when unset): read at once, a Python
+    // call saved. An unset slot raises AttributeError here and leaves the call to the checked path.
+    const Names& names = t->st->names;
+    PyObject* self = reinterpret_cast<PyObject*>(t);
+    const bool life = Py_TYPE(self) == life_table(t->st);
+    PyObject* own = PyObject_GetAttr(self, life ? names.interest_rate_slot.get() : names.interest_rate.get());
     if (own == nullptr) {
         PyErr_Clear();
         return std::nullopt;

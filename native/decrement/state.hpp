@@ -25,7 +25,7 @@ struct Names {
     py::ref table_type, data, columns, valid_sexes, w, generational, select, mi_structure, grid_years,
         generational_formula_type, base_year, select_period, start_duration, mi_by_duration, table_name,
         get_column, to_numpy, u, m, f,
-        ult, slots, file_name, data_field, valid_sexes_field, with_columns, f64_columns, interest_rate;
+        ult, slots, file_name, data_field, valid_sexes_field, with_columns, f64_columns, interest_rate, interest_rate_slot;
 };
 
 struct ModuleState {
@@ -52,6 +52,9 @@ struct ModuleState {
     PyObject* unisex_cache = nullptr;   // _COHORT_ADJUSTED_QX_CACHE_UNISEX
     PyObject* select_diagonals = nullptr;  // contingencies.cpp: recent tables' duration columns
     PyObject* polars_series = nullptr;  // polars.Series
+    // LifeTable, whose interest_rate property reads its _interest_rate slot (read directly by the
+    // cached scalar contingencies); imported at their first use.
+    PyObject* life_table = nullptr;
     double lx_radix = 1'000'000.0;
     Names names;
     // Configuration snapshot: `version` moves on every change of settings.
