@@ -299,3 +299,19 @@ def test_the_rate_of_a_subclass_is_its_own_property(call):
     doubled = LifeTable("SULT", "u", interest_rate=2.0 * RATE)
     for _ in range(2):
         assert bits(f(t, 65)) == bits(f(doubled, 65))
+
+
+def test_threads_reading_one_table_build_and_read_the_same_values():
+    from concurrent.futures import ThreadPoolExecutor
+
+    t = LifeTable("CSO2017", "m", duration=2, interest_rate=RATE)
+    # More bases than a table keeps, so that columns are built, replaced and read at once.
+    bases = [(n, i) for n in (None, 5, 10, 20) for i in (0.01 * k for k in range(1, 21))]
+    expected = {(n, i): uncached(lambda n=n, i=i: annuity(t, 50, n, i=i)) for n, i in bases}
+
+    def work(offset: int) -> bool:
+        ordered = bases[offset:] + bases[:offset]
+        return all(bits(annuity(t, 50, n, i=i)) == bits(expected[(n, i)]) for n, i in ordered * 3)
+
+    with ThreadPoolExecutor(4) as pool:
+        assert all(pool.map(work, range(0, 80, 20)))
