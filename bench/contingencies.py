@@ -4,8 +4,11 @@ Run with ``python bench/contingencies.py`` (or as part of ``make bench``). Targe
 call at most 2 microseconds (the continuous annuity, ``mu`` and ``lifetime_quantile`` too; the
 exponential and hyperbolic interpolations and the increasing benefits are reported beside);
 the whole-life annuity-due at every age of a table in one call at most 2 times the NumPy floor
-(survivors by cumprod, discount, reverse cumsum), whose values it must reproduce. A benchmark,
-not a test: it reports, it never fails a build.
+(survivors by cumprod, discount, reverse cumsum), whose values it must reproduce. Scalar calls
+at whole ages and terms read columns cached with the table state: ``annuity(t, 65)`` and
+``insurance(t, 65)`` are set beside a pure-Python peer that keeps commutation columns per basis
+and answers by looking them up (target: no slower than the peer). A benchmark, not a test: it
+reports, it never fails a build.
 """
 
 from __future__ import annotations
@@ -28,6 +31,69 @@ RATE = 0.05
 def scalar_us(stmt: str, namespace: dict[str, object], number: int = 50_000) -> float:
     runs = timeit.repeat(stmt, globals=namespace, number=number, repeat=7)
     return statistics.median(runs) / number * 1e6
+
+
+class CommutationPeer:
+    """A pure-Python peer: commutation columns per basis (table, rate), built once, kept in a dict.
+
+    ``annuity(table, x)`` is Nx / Dx and ``insurance(table, x)`` is Mx / Dx, at the table's rate:
+    the cached lookup such a library answers a scalar call with.
+    """
+
+    def __init__(self) -> None:
+        self.columns: dict[tuple[int, float], tuple[list[float], list[float], list[float]]] = {}
+
+    def basis(self, table: LifeTable, i: float) -> tuple[list[float], list[float], list[float]]:
+        key = (id(table), i)
+        found = self.columns.get(key)
+        if found is None:
+            frame = commutation(table, i)
+            found = (frame["Dx"].to_list(), frame["Nx"].to_list(), frame["Mx"].to_list())
+            self.columns[key] = found
+        return found
+
+    def annuity(self, table: LifeTable, x: int, i: float = RATE) -> float:
+        d, n, _ = self.basis(table, i)
+        return n[x] / d[x]
+
+    def insurance(self, table: LifeTable, x: int, i: float = RATE) -> float:
+        d, _, m = self.basis(table, i)
+        return m[x] / d[x]
+
+
+def peer_comparison(table: LifeTable) -> None:
+    """The scalar calls beside the peer's, and beside the bare list lookup it is made of."""
+    peer = CommutationPeer()
+    d, n, m = peer.basis(table, RATE)
+    namespace: dict[str, object] = {
+        "t": table,
+        "annuity": annuity,
+        "insurance": insurance,
+        "peer": peer,
+        "D": d,
+        "N": n,
+        "M": m,
+    }
+    assert abs(peer.annuity(table, 65) - annuity(table, 65)) < 1e-12 * annuity(table, 65)
+    assert abs(peer.insurance(table, 65) - insurance(table, 65)) < 1e-12 * insurance(table, 65)
+    print("  scalar calls at whole ages beside a pure-Python peer's cached commutation lookup")
+    for ours, theirs, bare in (
+        ("annuity(t, 65)", "peer.annuity(t, 65)", "N[65] / D[65]"),
+        ("insurance(t, 65)", "peer.insurance(t, 65)", "M[65] / D[65]"),
+    ):
+        ours_ns = scalar_us(ours, namespace, number=200_000) * 1e3
+        peer_ns = scalar_us(theirs, namespace, number=200_000) * 1e3
+        bare_ns = scalar_us(bare, namespace, number=200_000) * 1e3
+        verdict = "ok" if ours_ns <= peer_ns else "MISSED"
+        print(
+            f"    {ours:<18} {ours_ns:6.0f} ns   peer {peer_ns:6.0f} ns   "
+            f"{ours_ns / peer_ns:4.2f}x   {verdict}   (the bare lookup {bare}: {bare_ns:.0f} ns)"
+        )
+    fresh = LifeTable("SULT", "u", interest_rate=RATE)
+    # A new rate at every call: each pays the build of its column.
+    rates = iter(RATE * (1.0 + 1e-9 * k) for k in range(1, 10**9))
+    first_us = median_seconds(lambda: annuity(fresh, 65, i=next(rates)), number=200) * 1e6
+    print(f"    the first call of a basis (builds its column over every age): {first_us:.1f} us")
 
 
 def numpy_annuities(q: np.ndarray, i: float) -> np.ndarray:
@@ -68,6 +134,8 @@ def main() -> None:
     ):
         us = scalar_us(stmt, namespace)
         print(f"    {stmt:<42} {us:6.2f} us   {'ok' if us <= SCALAR_TARGET_US else 'MISSED'}")
+
+    peer_comparison(table)
 
     ours = annuity(table, ages)
     floor = numpy_annuities(table._decrement, RATE)

@@ -282,6 +282,7 @@ void reset_fields(TableObject* t) {
     t->modified = false;
     t->lx.reset();
     t->lx_raw.reset();
+    t->scalar_columns.reset();
     t->w_mod.reset();
     t->modifications_applied = py::check(PyList_New(0));
     t->px.reset();

@@ -4,6 +4,7 @@
 #include "decrement/contingencies.hpp"
 
 #include "decrement/arguments.hpp"
+#include "decrement/contingency_cache.hpp"
 #include "decrement/transaction.hpp"
 #include "pyutil/module_functions.hpp"
 
@@ -225,7 +226,7 @@ kernels::Interest interest(PyObject* table, PyObject* i, const char* method) {
     py::ref own;
     const bool from_table = i == nullptr || i == Py_None;
     if (from_table) {
-        own = py::ref::steal(PyObject_GetAttrString(table, "interest_rate"));
+        own = py::ref::steal(PyObject_GetAttr(table, as_table(table)->st->names.interest_rate.get()));
         if (!own) {
             if (!PyErr_ExceptionMatches(PyExc_AttributeError)) py::throw_error_set();
             PyErr_Clear();
@@ -334,6 +335,10 @@ PyObject* annuity(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyO
     return py::guard([&]() -> PyObject* {
         const Arguments<11> a = parse_arguments("_annuity", names, 2, args, nargs, kwnames);
         TableObject* t = table_argument(module, a.values[0], "annuity");
+        const std::optional<Scalar> scalar = annuity_call(t, a.values);
+        if (scalar) {
+            if (const std::optional<double> v = cached(t, scalar->key, scalar->x)) return PyFloat_FromDouble(*v);
+        }
         const actuarial::Values x = checked_ages(t, a.values[1], "annuity");
         const kernels::Interest r = interest(a.values[0], a.values[3], "annuity");
         const bool due = a.given(4) ? flag(a.values[4], "annuity", "due") : true;
@@ -406,6 +411,7 @@ PyObject* annuity(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyO
                                                 " with i = " + number_text(r.i) + " and m = " + std::to_string(m) +
                                                 ": " + corrections + "; use method=\"exact\"");
         };
+        if (const std::optional<double> v = column_value(t, scalar, r.i, lives, kernel)) return PyFloat_FromDouble(*v);
         return evaluate(lives, x, n, "annuity", r, kernel, refuse_at);
     });
 }
@@ -417,6 +423,10 @@ PyObject* insurance(PyObject* module, PyObject* const* args, Py_ssize_t nargs, P
     return py::guard([&]() -> PyObject* {
         const Arguments<11> a = parse_arguments("_insurance", names, 2, args, nargs, kwnames);
         TableObject* t = table_argument(module, a.values[0], "insurance");
+        const std::optional<Scalar> scalar = insurance_call(t, a.values);
+        if (scalar) {
+            if (const std::optional<double> v = cached(t, scalar->key, scalar->x)) return PyFloat_FromDouble(*v);
+        }
         const actuarial::Values x = checked_ages(t, a.values[1], "insurance");
         const kernels::Interest given_rate = interest(a.values[0], a.values[3], "insurance");
         // m = None: paid at the moment of death.
@@ -448,9 +458,8 @@ PyObject* insurance(PyObject* module, PyObject* const* args, Py_ssize_t nargs, P
         check_lengths(x, n, "insurance");
         const kernels::Benefit benefit{m, exact, endowment};
         const Lives lives(t, "insurance");
-        return evaluate(lives, x, n, "insurance", r,
-                        [&](const kernels::LifeModel& life, std::span<const double> xs, std::span<const double> ns,
-                            std::span<double> out) {
+        auto kernel = [&](const kernels::LifeModel& life, std::span<const double> xs, std::span<const double> ns,
+                          std::span<double> out) {
                             if (progression == kernels::Progression::level) {
                                 kernels::insurance(life, r, defer, benefit, xs, ns, out);
                             } else {
@@ -461,7 +470,9 @@ PyObject* insurance(PyObject* module, PyObject* const* args, Py_ssize_t nargs, P
                                                      });
                             }
                             return kHolds;
-                        });
+        };
+        if (const std::optional<double> v = column_value(t, scalar, r.i, lives, kernel)) return PyFloat_FromDouble(*v);
+        return evaluate(lives, x, n, "insurance", r, kernel);
     });
 }
 
@@ -470,6 +481,10 @@ PyObject* pure_endowment(PyObject* module, PyObject* const* args, Py_ssize_t nar
     return py::guard([&]() -> PyObject* {
         const Arguments<4> a = parse_arguments("_pure_endowment", names, 3, args, nargs, kwnames);
         TableObject* t = table_argument(module, a.values[0], "pure_endowment");
+        const std::optional<Scalar> scalar = pure_endowment_call(t, a.values);
+        if (scalar) {
+            if (const std::optional<double> v = cached(t, scalar->key, scalar->x)) return PyFloat_FromDouble(*v);
+        }
         const actuarial::Values x = checked_ages(t, a.values[1], "pure_endowment");
         const kernels::Interest r = interest(a.values[0], a.values[3], "pure_endowment");
         if (a.values[2] == Py_None) {
@@ -478,12 +493,13 @@ PyObject* pure_endowment(PyObject* module, PyObject* const* args, Py_ssize_t nar
         const actuarial::Values n = term(a.values[2], 0, "pure_endowment");
         check_lengths(x, n, "pure_endowment");
         const Lives lives(t, "pure_endowment");
-        return evaluate(lives, x, n, "pure_endowment", r,
-                        [&](const kernels::LifeModel& life, std::span<const double> xs, std::span<const double> ns,
-                            std::span<double> out) {
-                            kernels::pure_endowment(life, r, xs, ns, out);
-                            return kHolds;
-                        });
+        auto kernel = [&](const kernels::LifeModel& life, std::span<const double> xs, std::span<const double> ns,
+                          std::span<double> out) {
+            kernels::pure_endowment(life, r, xs, ns, out);
+            return kHolds;
+        };
+        if (const std::optional<double> v = column_value(t, scalar, r.i, lives, kernel)) return PyFloat_FromDouble(*v);
+        return evaluate(lives, x, n, "pure_endowment", r, kernel);
     });
 }
 

@@ -55,6 +55,8 @@ public:
 
     // True when the rates read hold a NaN (then so may every result).
     bool has_nan() const noexcept;
+    // The table's l vector it was built on.
+    PyObject* source() const noexcept { return keep_.get(); }
 
 private:
     py::ref keep_;              // the table's l vector

@@ -6,6 +6,7 @@
 #include "decrement/contingencies.hpp"
 
 #include "decrement/arguments.hpp"
+#include "decrement/contingency_cache.hpp"
 
 #include <cmath>
 #include <string>
@@ -59,18 +60,28 @@ PyObject* Table_ex(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyOb
         const Arguments<3> a = parse_arguments("ex", names, 0, args, nargs, kwnames);
         TableObject* t = as_table(self);
         ensure_ready(t, "ex");
+        const std::optional<contingencies::Scalar> scalar =
+            contingencies::enabled(t) ? contingencies::expectation_call(a.values) : std::nullopt;
+        if (scalar) {
+            if (const std::optional<double> v = contingencies::cached(t, scalar->key, scalar->x)) {
+                return PyFloat_FromDouble(*v);
+            }
+        }
         PyObject* x = a.get(0, Py_None);
         const Values ages = x == Py_None ? every_age(t) : contingencies::checked_ages(t, x, "ex");
         const bool complete = a.given(2) ? contingencies::flag(a.values[2], "ex", "complete") : false;
         PyObject* n = a.get(1, Py_None);
         if (n == Py_None) {
             const contingencies::Lives lives(t, "ex");
-            return over_lives(lives, ages, unused(),
-                              [&](const kernels::LifeModel& life, std::span<const double> xs, std::span<const double>,
-                                  std::span<double> out) -> Value {
-                                  kernels::expectation(life, xs, complete, out);
-                                  return std::nullopt;
-                              });
+            auto kernel = [&](const kernels::LifeModel& life, std::span<const double> xs, std::span<const double>,
+                              std::span<double> out) -> Value {
+                kernels::expectation(life, xs, complete, out);
+                return std::nullopt;
+            };
+            if (const std::optional<double> v = contingencies::column_value(t, scalar, 0.0, lives, kernel)) {
+                return PyFloat_FromDouble(*v);
+            }
+            return over_lives(lives, ages, unused(), kernel);
         }
         // Over a term, the expectations are annuities at i = 0: the complete one paid
         // continuously, the curtate one of 1 at the end of each whole year survived.
@@ -79,12 +90,15 @@ PyObject* Table_ex(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyOb
         const contingencies::Lives lives(t, "ex");
         const kernels::Interest none(0.0);
         const kernels::Payments payments{complete ? kernels::kContinuous : 1, false, 0.0};
-        return over_lives(lives, ages, term,
-                          [&](const kernels::LifeModel& life, std::span<const double> xs, std::span<const double> ns,
-                              std::span<double> out) -> Value {
-                              kernels::annuity(life, none, payments, xs, ns, out);
-                              return std::nullopt;
-                          });
+        auto kernel = [&](const kernels::LifeModel& life, std::span<const double> xs, std::span<const double> ns,
+                          std::span<double> out) -> Value {
+            kernels::annuity(life, none, payments, xs, ns, out);
+            return std::nullopt;
+        };
+        if (const std::optional<double> v = contingencies::column_value(t, scalar, 0.0, lives, kernel)) {
+            return PyFloat_FromDouble(*v);
+        }
+        return over_lives(lives, ages, term, kernel);
     });
 }
 

@@ -43,6 +43,7 @@ void invalidate_caches(TableObject* t) {
     t->px.reset();
     t->qx.reset();
     t->decimals_decrement_cache.reset();
+    t->scalar_columns.reset();
 }
 
 bool metadata_complete(TableObject* t) {

@@ -181,6 +181,8 @@ void init_names(Names& n) {
     n.valid_sexes_field = intern("_valid_sexes");
     n.with_columns = intern("with_columns");
     n.f64_columns = intern("_f64_columns");
+    n.interest_rate = intern("interest_rate");
+    n.interest_rate_slot = intern("_interest_rate");
 }
 
 // The public class is made as a class statement would make it: by calling the metaclass
@@ -497,6 +499,7 @@ int decrement_traverse(PyObject* module, visitproc visit, void* arg) {
     Py_VISIT(st->unisex_cache);
     Py_VISIT(st->select_diagonals);
     Py_VISIT(st->polars_series);
+    Py_VISIT(st->life_table);
     return 0;
 }
 
@@ -521,6 +524,7 @@ int decrement_clear(PyObject* module) {
     Py_CLEAR(st->unisex_cache);
     Py_CLEAR(st->select_diagonals);
     Py_CLEAR(st->polars_series);
+    Py_CLEAR(st->life_table);
     return 0;
 }
 

@@ -8,6 +8,7 @@
 #include "kernels/survival.hpp"
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -24,7 +25,7 @@ struct Names {
     py::ref table_type, data, columns, valid_sexes, w, generational, select, mi_structure, grid_years,
         generational_formula_type, base_year, select_period, start_duration, mi_by_duration, table_name,
         get_column, to_numpy, u, m, f,
-        ult, slots, file_name, data_field, valid_sexes_field, with_columns, f64_columns;
+        ult, slots, file_name, data_field, valid_sexes_field, with_columns, f64_columns, interest_rate, interest_rate_slot;
 };
 
 struct ModuleState {
@@ -51,6 +52,9 @@ struct ModuleState {
     PyObject* unisex_cache = nullptr;   // _COHORT_ADJUSTED_QX_CACHE_UNISEX
     PyObject* select_diagonals = nullptr;  // contingencies.cpp: recent tables' duration columns
     PyObject* polars_series = nullptr;  // polars.Series
+    // LifeTable, whose interest_rate property reads its _interest_rate slot (read directly by the
+    // cached scalar contingencies); imported at their first use.
+    PyObject* life_table = nullptr;
     double lx_radix = 1'000'000.0;
     Names names;
     // Configuration snapshot: `version` moves on every change of settings.
@@ -58,6 +62,12 @@ struct ModuleState {
     std::uint64_t config_seen = 0;
     ConfigSnapshot config_cache;
 };
+
+struct ScalarColumns;  // contingency_cache.hpp
+struct ScalarColumnsDelete {
+    void operator()(ScalarColumns* columns) const noexcept;
+};
+using ScalarColumnsPtr = std::unique_ptr<ScalarColumns, ScalarColumnsDelete>;
 
 struct TableObject {
     PyObject_HEAD
@@ -97,6 +107,8 @@ struct TableObject {
     // The settings version under which the derived caches were built; a change of settings
     // (decimals, interpolation) drops them at the next calculation.
     std::uint64_t caches_config_version;
+    // Scalar contingency values by basis at every whole age, a derived cache like lx and px.
+    ScalarColumnsPtr scalar_columns;
 };
 
 inline TableObject* as_table(PyObject* o) { return reinterpret_cast<TableObject*>(o); }

@@ -46,6 +46,7 @@ PyObject* table_alloc(PyTypeObject* type, ModuleState* st) {
     t->rebuilds_since_calc = 0;
     t->initialized = false;
     t->caches_config_version = st->config_version;
+    new (&t->scalar_columns) ScalarColumnsPtr();
     return self;
 }
 
@@ -102,6 +103,7 @@ void Table_dealloc(PyObject* self) {
     TableObject* t = as_table(self);
     if (t->weakrefs != nullptr) PyObject_ClearWeakRefs(self);
     for_each_ref(t, [](py::ref& r) { r.~ref(); });
+    t->scalar_columns.~ScalarColumnsPtr();
     type->tp_free(self);
     Py_DECREF(type);
 }

@@ -52,6 +52,7 @@ public:
           qx_(t->qx.dup()),
           decimals_(t->decimals_decrement_cache.dup()),
           cause_split_(t->cause_split.dup()),
+          scalar_columns_(std::move(t->scalar_columns)),
           rebuilds_(t->rebuilds_since_calc),
           config_version_(t->caches_config_version),
           select_duration_set_(t->select_duration_set),
@@ -78,6 +79,7 @@ public:
         std::swap(t_->qx, qx_);
         std::swap(t_->decimals_decrement_cache, decimals_);
         std::swap(t_->cause_split, cause_split_);
+        std::swap(t_->scalar_columns, scalar_columns_);
         t_->rebuilds_since_calc = rebuilds_;
         t_->caches_config_version = config_version_;
         t_->select_duration_set = select_duration_set_;
@@ -85,6 +87,8 @@ public:
         t_->metadata_pending = pending_;
     }
 
+    // The scalar columns are taken out for the change (a rebuild would drop them anyway) and
+    // come back only with the state they belong to.
     void commit() noexcept { committed_ = true; }
 
 private:
@@ -92,6 +96,7 @@ private:
     SourceState source_;
     py::ref sex_, cohort_, duration_, unisex_blend_, decrement_base_, decrement_, w_mod_, lx_, lx_raw_, px_,
         qx_, decimals_, cause_split_;
+    ScalarColumnsPtr scalar_columns_;
     long rebuilds_;
     std::uint64_t config_version_;
     bool select_duration_set_, modified_, pending_;

@@ -375,7 +375,10 @@ def net_premium(
         NaN at an age where no life remains.
     """
     paying = n if premium_term is None else premium_term
-    if paying is not None:
+    # A whole age and term need none of the vector checks below: two float calls, which the
+    # table's cached columns answer.
+    whole = premium_term is None and type(x) is int and (n is None or (type(n) is int and n > 0))
+    if paying is not None and not whole:
         # A premium paid over no time has no level amount; the functions below check the rest.
         label = "n" if premium_term is None else "premium_term"
         try:
@@ -391,6 +394,8 @@ def net_premium(
     benefit_method = "udd" if method == "udd" else "exact"
     benefit = _native._insurance(table, x, n, i, benefit_m, 0, endowment, benefit_method)
     payments = _native._annuity(table, x, paying, i, True, m, 0, method)
+    if whole and payments:
+        return benefit / payments
     with np.errstate(divide="ignore", invalid="ignore"):
         premium = np.divide(benefit, payments)
     return float(premium) if np.ndim(premium) == 0 else premium

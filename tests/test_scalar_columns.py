@@ -1,0 +1,317 @@
+"""Scalar contingency values at whole ages and terms, read from columns kept with the table state.
+
+A column is the kernel's value at every whole age for one basis; the first call builds it. The
+values must have the bits of the uncached path (``decrement._set_fast_paths(False)`` turns the
+columns off, and a one-element vector never reads them), and every change of the table's state
+or settings must drop them: after it, a call gives what a freshly built table gives.
+"""
+
+from __future__ import annotations
+
+import math
+import struct
+from collections.abc import Callable
+
+import numpy as np
+import pytest
+
+from veltrane import Config, LifeTable
+from veltrane.contingencies import annuity, insurance, net_premium, pure_endowment
+from veltrane.tables import decrement
+
+RATE = 0.04
+
+
+def bits(value: float) -> bytes:
+    return struct.pack("<d", value)
+
+
+def uncached(call: Callable[[], float]) -> float:
+    previous = decrement._set_fast_paths(False)
+    try:
+        return call()
+    finally:
+        decrement._set_fast_paths(previous)
+
+
+TABLES = {
+    "aggregate": lambda: LifeTable("SULT", "u", interest_rate=RATE),
+    "select at duration 1": lambda: LifeTable("CSO2017", "m", duration=1, interest_rate=RATE),
+    "select at duration 4": lambda: LifeTable("CSO2017", "f", duration=4, interest_rate=RATE),
+    "generational": lambda: LifeTable("DAV2004R", "m", cohort=1965, interest_rate=RATE),
+    "modified": lambda: _modified(),
+}
+
+
+def _modified() -> LifeTable:
+    t = LifeTable("SULT", "u", interest_rate=RATE)
+    t.modify_qx({"decrement_multiplier": 1.3})
+    return t
+
+
+CALLS: dict[str, Callable[[LifeTable, int], float]] = {
+    "annuity": lambda t, x: annuity(t, x),
+    "annuity n": lambda t, x: annuity(t, x, 10),
+    "annuity n=0": lambda t, x: annuity(t, x, 0),
+    "annuity i": lambda t, x: annuity(t, x, 20, i=0.07),
+    "annuity int i": lambda t, x: annuity(t, x, i=0),
+    "annuity negative i": lambda t, x: annuity(t, x, 15, i=-0.02),
+    "annuity m=12": lambda t, x: annuity(t, x, 20, m=12),
+    "annuity immediate": lambda t, x: annuity(t, x, due=False, m=4),
+    "annuity continuous": lambda t, x: annuity(t, x, m=None),
+    "annuity udd": lambda t, x: annuity(t, x, 15, m=12, method="udd"),
+    "annuity woolhouse2": lambda t, x: annuity(t, x, m=12, method="woolhouse2"),
+    "annuity float age": lambda t, x: annuity(t, float(x), 10.0),
+    "insurance": lambda t, x: insurance(t, x),
+    "insurance n": lambda t, x: insurance(t, x, 10),
+    "insurance endowment": lambda t, x: insurance(t, x, 10, endowment=True),
+    "insurance m=12": lambda t, x: insurance(t, x, m=12),
+    "insurance continuous": lambda t, x: insurance(t, x, 20, m=None),
+    "insurance udd": lambda t, x: insurance(t, x, m=4, method="udd"),
+    "pure_endowment": lambda t, x: pure_endowment(t, x, 10),
+    "pure_endowment i": lambda t, x: pure_endowment(t, x, 25, i=0.03),
+    "net_premium": lambda t, x: net_premium(t, x, 20),
+    "net_premium whole life": lambda t, x: net_premium(t, x),
+    "net_premium endowment": lambda t, x: net_premium(t, x, 15, endowment=True, m=12),
+    "ex": lambda t, x: t.ex(x),
+    "ex complete": lambda t, x: t.ex(x, complete=True),
+    "ex n": lambda t, x: t.ex(x, 10),
+    "ex complete n": lambda t, x: t.ex(x, 10, complete=True),
+}
+
+AGES = (0, 1, 30, 45, 65, 90, 115)
+
+
+@pytest.mark.parametrize("table", TABLES)
+@pytest.mark.parametrize("call", CALLS)
+def test_cached_values_have_the_bits_of_the_uncached_path(table, call):
+    t = TABLES[table]()
+    f = CALLS[call]
+    for x in AGES:
+        if x > t.w:
+            continue
+        expected = uncached(lambda x=x: f(t, x))
+        first, again = f(t, x), f(t, x)  # the first builds the column, the second reads it
+        assert bits(first) == bits(expected) == bits(again), (x, first, expected)
+
+
+@pytest.mark.parametrize("call", ["annuity n", "insurance m=12", "ex complete", "pure_endowment"])
+def test_a_column_serves_every_age_with_the_value_of_a_vector_call(call):
+    t = TABLES["select at duration 1"]()
+    f = CALLS[call]
+    f(t, 40)  # builds the column
+    ages = np.arange(t.w + 1)
+    one_by_one = [f(t, int(x)) for x in ages]
+    as_vectors = [float(f(t, np.array([float(x)]))[0]) if call != "ex complete" else None for x in ages]
+    expected = [uncached(lambda x=x: f(t, int(x))) for x in ages]
+    assert [bits(v) for v in one_by_one] == [bits(v) for v in expected]
+    if call != "ex complete":
+        assert [bits(v) for v in as_vectors] == [bits(v) for v in expected]
+
+
+def _set_sex(t: LifeTable) -> None:
+    t.sex = "f"
+
+
+def _configure(t: LifeTable) -> None:
+    t.configure(sex="f")
+
+
+def _modify(t: LifeTable) -> None:
+    t.modify_qx({"decrement_multiplier": 0.8})
+
+
+def _modify_and_reset(t: LifeTable) -> None:
+    t.modify_qx({"age_shift": 2})
+    annuity(t, 65)  # a column of the modified state, which the reset must drop
+    t.reset_modifications()
+
+
+def _batch(t: LifeTable) -> None:
+    with t.batch_update():
+        t.sex = "f"
+
+
+# (the change, the fresh table it must agree with)
+CHANGES = {
+    "sex setter": (_set_sex, lambda: LifeTable("CSO1980", "f", interest_rate=RATE)),
+    "configure": (_configure, lambda: LifeTable("CSO1980", "f", interest_rate=RATE)),
+    "batch_update": (_batch, lambda: LifeTable("CSO1980", "f", interest_rate=RATE)),
+    "modify_qx": (_modify, lambda: _fresh_modified({"decrement_multiplier": 0.8})),
+    "reset_modifications": (_modify_and_reset, lambda: LifeTable("CSO1980", "m", interest_rate=RATE)),
+    "interest_rate": (
+        lambda t: t.configure(interest_rate=0.06),
+        lambda: LifeTable("CSO1980", "m", interest_rate=0.06),
+    ),
+}
+
+
+def _fresh_modified(modification: dict) -> LifeTable:
+    t = LifeTable("CSO1980", "m", interest_rate=RATE)
+    t.modify_qx(modification)
+    return t
+
+
+@pytest.mark.parametrize("change", CHANGES)
+@pytest.mark.parametrize(
+    "call", ["annuity", "annuity m=12", "insurance n", "pure_endowment", "ex", "net_premium"]
+)
+def test_every_change_of_state_drops_the_columns(change, call):
+    make_change, fresh = CHANGES[change]
+    f = CALLS[call]
+    t = LifeTable("CSO1980", "m", interest_rate=RATE)
+    before = f(t, 65)
+    make_change(t)
+    after = f(t, 65)
+    expected = f(fresh(), 65)
+    assert bits(after) == bits(expected)
+    unchanged = change == "reset_modifications" or (change == "interest_rate" and call == "ex")
+    assert (after == before) == unchanged
+
+
+@pytest.mark.parametrize("call", ["annuity", "insurance n", "ex", "pure_endowment"])
+def test_a_rolled_back_batch_keeps_the_values_of_the_state_it_restores(call):
+    f = CALLS[call]
+    t = LifeTable("CSO1980", "m", interest_rate=RATE)
+    before = f(t, 65)
+    with pytest.raises(KeyError), t.batch_update():
+        t.sex = "f"
+        raise KeyError("abandon")
+    assert bits(f(t, 65)) == bits(before)
+    t.sex = "f"
+    assert bits(f(t, 65)) == bits(f(LifeTable("CSO1980", "f", interest_rate=RATE), 65))
+
+
+@pytest.mark.parametrize("duration", [2, 7, "ult"])
+def test_a_change_of_select_duration_moves_to_the_new_diagonal(duration):
+    t = LifeTable("CSO2017", "m", duration=1, interest_rate=RATE)
+    before = annuity(t, 45)
+    t.duration = duration
+    fresh = LifeTable("CSO2017", "m", duration=duration, interest_rate=RATE)
+
+    def values_of(table: LifeTable) -> list[float]:
+        return [annuity(table, 45), insurance(table, 45, 20), table.ex(45)]
+
+    assert values_of(t) == values_of(fresh)
+    assert annuity(t, 45) != before
+
+
+def test_a_change_of_cohort_drops_the_columns():
+    t = LifeTable("DAV2004R", "m", cohort=1950, interest_rate=RATE)
+    annuity(t, 65)
+    t.cohort = 1990
+    fresh = LifeTable("DAV2004R", "m", cohort=1990, interest_rate=RATE)
+    assert bits(annuity(t, 65)) == bits(annuity(fresh, 65))
+
+
+@pytest.mark.parametrize(
+    ("setting", "value", "call"),
+    [
+        ("lx_interpolation", "exponential", "annuity m=12"),
+        ("lx_interpolation", "hyperbolic", "ex complete"),
+        ("lx_interpolation", "exponential", "insurance continuous"),
+    ],
+)
+def test_a_change_of_settings_drops_the_columns(setting, value, call):
+    f = CALLS[call]
+    t = LifeTable("SULT", "u", interest_rate=RATE)
+    before = f(t, 65)
+    with Config().override(**{setting: value}):
+        inside = f(t, 65)
+        expected = f(LifeTable("SULT", "u", interest_rate=RATE), 65)
+        assert bits(inside) == bits(expected) == bits(uncached(lambda: f(t, 65)))
+        assert inside != before
+    assert bits(f(t, 65)) == bits(before)
+
+
+def test_a_change_of_decimals_leaves_the_unrounded_values():
+    t = LifeTable("SULT", "u", interest_rate=RATE)
+    before = annuity(t, 65)
+    with Config().override(decimals={"lx": 3}):
+        assert bits(annuity(t, 65)) == bits(before)
+
+
+def test_a_deep_copy_and_a_pickle_give_the_same_values():
+    import copy
+    import pickle
+
+    t = LifeTable("CSO2017", "m", duration=3, interest_rate=RATE)
+    value = annuity(t, 50, 10)
+    twin = copy.deepcopy(t)
+    twin.sex = "f"
+    assert bits(annuity(t, 50, 10)) == bits(value)
+    assert bits(annuity(pickle.loads(pickle.dumps(t)), 50, 10)) == bits(value)
+
+
+@pytest.mark.parametrize(
+    ("call", "error"),
+    [
+        (lambda t: annuity(t, 65, m=5), ValueError),
+        (lambda t: annuity(t, 65, 10, method="woolhouse9"), ValueError),
+        (lambda t: annuity(t, 121), ValueError),
+        (lambda t: annuity(t, 65, moment=3), ValueError),
+        (lambda t: insurance(t, 65, endowment=True), ValueError),
+        (lambda t: insurance(t, 65, 10, i=-1.0), ValueError),
+        (lambda t: pure_endowment(t, 65, -1), ValueError),
+        (lambda t: annuity(t, 65, due=1), TypeError),
+        (lambda t: t.ex(130), ValueError),
+    ],
+)
+def test_refused_calls_stay_refused_with_columns_in_place(call, error):
+    t = LifeTable("SULT", "u", interest_rate=RATE)
+    annuity(t, 65), annuity(t, 65, 10), insurance(t, 65), pure_endowment(t, 65, 1), t.ex(65)
+    with pytest.raises(error):
+        call(t)
+
+
+def test_a_select_table_modified_at_a_select_duration_is_refused_after_a_cached_call():
+    t = LifeTable("CSO2017", "m", duration=1, interest_rate=RATE)
+    annuity(t, 45)
+    t.modify_qx({"decrement_multiplier": 1.1})
+    with pytest.raises(ValueError, match="carries modifications"):
+        annuity(t, 45)
+
+
+def test_values_beyond_a_float_are_refused_at_each_call():
+    t = LifeTable("SULT", "u")
+    with pytest.raises(ValueError, match="beyond the range"):
+        annuity(t, 0, i=-0.999999)
+    with pytest.raises(ValueError, match="beyond the range"):
+        annuity(t, 0, i=-0.999999)
+    assert math.isfinite(annuity(t, 119, i=-0.5))
+
+
+class _DoubleRate(LifeTable):
+    """A subclass whose rate is its own: twice the one it was given."""
+
+    __slots__ = ()
+
+    @property
+    def interest_rate(self) -> float | None:
+        rate = super().interest_rate
+        return None if rate is None else 2.0 * rate
+
+
+@pytest.mark.parametrize("call", ["annuity", "insurance n", "pure_endowment"])
+def test_the_rate_of_a_subclass_is_its_own_property(call):
+    f = CALLS[call]
+    t = _DoubleRate("SULT", "u", interest_rate=RATE)
+    doubled = LifeTable("SULT", "u", interest_rate=2.0 * RATE)
+    for _ in range(2):
+        assert bits(f(t, 65)) == bits(f(doubled, 65))
+
+
+def test_threads_reading_one_table_build_and_read_the_same_values():
+    from concurrent.futures import ThreadPoolExecutor
+
+    t = LifeTable("CSO2017", "m", duration=2, interest_rate=RATE)
+    # More bases than a table keeps, so that columns are built, replaced and read at once.
+    bases = [(n, i) for n in (None, 5, 10, 20) for i in (0.01 * k for k in range(1, 21))]
+    expected = {(n, i): uncached(lambda n=n, i=i: annuity(t, 50, n, i=i)) for n, i in bases}
+
+    def work(offset: int) -> bool:
+        ordered = bases[offset:] + bases[:offset]
+        return all(bits(annuity(t, 50, n, i=i)) == bits(expected[(n, i)]) for n, i in ordered * 3)
+
+    with ThreadPoolExecutor(4) as pool:
+        assert all(pool.map(work, range(0, 80, 20)))
