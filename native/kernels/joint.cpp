@@ -69,13 +69,16 @@ double pair_annuity(const PairSurvival& s, const Interest& r, const Payments& p,
     const double h = 1.0 / p.m;
     const double count = n == kWholeLife ? kWholeLife : periods(n, p.m);
     const double first = periods(p.defer, p.m) + (p.due ? 0.0 : 1.0);
+    // The discount factor carried from payment to payment (one exp per call, not per payment).
+    const double step = std::exp(-r.delta * h);
+    double discount = std::exp(-r.delta * first * h);
     double sum = 0.0;
-    for (double k = 0.0; k < count; k += 1.0) {
+    for (double k = 0.0; k < count; k += 1.0, discount *= step) {
         const double t = (first + k) * h;
         if (t >= horizon) break;
         const double alive = s(t);
         // A payment no life reaches is 0, however far the discount factor has grown.
-        if (alive != 0.0) sum += std::exp(-r.delta * t) * alive;
+        if (alive != 0.0) sum += discount * alive;
     }
     return sum * h;
 }
@@ -95,11 +98,13 @@ double pair_insurance(const PairSurvival& s, const Interest& r, double defer, in
         const double h = 1.0 / m;
         const double first = periods(defer, m);
         const double last = n == kWholeLife ? kWholeLife : first + periods(n, m);
+        const double step = std::exp(-r.delta * h);
+        double discount = std::exp(-r.delta * (first + 1.0) * h);
         double before = s(first * h);
-        for (double j = first; j < last && j * h < horizon; j += 1.0) {
+        for (double j = first; j < last && j * h < horizon; j += 1.0, discount *= step) {
             const double after = s((j + 1.0) * h);
             const double failing = before - after;
-            if (failing != 0.0) sum += std::exp(-r.delta * (j + 1.0) * h) * failing;
+            if (failing != 0.0) sum += discount * failing;
             before = after;
         }
     }

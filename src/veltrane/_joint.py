@@ -19,6 +19,8 @@ if TYPE_CHECKING:
 
 Status = Literal["joint", "last"]
 STATUSES: tuple[Status, ...] = ("joint", "last")
+# The names in messages of the values that are not functions of their own.
+METHODS = {"tpx": "JointLife.tpx", "ex": "JointLife.ex", "ex_complete": "JointLife.ex"}
 
 
 def pair(x: object, method: str) -> tuple[Any, Any]:
@@ -90,11 +92,22 @@ class JointLife:
     def __repr__(self) -> str:
         return f"JointLife({self._first!r}, {self._second!r}, status={self._status!r})"
 
-    def value(self, kind: str, x: object, n: object = None, **options: object) -> float | NDArray[np.float64]:
+    def value(
+        self,
+        kind: str,
+        x: object,
+        n: object = None,
+        i: object = None,
+        m: object = 1,
+        due: object = True,
+        defer: object = 0,
+        endowment: object = False,
+    ) -> float | NDArray[np.float64]:
         """The compiled value ``kind`` at the pair of ages ``x`` (for the contingency functions)."""
-        method = {"tpx": "JointLife.tpx", "ex": "JointLife.ex", "ex_complete": "JointLife.ex"}.get(kind, kind)
-        ages = pair(x, method)
-        return _native._joint(kind, self._first, self._second, self._status, ages[0], ages[1], n, **options)  # type: ignore[arg-type]
+        first, second = pair(x, METHODS.get(kind, kind))
+        return _native._joint(
+            kind, self._first, self._second, self._status, first, second, n, i, m, due, defer, endowment
+        )
 
     @overload
     def tpx(self, x: tuple[Number, Number], t: Number) -> float: ...  # type: ignore[overload-overlap]  # NumPy scalars are arrays to mypy

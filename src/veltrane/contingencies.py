@@ -214,8 +214,9 @@ def annuity(
         table at a select duration that carries modifications (use ``select_path``).
     """
     if isinstance(table, JointLife):
-        _joint_options("annuity", method, moment, increasing, decreasing)
-        return table.value("annuity", x, n, i=i, m=m, due=due, defer=defer)
+        if method != "exact" or moment != 1 or increasing or decreasing:
+            _joint_options("annuity", method, moment, increasing, decreasing)
+        return table.value("annuity", x, n, i, m, due, defer)
     return _native._annuity(table, x, n, i, due, m, defer, method, moment, increasing, decreasing)
 
 
@@ -350,8 +351,9 @@ def insurance(
     float or ndarray
     """
     if isinstance(table, JointLife):
-        _joint_options("insurance", method, moment, increasing, decreasing)
-        return table.value("insurance", x, n, i=i, m=m, defer=defer, endowment=endowment)
+        if method != "exact" or moment != 1 or increasing or decreasing:
+            _joint_options("insurance", method, moment, increasing, decreasing)
+        return table.value("insurance", x, n, i, m, True, defer, endowment)
     return _native._insurance(table, x, n, i, m, defer, endowment, method, moment, increasing, decreasing)
 
 
