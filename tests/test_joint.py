@@ -117,7 +117,7 @@ def test_monthly_values_at_fractional_ages_follow_each_tables_interpolation(
 
 
 @pytest.mark.parametrize("status", ["joint", "last"])
-@pytest.mark.parametrize("i", [0.03, 0.05])
+@pytest.mark.parametrize("i", [0.03, 0.05, -0.02])  # a negative rate too: v > 1
 @pytest.mark.parametrize("m", [1, 4, None])
 def test_whole_life_insurance_is_one_less_d_times_the_annuity_due(pair_tables, status, i, m):
     couple = JointLife(*pair_tables, status=status)

@@ -92,7 +92,7 @@ class JointLife:
     def __repr__(self) -> str:
         return f"JointLife({self._first!r}, {self._second!r}, status={self._status!r})"
 
-    def value(
+    def _value(
         self,
         kind: str,
         x: object,
@@ -115,7 +115,7 @@ class JointLife:
     def tpx(self, x: tuple[Numbers, Numbers], t: Numbers) -> NDArray[np.float64]: ...
     def tpx(self, x: tuple[Numbers, Numbers], t: Numbers) -> float | NDArray[np.float64]:
         """Probability that the status survives ``t`` years (any real t >= 0) from the ages ``(x, y)``."""
-        return self.value("tpx", x, t)
+        return self._value("tpx", x, t)
 
     @overload
     def tqx(self, x: tuple[Number, Number], t: Number) -> float: ...  # type: ignore[overload-overlap]  # NumPy scalars are arrays to mypy
@@ -123,7 +123,7 @@ class JointLife:
     def tqx(self, x: tuple[Numbers, Numbers], t: Numbers) -> NDArray[np.float64]: ...
     def tqx(self, x: tuple[Numbers, Numbers], t: Numbers) -> float | NDArray[np.float64]:
         """Probability that the status fails within ``t`` years: 1 - tpx."""
-        p = self.value("tpx", x, t)
+        p = self._value("tpx", x, t)
         return 1.0 - p if isinstance(p, float) else np.subtract(1.0, p)
 
     @overload
@@ -143,4 +143,4 @@ class JointLife:
         """
         if not isinstance(complete, (bool, np.bool_)):
             raise TypeError(f"[JointLife.ex] complete must be True or False, got {type(complete).__name__}")
-        return self.value("ex_complete" if complete else "ex", x, n)
+        return self._value("ex_complete" if complete else "ex", x, n)

@@ -18,6 +18,12 @@ single value goes with every element of the other. A number in gives a float out
 float64 vector. In the year after ``w`` the survivors at ``w`` leave uniformly (see
 ``docs/annuities.md``).
 
+Two lives: :class:`JointLife` (a joint-life or last-survivor status of two lives, each on its
+own table) takes the place of a table in :func:`annuity`, :func:`insurance`,
+:func:`pure_endowment` and :func:`net_premium`, with the pair of ages ``x=(x, y)``;
+:func:`reversionary_annuity` and :func:`contingent_insurance` value a life against another (see
+``docs/joint-lives.md``).
+
 Examples
 --------
 >>> from veltrane import LifeTable
@@ -216,7 +222,7 @@ def annuity(
     if isinstance(table, JointLife):
         if method != "exact" or moment != 1 or increasing or decreasing:
             _joint_options("annuity", method, moment, increasing, decreasing)
-        return table.value("annuity", x, n, i, m, due, defer)
+        return table._value("annuity", x, n, i, m, due, defer)
     return _native._annuity(table, x, n, i, due, m, defer, method, moment, increasing, decreasing)
 
 
@@ -353,7 +359,7 @@ def insurance(
     if isinstance(table, JointLife):
         if method != "exact" or moment != 1 or increasing or decreasing:
             _joint_options("insurance", method, moment, increasing, decreasing)
-        return table.value("insurance", x, n, i, m, True, defer, endowment)
+        return table._value("insurance", x, n, i, m, True, defer, endowment)
     return _native._insurance(table, x, n, i, m, defer, endowment, method, moment, increasing, decreasing)
 
 
@@ -391,7 +397,7 @@ def pure_endowment(
     float or ndarray
     """
     if isinstance(table, JointLife):
-        return table.value("pure_endowment", x, n, i=i)
+        return table._value("pure_endowment", x, n, i=i)
     return _native._pure_endowment(table, x, n, i)
 
 
@@ -513,8 +519,8 @@ def net_premium(
             raise ValueError("[net_premium] premium_term must not exceed n")
     if isinstance(table, JointLife):
         _joint_options("net_premium", method)
-        benefit = table.value("insurance", x, n, i=i, m=benefit_m, endowment=endowment)
-        payments = table.value("annuity", x, paying, i=i, m=m)
+        benefit = table._value("insurance", x, n, i=i, m=benefit_m, endowment=endowment)
+        payments = table._value("annuity", x, paying, i=i, m=m)
     else:
         benefit_method = "udd" if method == "udd" else "exact"
         benefit = _native._insurance(table, x, n, i, benefit_m, 0, endowment, benefit_method)
@@ -599,7 +605,7 @@ def reversionary_annuity(
         raise TypeError(
             f"[reversionary_annuity] payee_table must be a DecrementTable, got {type(payee_table).__name__}"
         )
-    couple = JointLife(failing_table, payee_table).value("annuity", (x, y), n, i=rate, m=m, due=due)
+    couple = JointLife(failing_table, payee_table)._value("annuity", (x, y), n, i=rate, m=m, due=due)
     # The payee's ages broadcast over the pair's (a number with an array of x).
     ages = np.broadcast_to(np.asarray(y, dtype=np.float64), np.shape(couple)) if np.ndim(couple) else y
     payee = _native._annuity(payee_table, ages, n, rate, due, m)
@@ -651,7 +657,7 @@ def contingent_insurance(
     -------
     float or ndarray
     """
-    return JointLife(first_table, second_table).value("contingent", (x, y), n, i=i)
+    return JointLife(first_table, second_table)._value("contingent", (x, y), n, i=i)
 
 
 def commutation(table: DecrementTable, i: float | None = None) -> pl.DataFrame:
