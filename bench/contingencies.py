@@ -1,8 +1,9 @@
 """Cost of the life contingencies: scalar calls and whole-life annuities at every age.
 
 Run with ``python bench/contingencies.py`` (or as part of ``make bench``). Targets: a scalar
-call at most 2 microseconds (the continuous annuity, ``mu`` and ``lifetime_quantile`` too; the
-exponential and hyperbolic interpolations and the increasing benefits are reported beside);
+call at most 2 microseconds (the continuous annuity, ``mu``, ``lifetime_quantile`` and the
+joint-life and last-survivor annuities of two lives on two tables too; the exponential and
+hyperbolic interpolations and the increasing benefits are reported beside);
 the whole-life annuity-due at every age of a table in one call at most 2 times the NumPy floor
 (survivors by cumprod, discount, reverse cumsum), whose values it must reproduce. Scalar calls
 at whole ages and terms read columns cached with the table state: ``annuity(t, 65)`` and
@@ -21,7 +22,7 @@ import numpy as np
 from timing import median_seconds
 from veltrane import LifeTable
 from veltrane.config import Config
-from veltrane.contingencies import annuity, commutation, insurance, pure_endowment
+from veltrane.contingencies import JointLife, annuity, commutation, insurance, pure_endowment
 
 SCALAR_TARGET_US = 2.0
 VECTOR_TARGET_RATIO = 2.0
@@ -112,6 +113,9 @@ def main() -> None:
         "t": table,
         # A select table at duration 1: every call follows the select diagonal (25 select years).
         "s": LifeTable("CSO2017", "m", duration=1, interest_rate=RATE),
+        # Two lives on two tables: a joint-life and a last-survivor status.
+        "c": JointLife(table, LifeTable("CSO1980", "f"), status="joint"),
+        "ls": JointLife(table, LifeTable("CSO1980", "f"), status="last"),
         "annuity": annuity,
         "insurance": insurance,
         "pure_endowment": pure_endowment,
@@ -131,6 +135,10 @@ def main() -> None:
         "t.lifetime_quantile(65, 0.5)",
         "insurance(s, 45)",
         "annuity(s, 45, m=None)",
+        "annuity(c, (65, 60))",
+        "annuity(ls, (65, 60))",
+        "insurance(c, (65, 60), 20)",
+        "c.tpx((65, 60), 10)",
     ):
         us = scalar_us(stmt, namespace)
         print(f"    {stmt:<42} {us:6.2f} us   {'ok' if us <= SCALAR_TARGET_US else 'MISSED'}")

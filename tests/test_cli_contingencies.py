@@ -83,3 +83,35 @@ def test_refusals(capsys, command, message):
     code, out, err = run(capsys, command)
     assert (code, out) == (2, "") and err.startswith(f"veltrane {command.split()[0]}: error: {message}")
     assert err.count("\n") == 1
+
+
+TWO = "annuity SULT --sex u --age 65 --rate 0.05 --second CSO1980 --second-sex f --second-age "
+
+
+@pytest.mark.parametrize("status", ["joint", "last"])
+def test_annuity_on_two_lives(capsys, status):
+    from veltrane.contingencies import JointLife
+
+    couple = JointLife(SULT, LifeTable("CSO1980", "f"), status=status)
+    code, out, err = run(capsys, TWO + f"60 --status {status} --m 12")
+    assert (code, err) == (0, "") and out == f"{annuity(couple, (65, 60), i=0.05, m=12)!r}\n"
+    code, out, _ = run(capsys, TWO + f"60,62 --status {status} --term 10")
+    rows = [f"65\t{y}\t10\t{annuity(couple, (65, y), 10, i=0.05)!r}" for y in (60, 62)]
+    assert (code, out) == (0, "age\tsecond_age\tterm\tvalue\n" + "\n".join(rows) + "\n")
+
+
+@pytest.mark.parametrize(
+    ("command", "message"),
+    [
+        (
+            ANNUITY + "65 --rate 0.05 --second-age 60",
+            "--second-sex, --second-age and --status need --second NAME2",
+        ),
+        (ANNUITY + "65 --rate 0.05 --second SULT", "--second needs --second-age"),
+        (TWO + "60 --method udd", "[annuity] two lives are valued with method='exact'"),
+        (TWO + "60,61,62 --age 1,2", "[annuity] the ages x and y of the pair must have the same length"),
+    ],
+)
+def test_two_lives_refusals(capsys, command, message):
+    code, out, err = run(capsys, command)
+    assert (code, out) == (2, "") and err.startswith(f"veltrane annuity: error: {message}")

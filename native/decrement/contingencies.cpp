@@ -190,14 +190,12 @@ actuarial::Values term(PyObject* n, int per_year, const char* method) {
     return v;
 }
 
-namespace {
 double deferment(PyObject* defer, int per_year, const char* method) {
     if (defer == nullptr) return 0.0;
     const double v = numeric::validate_scalar(defer, "defer", method);
     check_periods(std::span<const double>(&v, 1), per_year, method, "defer");
     return v;
 }
-}  // namespace
 
 void check_lengths(const actuarial::Values& x, const actuarial::Values& n, const char* method) {
     if (x.scalar || n.scalar) return;
@@ -206,8 +204,6 @@ void check_lengths(const actuarial::Values& x, const actuarial::Values& n, const
                   static_cast<Py_ssize_t>(x.size()), static_cast<Py_ssize_t>(n.size()));
     }
 }
-
-namespace {
 
 TableObject* table_argument(PyObject* module, PyObject* table, const char* method) {
     ModuleState* st = state_of(module);
@@ -242,6 +238,8 @@ kernels::Interest interest(PyObject* table, PyObject* i, const char* method) {
     }
     return kernels::Interest(rate);
 }
+
+namespace {
 
 using Breakdown = std::optional<kernels::Breakdown>;
 
@@ -297,12 +295,16 @@ Method annuity_method(PyObject* method) {
 
 #define FASTCALL_KW(f) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(f))
 
+}  // namespace
+
 // m: 1, 2, 3, 4, 6 or 12, or None for payments made continuously (kernels::kContinuous).
 int frequency(PyObject* m, const char* method) {
     if (m == nullptr) return 1;
     if (m == Py_None) return kernels::kContinuous;
     return numeric::payment_frequency(m, method);
 }
+
+namespace {
 
 // moment: 1 (the value) or 2 (the second moment of the present value).
 int moment_argument(PyObject* moment, const char* method) {
@@ -579,6 +581,7 @@ PyMethodDef functions[] = {
 void bind_contingencies(PyObject* module) {
     py::add_functions(module, contingencies::functions);
     bind_interest(module);
+    bind_joint(module);
 }
 
 }  // namespace veltrane::decrement

@@ -20,6 +20,8 @@ extern PyMethodDef expectation_methods[];
 // (and _interest, through bind_interest of interest.cpp).
 void bind_contingencies(PyObject* module);
 void bind_interest(PyObject* module);
+// Binds _joint (joint.cpp): the values of two lives.
+void bind_joint(PyObject* module);
 
 namespace contingencies {
 
@@ -58,6 +60,18 @@ public:
     // The table's l vector it was built on.
     PyObject* source() const noexcept { return keep_.get(); }
 
+    // The model a life aged x follows, its diagonal's built in `l` when there is one (then valid
+    // while `l` is): one life at a time, for the values of two lives.
+    kernels::LifeModel model_at(double x, std::vector<double>& l) const {
+        if (!on_diagonal_) return model_;
+        const auto w = static_cast<std::size_t>(model_.s.w);
+        l.resize(w + 1);
+        kernels::diagonal_survivorship(diagonal_, std::min(kernels::diagonal_age(x, model_.s.eps), w), radix_, l);
+        kernels::LifeModel path = model_;
+        path.s.l = l;
+        return path;
+    }
+
 private:
     py::ref keep_;              // the table's l vector
     kernels::LifeModel model_;  // on it; on a diagonal, its settings and w serve every path
@@ -76,6 +90,14 @@ actuarial::Values term(PyObject* n, int per_year, const char* method);
 void check_lengths(const actuarial::Values& x, const actuarial::Values& n, const char* method);
 // A bool argument (True, False or a NumPy bool); TypeError naming it otherwise.
 bool flag(PyObject* value, std::string_view method, std::string_view name);
+// The table argument of a module function (TypeError unless a DecrementTable), ready to compute.
+TableObject* table_argument(PyObject* module, PyObject* table, const char* method);
+// The rate i of the call, or else the table's interest_rate; finite and > -1.
+kernels::Interest interest(PyObject* table, PyObject* i, const char* method);
+// m: 1, 2, 3, 4, 6 or 12, or None (kernels::kContinuous).
+int frequency(PyObject* m, const char* method);
+// A deferment >= 0 in whole periods of 1/per_year years (0 when not given).
+double deferment(PyObject* defer, int per_year, const char* method);
 
 }  // namespace contingencies
 }  // namespace veltrane::decrement

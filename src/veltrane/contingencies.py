@@ -18,6 +18,12 @@ single value goes with every element of the other. A number in gives a float out
 float64 vector. In the year after ``w`` the survivors at ``w`` leave uniformly (see
 ``docs/annuities.md``).
 
+Two lives: :class:`JointLife` (a joint-life or last-survivor status of two lives, each on its
+own table) takes the place of a table in :func:`annuity`, :func:`insurance`,
+:func:`pure_endowment` and :func:`net_premium`, with the pair of ages ``x=(x, y)``;
+:func:`reversionary_annuity` and :func:`contingent_insurance` value a life against another (see
+``docs/joint-lives.md``).
+
 Examples
 --------
 >>> from veltrane import LifeTable
@@ -34,6 +40,7 @@ from typing import TYPE_CHECKING, Any, Literal, overload
 import numpy as np
 import polars as pl
 
+from veltrane._joint import JointLife
 from veltrane.tables import decrement as _native
 
 if TYPE_CHECKING:
@@ -47,8 +54,21 @@ if TYPE_CHECKING:
     Number = float | np.floating[Any] | np.integer[Any]
     Many = Sequence[float] | NDArray[np.floating[Any]] | NDArray[np.integer[Any]]
     Numbers = Number | Many
+    # The ages of two lives (a JointLife): a pair of numbers gives a float, else a float64 array.
+    Pair = tuple[Number, Number]
+    Pairs = tuple[Numbers, Numbers]
 
-__all__ = ["annuity", "commutation", "insurance", "life_table", "net_premium", "pure_endowment"]
+__all__ = [
+    "JointLife",
+    "annuity",
+    "commutation",
+    "contingent_insurance",
+    "insurance",
+    "life_table",
+    "net_premium",
+    "pure_endowment",
+    "reversionary_annuity",
+]
 
 AnnuityMethod = Literal["exact", "udd", "woolhouse", "woolhouse2"]
 InsuranceMethod = Literal["exact", "udd"]
@@ -106,9 +126,41 @@ def annuity(
 ) -> NDArray[np.float64]: ...
 
 
+@overload
+def annuity(  # type: ignore[overload-overlap]  # NumPy scalars are arrays to mypy
+    table: JointLife,
+    x: Pair,
+    n: Number | None = None,
+    *,
+    i: float | None = None,
+    due: bool = True,
+    m: int | None = 1,
+    defer: float = 0,
+    method: AnnuityMethod = "exact",
+    moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
+) -> float: ...
+@overload
 def annuity(
-    table: DecrementTable,
-    x: Numbers,
+    table: JointLife,
+    x: Pairs,
+    n: Numbers | None = None,
+    *,
+    i: float | None = None,
+    due: bool = True,
+    m: int | None = 1,
+    defer: float = 0,
+    method: AnnuityMethod = "exact",
+    moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
+) -> NDArray[np.float64]: ...
+
+
+def annuity(
+    table: DecrementTable | JointLife,
+    x: Numbers | Pairs,
     n: Numbers | None = None,
     *,
     i: float | None = None,
@@ -124,10 +176,10 @@ def annuity(
 
     Parameters
     ----------
-    table : DecrementTable
-        The table whose survivorship the payments depend on.
+    table : DecrementTable or JointLife
+        The table whose survivorship the payments depend on, or two lives.
     x : float or array-like
-        Ages in [0, w].
+        Ages in [0, w]; for a JointLife the pair (x, y).
     n : float or array-like, optional
         Term in years (payments stop at ``defer + n``); None for a whole-life annuity.
     i : float, optional
@@ -167,6 +219,10 @@ def annuity(
         Among others: ``i`` <= -1, a value beyond the range of a float (rates near -1), a select
         table at a select duration that carries modifications (use ``select_path``).
     """
+    if isinstance(table, JointLife):
+        if method != "exact" or moment != 1 or increasing or decreasing:
+            _joint_options("annuity", method, moment, increasing, decreasing)
+        return table._value("annuity", x, n, i, m, due, defer)
     return _native._annuity(table, x, n, i, due, m, defer, method, moment, increasing, decreasing)
 
 
@@ -217,9 +273,41 @@ def insurance(
 ) -> NDArray[np.float64]: ...
 
 
+@overload
+def insurance(  # type: ignore[overload-overlap]  # NumPy scalars are arrays to mypy
+    table: JointLife,
+    x: Pair,
+    n: Number | None = None,
+    *,
+    i: float | None = None,
+    m: int | None = 1,
+    defer: float = 0,
+    endowment: bool = False,
+    method: InsuranceMethod = "exact",
+    moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
+) -> float: ...
+@overload
 def insurance(
-    table: DecrementTable,
-    x: Numbers,
+    table: JointLife,
+    x: Pairs,
+    n: Numbers | None = None,
+    *,
+    i: float | None = None,
+    m: int | None = 1,
+    defer: float = 0,
+    endowment: bool = False,
+    method: InsuranceMethod = "exact",
+    moment: int = 1,
+    increasing: bool = False,
+    decreasing: bool = False,
+) -> NDArray[np.float64]: ...
+
+
+def insurance(
+    table: DecrementTable | JointLife,
+    x: Numbers | Pairs,
     n: Numbers | None = None,
     *,
     i: float | None = None,
@@ -235,10 +323,11 @@ def insurance(
 
     Parameters
     ----------
-    table : DecrementTable
-        The table whose decrements the benefit depends on.
+    table : DecrementTable or JointLife
+        The table whose decrements the benefit depends on, or two lives (paid on the failure
+        of their status).
     x : float or array-like
-        Ages in [0, w].
+        Ages in [0, w]; for a JointLife the pair (x, y).
     n : float or array-like, optional
         Term in whole years (cover from ``defer`` to ``defer + n``); None for whole life.
     i : float, optional
@@ -267,6 +356,10 @@ def insurance(
     -------
     float or ndarray
     """
+    if isinstance(table, JointLife):
+        if method != "exact" or moment != 1 or increasing or decreasing:
+            _joint_options("insurance", method, moment, increasing, decreasing)
+        return table._value("insurance", x, n, i, m, True, defer, endowment)
     return _native._insurance(table, x, n, i, m, defer, endowment, method, moment, increasing, decreasing)
 
 
@@ -276,18 +369,24 @@ def pure_endowment(table: DecrementTable, x: Number, n: Number, *, i: float | No
 def pure_endowment(
     table: DecrementTable, x: Number | Many, n: Number | Many, *, i: float | None = None
 ) -> NDArray[np.float64]: ...
+@overload
+def pure_endowment(table: JointLife, x: Pair, n: Number, *, i: float | None = None) -> float: ...  # type: ignore[overload-overlap]  # NumPy scalars are arrays to mypy
+@overload
+def pure_endowment(
+    table: JointLife, x: Pairs, n: Numbers, *, i: float | None = None
+) -> NDArray[np.float64]: ...
 
 
 def pure_endowment(
-    table: DecrementTable, x: Numbers, n: Numbers, *, i: float | None = None
+    table: DecrementTable | JointLife, x: Numbers | Pairs, n: Numbers, *, i: float | None = None
 ) -> float | NDArray[np.float64]:
     """Present value of 1 paid after ``n`` years on survival: v^n l(x + n) / l(x).
 
     Parameters
     ----------
-    table : DecrementTable
+    table : DecrementTable or JointLife
     x : float or array-like
-        Ages in [0, w].
+        Ages in [0, w]; for a JointLife the pair (x, y) (the status's survival in place of l).
     n : float or array-like
         Years (>= 0; any real number).
     i : float, optional
@@ -297,6 +396,8 @@ def pure_endowment(
     -------
     float or ndarray
     """
+    if isinstance(table, JointLife):
+        return table._value("pure_endowment", x, n, i=i)
     return _native._pure_endowment(table, x, n, i)
 
 
@@ -328,9 +429,37 @@ def net_premium(
 ) -> NDArray[np.float64]: ...
 
 
+@overload
+def net_premium(  # type: ignore[overload-overlap]  # NumPy scalars are arrays to mypy
+    table: JointLife,
+    x: Pair,
+    n: Number | None = None,
+    *,
+    i: float | None = None,
+    endowment: bool = False,
+    m: int | None = 1,
+    benefit_m: int | None = 1,
+    premium_term: Number | None = None,
+    method: AnnuityMethod = "exact",
+) -> float: ...
+@overload
 def net_premium(
-    table: DecrementTable,
-    x: Numbers,
+    table: JointLife,
+    x: Pairs,
+    n: Numbers | None = None,
+    *,
+    i: float | None = None,
+    endowment: bool = False,
+    m: int | None = 1,
+    benefit_m: int | None = 1,
+    premium_term: Numbers | None = None,
+    method: AnnuityMethod = "exact",
+) -> NDArray[np.float64]: ...
+
+
+def net_premium(
+    table: DecrementTable | JointLife,
+    x: Numbers | Pairs,
     n: Numbers | None = None,
     *,
     i: float | None = None,
@@ -349,9 +478,9 @@ def net_premium(
 
     Parameters
     ----------
-    table : DecrementTable
+    table : DecrementTable or JointLife
     x : float or array-like
-        Ages in [0, w].
+        Ages in [0, w]; for a JointLife the pair (x, y) (cover and premiums on its status).
     n : float or array-like, optional
         Term of the cover in whole years; None for whole life.
     i : float, optional
@@ -391,14 +520,149 @@ def net_premium(
         excess = np.asarray(premium_term, dtype=np.float64) > np.asarray(n, dtype=np.float64)
         if np.any(excess):
             raise ValueError("[net_premium] premium_term must not exceed n")
-    benefit_method = "udd" if method == "udd" else "exact"
-    benefit = _native._insurance(table, x, n, i, benefit_m, 0, endowment, benefit_method)
-    payments = _native._annuity(table, x, paying, i, True, m, 0, method)
+    if isinstance(table, JointLife):
+        _joint_options("net_premium", method)
+        benefit = table._value("insurance", x, n, i=i, m=benefit_m, endowment=endowment)
+        payments = table._value("annuity", x, paying, i=i, m=m)
+    else:
+        benefit_method = "udd" if method == "udd" else "exact"
+        benefit = _native._insurance(table, x, n, i, benefit_m, 0, endowment, benefit_method)
+        payments = _native._annuity(table, x, paying, i, True, m, 0, method)
     if whole and payments:
-        return benefit / payments
+        return float(benefit) / float(payments)
     with np.errstate(divide="ignore", invalid="ignore"):
         premium = np.divide(benefit, payments)
     return float(premium) if np.ndim(premium) == 0 else premium
+
+
+def _joint_options(
+    function: str, method: str, moment: int = 1, increasing: bool = False, decreasing: bool = False
+) -> None:
+    """Refuses, for two lives, the options valued on one life's table alone."""
+    if method != "exact":
+        raise ValueError(
+            f"[{function}] two lives are valued with method='exact' (their survival is exact), got {method!r}"
+        )
+    if moment != 1:
+        raise ValueError(f"[{function}] moment=2 is for one life")
+    if increasing or decreasing:
+        raise ValueError(f"[{function}] increasing and decreasing benefits are for one life")
+
+
+@overload
+def reversionary_annuity(  # type: ignore[overload-overlap]  # NumPy scalars are arrays to mypy
+    failing_table: DecrementTable,
+    x: Number,
+    payee_table: DecrementTable,
+    y: Number,
+    n: Number | None = None,
+    *,
+    i: float | None = None,
+    m: int | None = 1,
+    due: bool = True,
+) -> float: ...
+@overload
+def reversionary_annuity(
+    failing_table: DecrementTable,
+    x: Numbers,
+    payee_table: DecrementTable,
+    y: Numbers,
+    n: Numbers | None = None,
+    *,
+    i: float | None = None,
+    m: int | None = 1,
+    due: bool = True,
+) -> NDArray[np.float64]: ...
+
+
+def reversionary_annuity(
+    failing_table: DecrementTable,
+    x: Numbers,
+    payee_table: DecrementTable,
+    y: Numbers,
+    n: Numbers | None = None,
+    *,
+    i: float | None = None,
+    m: int | None = 1,
+    due: bool = True,
+) -> float | NDArray[np.float64]:
+    """Annuity to the payee (aged y) from the death of the failing life (aged x): a_y - a_xy.
+
+    A widow's pension: payable while the payee lives after the failing life has died, over the
+    first ``n`` years (None: for life). Each life on its own table; ``i`` from the call or else
+    from the failing table's ``interest_rate``; ``m`` and ``due`` as for :func:`annuity`, for both
+    annuities alike (so with ``due=True`` it is ä_y - ä_xy).
+
+    Returns
+    -------
+    float or ndarray
+
+    Examples
+    --------
+    >>> from veltrane import LifeTable
+    >>> t = LifeTable("SULT", "u", interest_rate=0.05)
+    >>> couple = annuity(JointLife(t, t), (65, 60))
+    >>> round(reversionary_annuity(t, 65, t, 60) - (annuity(t, 60) - couple), 12)
+    0.0
+    """
+    rate = i if i is not None else getattr(failing_table, "interest_rate", None)
+    if not isinstance(payee_table, _native.DecrementTable):
+        raise TypeError(
+            f"[reversionary_annuity] payee_table must be a DecrementTable, got {type(payee_table).__name__}"
+        )
+    couple = JointLife(failing_table, payee_table)._value("annuity", (x, y), n, i=rate, m=m, due=due)
+    # The payee's ages broadcast over the pair's (a number with an array of x).
+    ages = np.broadcast_to(np.asarray(y, dtype=np.float64), np.shape(couple)) if np.ndim(couple) else y
+    payee = _native._annuity(payee_table, ages, n, rate, due, m)
+    value = np.subtract(payee, couple)
+    return float(value) if np.ndim(value) == 0 else value
+
+
+@overload
+def contingent_insurance(  # type: ignore[overload-overlap]  # NumPy scalars are arrays to mypy
+    first_table: DecrementTable,
+    x: Number,
+    second_table: DecrementTable,
+    y: Number,
+    n: Number | None = None,
+    *,
+    i: float | None = None,
+) -> float: ...
+@overload
+def contingent_insurance(
+    first_table: DecrementTable,
+    x: Numbers,
+    second_table: DecrementTable,
+    y: Numbers,
+    n: Numbers | None = None,
+    *,
+    i: float | None = None,
+) -> NDArray[np.float64]: ...
+
+
+def contingent_insurance(
+    first_table: DecrementTable,
+    x: Numbers,
+    second_table: DecrementTable,
+    y: Numbers,
+    n: Numbers | None = None,
+    *,
+    i: float | None = None,
+) -> float | NDArray[np.float64]:
+    """1 paid at the end of the year of the first life's death if it dies before the second.
+
+    The sum over the years k (within ``n`` whole years; None: for life) of v^(k+1) times the
+    probability that the first life (aged x) dies in year k + 1 while the second (aged y) is
+    alive: the integral over the year of the first's density of death, -l1'(x + t) / l1(x),
+    times the second's survival l2(y + t) / l2(y), each under its own table's interpolation
+    within the year (under linear interpolation, q_x kpxy (1 - q_y / 2) at whole ages).
+    ``i`` from the call or else from the first table's ``interest_rate``.
+
+    Returns
+    -------
+    float or ndarray
+    """
+    return JointLife(first_table, second_table)._value("contingent", (x, y), n, i=i)
 
 
 def commutation(table: DecrementTable, i: float | None = None) -> pl.DataFrame:

@@ -5,10 +5,13 @@ from __future__ import annotations
 import argparse
 import sys
 from pathlib import Path
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 from veltrane.base import PAYMENT_FREQUENCIES
-from veltrane.cli.common import RefusedError, numbers, open_table, print_values, table_arguments
+from veltrane.cli.common import RefusedError, numbers, open_table, table_arguments
+
+if TYPE_CHECKING:
+    from veltrane.contingencies import JointLife
 
 #: Decimals of the printed commutation columns: they count lives out of a radix of 1,000,000.
 COLUMN_DECIMALS = 2
@@ -19,7 +22,8 @@ def add_commands(commands: Any) -> None:
         "annuity",
         help="value a life annuity",
         description="Value a life annuity of 1 a year. --age and --term take one number or a "
-        "comma-separated list.",
+        "comma-separated list. With --second, an annuity on two lives: joint (while both live) or "
+        "last (while either lives), each on its own table.",
     )
     table_arguments(value)
     value.add_argument("--age", type=numbers, required=True, help="age(s)")
@@ -30,6 +34,14 @@ def add_commands(commands: Any) -> None:
     value.add_argument("--immediate", action="store_true", help="payments in arrears (default: in advance)")
     value.add_argument(
         "--method", choices=("exact", "udd", "woolhouse", "woolhouse2"), default="exact", help="default exact"
+    )
+    value.add_argument("--second", metavar="NAME2", help="table of a second life (two lives)")
+    value.add_argument("--second-sex", help="sex of the second life")
+    value.add_argument("--second-age", type=numbers, help="age(s) of the second life")
+    value.add_argument(
+        "--status",
+        choices=("joint", "last"),
+        help="with --second: joint or last survivor (default joint)",
     )
     value.set_defaults(run=annuity_values)
 
@@ -49,11 +61,13 @@ def add_commands(commands: Any) -> None:
 def annuity_values(args: argparse.Namespace) -> int:
     from veltrane.contingencies import annuity
 
-    table = open_table(args)
+    lives = two_lives(args)
+    table = open_table(args) if lives is None else lives
+    age = args.age if lives is None else (args.age, args.second_age)
     try:
         result = annuity(
-            table,
-            args.age,
+            table,  # type: ignore[arg-type]  # one table and its ages, or two lives and a pair
+            age,
             args.term,
             i=args.rate,
             due=not args.immediate,
@@ -63,7 +77,39 @@ def annuity_values(args: argparse.Namespace) -> int:
         )
     except (ValueError, TypeError) as exc:
         raise RefusedError(str(exc)) from exc
-    return print_values(args.age, args.term, result)
+    if isinstance(result, float):
+        print(format_number(result))
+        return 0
+    ages = args.age if isinstance(args.age, list) else [args.age]
+    terms = args.term if isinstance(args.term, list) else [args.term] * len(result)
+    ages = ages * len(result) if len(ages) == 1 else ages
+    seconds = args.second_age if isinstance(args.second_age, list) else [args.second_age]
+    seconds = seconds * len(result) if len(seconds) == 1 else seconds
+    header = ["age", "second_age"] if lives is not None else ["age"]
+    header += ["term", "value"] if args.term is not None else ["value"]
+    print("\t".join(header))
+    for age, second, term, value in zip(ages, seconds, terms, result, strict=True):
+        cells = [str(age), str(second)] if lives is not None else [str(age)]
+        cells += [str(term)] if args.term is not None else []
+        print("\t".join([*cells, format_number(value)]))
+    return 0
+
+
+def two_lives(args: argparse.Namespace) -> JointLife | None:
+    """The two lives of --second, --second-sex, --second-age and --status, or None for one life."""
+    from veltrane.contingencies import JointLife
+
+    if args.second is None:
+        if args.second_sex is not None or args.second_age is not None or args.status is not None:
+            raise RefusedError("--second-sex, --second-age and --status need --second NAME2")
+        return None
+    if args.second_age is None:
+        raise RefusedError("--second needs --second-age")
+    first = open_table(args)
+    # The second life's table by its own name and sex; the other keys stay the first's alone.
+    options = {**vars(args), "name": args.second, "sex": args.second_sex, "cohort": None, "blend": None}
+    second = open_table(argparse.Namespace(**{**options, "duration": None, "selected_at": None}))
+    return JointLife(first, second, status=args.status or "joint")
 
 
 def commutation_columns(args: argparse.Namespace) -> int:

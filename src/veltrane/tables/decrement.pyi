@@ -80,6 +80,20 @@ def _pure_endowment(
     table: DecrementTable, x: object, n: object, i: object = None
 ) -> float | NDArray[np.float64]: ...
 def _commutation(table: DecrementTable, i: object = None) -> tuple[NDArray[np.float64], ...]: ...
+def _joint(
+    kind: str,
+    first: DecrementTable,
+    second: DecrementTable,
+    status: str,
+    x: object,
+    y: object,
+    n: object = None,
+    i: object = None,
+    m: object = 1,
+    due: bool = True,
+    defer: object = 0,
+    endowment: bool = False,
+) -> float | NDArray[np.float64]: ...
 def configure_all(
     tables: Iterable[DecrementTable] | Mapping[Any, DecrementTable],
     sex: SexInput | None = None,
