@@ -104,11 +104,31 @@ def format_number(value: float) -> str:
     return repr(float(value))
 
 
-def print_values(age: Any, term: Any, result: Any) -> int:
-    """One value as a number; values for several ages or terms as a table of age[, term], value."""
+def print_values(age: Any, term: Any, result: Any, second_age: Any = None) -> int:
+    """One value as a number; values for several ages or terms as a table of age[, second_age]
+    [, term], value (the second age of two lives, when given)."""
     if isinstance(result, float):
         print(format_number(result))
         return 0
+
+    def column(values: Any) -> list[Any]:
+        listed = values if isinstance(values, list) else [values]
+        return listed * len(result) if len(listed) == 1 else listed
+
+    header = [
+        "age",
+        *(["second_age"] if second_age is not None else []),
+        *(["term"] if term is not None else []),
+    ]
+    print("\t".join([*header, "value"]))
+    for a, second, t, value in zip(column(age), column(second_age), column(term), result, strict=True):
+        cells = [
+            str(a),
+            *([str(second)] if second_age is not None else []),
+            *([str(t)] if term is not None else []),
+        ]
+        print("\t".join([*cells, format_number(value)]))
+    return 0
     ages = age if isinstance(age, list) else [age]
     ages = ages * len(result) if len(ages) == 1 else ages
     terms = term if isinstance(term, list) else [term] * len(result)

@@ -8,7 +8,7 @@ from pathlib import Path
 from typing import TYPE_CHECKING, Any
 
 from veltrane.base import PAYMENT_FREQUENCIES
-from veltrane.cli.common import RefusedError, numbers, open_table, table_arguments
+from veltrane.cli.common import RefusedError, numbers, open_table, print_values, table_arguments
 
 if TYPE_CHECKING:
     from veltrane.contingencies import JointLife
@@ -66,7 +66,7 @@ def annuity_values(args: argparse.Namespace) -> int:
     age = args.age if lives is None else (args.age, args.second_age)
     try:
         result = annuity(
-            table,  # type: ignore[arg-type]  # one table and its ages, or two lives and a pair
+            table,
             age,
             args.term,
             i=args.rate,
@@ -77,22 +77,7 @@ def annuity_values(args: argparse.Namespace) -> int:
         )
     except (ValueError, TypeError) as exc:
         raise RefusedError(str(exc)) from exc
-    if isinstance(result, float):
-        print(format_number(result))
-        return 0
-    ages = args.age if isinstance(args.age, list) else [args.age]
-    terms = args.term if isinstance(args.term, list) else [args.term] * len(result)
-    ages = ages * len(result) if len(ages) == 1 else ages
-    seconds = args.second_age if isinstance(args.second_age, list) else [args.second_age]
-    seconds = seconds * len(result) if len(seconds) == 1 else seconds
-    header = ["age", "second_age"] if lives is not None else ["age"]
-    header += ["term", "value"] if args.term is not None else ["value"]
-    print("\t".join(header))
-    for age, second, term, value in zip(ages, seconds, terms, result, strict=True):
-        cells = [str(age), str(second)] if lives is not None else [str(age)]
-        cells += [str(term)] if args.term is not None else []
-        print("\t".join([*cells, format_number(value)]))
-    return 0
+    return print_values(args.age, args.term, result, None if lives is None else args.second_age)
 
 
 def two_lives(args: argparse.Namespace) -> JointLife | None:

@@ -90,9 +90,9 @@ def _joint(
     n: object = None,
     i: object = None,
     m: object = 1,
-    due: bool = True,
+    due: object = True,
     defer: object = 0,
-    endowment: bool = False,
+    endowment: object = False,
 ) -> float | NDArray[np.float64]: ...
 def configure_all(
     tables: Iterable[DecrementTable] | Mapping[Any, DecrementTable],
