@@ -3,7 +3,8 @@
 Run with ``python bench/generational.py`` (or as part of ``make bench``). Prints medians of
 repeated timings. Targets: one generational construction at most 15 microseconds; the
 many-table constructor (``cohort=[...]``) at most twice a vectorised NumPy computation of the
-same rates, for 1, 100 and 10,000 cohorts. The script checks that the rates are the same.
+same rates, for 1, 100 and 10,000 cohorts. The script checks that the rates are the same (to a few units
+in the last place: NumPy's exp may differ from the C library's in the last bit).
 A benchmark, not a test: nothing here asserts a time.
 """
 
@@ -94,7 +95,10 @@ def main() -> None:
                     repeat=repeat,
                 )
             floor = median_seconds(lambda a=array: numpy_rates(q, lam, a), number=number, repeat=repeat)
-            same = np.array_equal(np.stack([t._decrement_base for t in built]), numpy_rates(q, lam, array))
+            # NumPy's own exp differs from the C library's in the last bit on some CPUs (AVX-512):
+            # the same rates means equal to a few units in the last place.
+            ours_rates = np.stack([t._decrement_base for t in built])
+            same = np.allclose(ours_rates, numpy_rates(q, lam, array), rtol=4 * np.finfo(float).eps, atol=0.0)
             ratio = ours / floor
             print(
                 f"  N = {n:>6}  veltrane {us(ours)}   NumPy {us(floor)}   {ratio:6.2f}x   "
