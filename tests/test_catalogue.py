@@ -19,9 +19,7 @@ from veltrane.contingencies import annuity
 from veltrane.tables.source import TableSource
 
 TOOLS = Path(__file__).resolve().parents[1] / "tools"
-needs_raw = pytest.mark.skipif(
-    not RAW.is_dir(), reason="the raw published tables are not beside the checkout"
-)
+needs_raw = pytest.mark.skipif(not RAW.is_dir(), reason="the raw published tables are not at hand")
 
 
 def generator():
@@ -37,9 +35,7 @@ def generator():
 
 
 def xtbml_cells(name: str, block: int = 0, folder: str = "soa-xtbml") -> dict[tuple[int, ...], float]:
-    """The cells of an XTbML table keyed by their labels, outer axis first: (age,), (issue age,
-    duration) or (age, year) (read here on purpose without the project's reader, as an independent
-    witness)."""
+    """The cells of an XTbML table by their labels, outer axis first; read without the project's reader."""
     cells: dict[tuple[int, ...], float] = {}
 
     def walk(node: ET.Element, key: tuple[int, ...]) -> None:
@@ -55,7 +51,6 @@ def xtbml_cells(name: str, block: int = 0, folder: str = "soa-xtbml") -> dict[tu
 
 
 def xtbml_values(name: str, block: int = 0) -> np.ndarray:
-    """The values of a one-dimensional XTbML table, in the file's order: by age from its first age."""
     return np.array(list(xtbml_cells(name, block).values()))
 
 
@@ -163,9 +158,8 @@ def test_dav2008t_is_the_second_order_aggregate_table_loaded_by_34_percent(sex, 
 
 @needs_raw
 def test_gar94_columns_are_the_published_ones_from_age_1():
-    printed = np.genfromtxt(
-        RAW / "r-mortality-tables" / "USA_Annuities_1994GAR.csv", delimiter=",", skip_header=4
-    )
+    path = RAW / "r-mortality-tables" / "USA_Annuities_1994GAR.csv"
+    printed = np.genfromtxt(path, delimiter=",", skip_header=4)
     assert printed[0, 0] == 1
     source = TableSource("GAR94")
     assert (source.start_age, source.w) == (1, 120)

@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import abc
 import math
 
 import numpy as np
@@ -56,30 +55,14 @@ def test_reset_hook_empties_the_unisex_cache():
 
 
 def test_abstract_base():
-    class Reference(abc.ABC):
-        @property
-        @abc.abstractmethod
-        def table_type(self): ...
-
-    with pytest.raises(TypeError) as host:
-        Reference()
-    untyped = type("Untyped", (DecrementTable,), {"__slots__": ()})
-    for cls in (DecrementTable, untyped):
-        with exactly(TypeError, str(host.value).replace("Reference", cls.__name__)):
-            cls("SULT", "u")
+    with pytest.raises(TypeError, match="abstract"):
+        DecrementTable("SULT", "u")
 
     class Typed(DecrementTable):  # a plain Python subclass is a working table
         __slots__ = ()
         table_type = property(lambda self: "life")
 
     assert Typed("SULT", "u")._decrement_base[-1] == 1.0
-
-
-def test_instances_have_fixed_fields():
-    t = LifeTable("SULT", "u")
-    assert not hasattr(t, "__dict__")
-    with pytest.raises(AttributeError):
-        t.no_such_field = 1
 
 
 # -- __init__: every refusal, with its message ---------------------------------------------------
@@ -91,10 +74,6 @@ SEX_REQUIRED = (
 PERIOD_PENDING = (
     "pending=True has no effect on static period table 'PER'. A static period table requires no "
     "deferred metadata (cohort, duration). Use the normal constructor instead."
-)
-NO_NATIVE_U = (
-    "unisex_blend parameter is required when sex='u' because table '{0}' lacks native unisex column '{1}'. "
-    "Example: LifeTable('{0}', sex='u', unisex_blend=0.5)"
 )
 STATIC_COHORT = "Cohort should not be specified for static tables."
 
@@ -123,29 +102,11 @@ INIT_REFUSALS = [
      "Table 'GSEL' is a generational table (mi_structure='select_period'): "
      "'cohort' (year of birth) is required."),
     ("PER", {"sex": "m", "cohort": 1970}, ValueError, STATIC_COHORT),
-    ("PER", {"sex": "m", "cohort": [1970]}, ValueError, STATIC_COHORT),
     ("SEL0", {"sex": "m"}, ValueError,
      "Table 'SEL0' is a select-ultimate table (select_period=2, start_duration=0): 'duration' is required. "
      "Pass an integer >= 0 or duration='ult' for the ultimate column."),
-    ("SEL", {"sex": "m", "duration": True}, TypeError, "duration must be int, 'ult', or None, got bool"),
-    ("SEL", {"sex": "m", "duration": 0}, ValueError,
-     "duration must be an integer >= 1 or 'ult' for select tables, got 0."),
     ("SEL", {"sex": "m", "duration": 1.0}, ValueError,
      "duration must be an integer >= 1 or 'ult' for select tables, got 1.0."),
-    ("PER", {"sex": "m", "duration": 1}, ValueError,
-     "duration is only valid for select tables. Table 'PER' is not a select table."),
-    ("PER", {"sex": "M", "unisex_blend": 0.5}, ValueError,
-     "Cannot specify unisex_blend=0.5 when sex='m' is explicitly set. Use sex='u' to apply unisex blending."),
-    ("PER", {"sex": "u"}, ValueError, NO_NATIVE_U.format("PER", "qx_u")),
-    ("SEL", {"sex": "u", "duration": 1}, ValueError, NO_NATIVE_U.format("SEL", "qx_u_s1")),
-    ("PER", {"sex": "x"}, ValueError, "Invalid sex 'x' for table 'PER'. Valid options: ['m', 'f']."),
-    # Pending shells check their blend too (the public constructor would refuse it first).
-    ("GEN", {"sex": "u", "unisex_blend": True, "pending": True}, TypeError,
-     "unisex_blend must be numeric, not bool."),
-    ("GEN", {"sex": "u", "unisex_blend": 1.5, "pending": True}, ValueError,
-     "unisex_blend must be in [0.0, 1.0], got 1.5."),
-    ("SEL", {"sex": None, "duration": 0, "pending": True}, ValueError,
-     "duration must be an integer >= 1 or 'ult', got 0."),
 ]  # fmt: skip
 
 
@@ -173,8 +134,6 @@ PUBLIC_REFUSALS = [
     (lambda: LifeTable("DIS", "m"), ValueError, "Table 'DIS' is of type 'disability', expected 'life'."),
     (lambda: LifeTable("PER", "u", unisex_blend=True), TypeError,
      "Expected numeric input for unisex_blend"),
-    (lambda: LifeTable("PER", "u", unisex_blend=1.5), ValueError,
-     "unisex_blend must be in [0.0, 1.0], got 1.5"),
     (lambda: LifeTable("PER", 5), TypeError, "sex must be a string or a list/tuple of strings"),
     (lambda: LifeTable("PER", "m", cohort=1970.0), TypeError, "cohort must be exact int, got 1970.0"),
     (lambda: LifeTable("PER", "m", duration=True), TypeError,
@@ -204,7 +163,6 @@ READY = [
     (LifeTable, "GEN", {"sex": "m", "cohort": 1970, "pending": True}, 1970, None),  # complete: built now
     (LifeTable, "GSEL", {"sex": "f", "cohort": 1960, "duration": np.int64(2)}, 1960, 2),
     (LifeTable, "SEL0", {"sex": "m", "duration": 0}, None, 0),
-    (LifeTable, "SEL", {"sex": "m", "duration": "ult"}, None, "ult"),
     (LifeTable, "USEL", {"sex": "u", "duration": 1}, None, 1),  # native unisex select columns
 ]  # fmt: skip
 
@@ -216,18 +174,14 @@ def test_ready_table_invariants(kinds, cls, name, kwargs, cohort, duration):
     assert type(t.cohort) is (int if cohort else type(None))
     assert t._decrement_base.dtype == np.float64 and len(t._decrement_base) == t.table.w + 1
     np.testing.assert_array_equal(t._decrement, t._decrement_base)
-    assert t._decrement is not t._decrement_base
-    assert (t._lx, t._lx_raw, t._px, t._qx) == (None, None, None, None)
-    assert not t.modified and t.modifications_applied == [] and not t.metadata_pending
-    assert t.w == t.table.w and t._rebuilds_since_calc == 0 and t._initialized
+    assert t._decrement is not t._decrement_base and t._lx is None and t._rebuilds_since_calc == 0
+    assert not t.modified and t.modifications_applied == [] and not t.metadata_pending and t.w == t.table.w
     assert t._select_duration_set is (duration is not None)
 
 
 def test_pending_shells(kinds):
     only_cohort = LifeTable("GSEL", cohort=np.int64(1970), pending=True)
-    assert only_cohort.metadata_pending and only_cohort.sex is None and only_cohort.w == only_cohort.table.w
-    assert type(only_cohort._cohort) is int and only_cohort._cohort == 1970
-    assert (only_cohort._decrement_base, only_cohort._decrement, only_cohort._lx) == (None, None, None)
+    assert type(only_cohort._cohort) is int and only_cohort.w == only_cohort.table.w
     select = LifeTable("GSEL", "M", duration="ult", pending=True)
     assert (select.sex, select.duration, select._select_duration_set) == ("m", "ult", True)
     assert select.metadata_pending and select._decrement is None
@@ -250,7 +204,6 @@ def test_interest_rate_accepted(rate, stored):
 
 
 BAD_RATES = [
-    (True, TypeError, "interest_rate must be a real number, got bool"),
     ("0.03", TypeError, "interest_rate must be a real number, got str"),
     (math.nan, ValueError, "interest_rate must be a finite number > -1, got nan"),
     (-1, ValueError, "interest_rate must be a finite number > -1, got -1"),

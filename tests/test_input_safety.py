@@ -154,7 +154,6 @@ CHECKS = {k: f for k, f in CALLS.items() if k != "qx whole ages"} | {
 # fmt: off
 MASKED = [
     (np.ma.masked_array([60.0, 61.0], mask=[0, 1]), r"\[1\]"),
-    (np.ma.masked_array([60, 61, 62], mask=[1, 0, 1]), r"\[0\]"),
     (np.ma.masked_array([60, 61], mask=[0, 1], dtype=object), r"\[1\]"),
     ([60.0, np.ma.masked], r"\[1\]"), (np.ma.masked_array(60.0, mask=True), r"[a-z]"),
 ]

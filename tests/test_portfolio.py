@@ -225,32 +225,21 @@ def test_worker_processes_end_when_their_parent_is_killed(script):
                     os.kill(pid, signal.SIGKILL)
 
 
-@pytest.mark.parametrize(
-    ("name", "keys"),
-    [
-        ("GEN", {"cohort": 1961}),
-        ("YRS", {"cohort": 1990}),
-        ("SEL", {}),
-        ("GSEL", {"cohort": 1975}),
-        ("IAM2012", {"cohort": 1950}),
-        ("CSO2017", {}),
-        ("CSO1980", {}),
-    ],
-)
+# fmt: off
+BLENDED = [("GEN", {"cohort": 1961}), ("YRS", {"cohort": 1990}), ("SEL", {}), ("GSEL", {"cohort": 1975}),
+           ("IAM2012", {"cohort": 1950}), ("CSO2017", {}), ("CSO1980", {})]
+# fmt: on
+
+
+@pytest.mark.parametrize(("name", "keys"), BLENDED)
 def test_blends_are_the_blended_tables_rates_without_a_table_per_weight(standard, name, keys):
     rng = np.random.default_rng(len(name))
     weights = [0.0, 1.0, 0.5, *rng.uniform(0.0, 1.0, 17)]  # all distinct
     oldest = 7 if name in standard else 100
+    ages, durations = rng.integers(0, oldest, len(weights)), rng.integers(1, 4, len(weights))
     rows = [
-        {
-            "table_name": name,
-            "sex": "u",
-            "age": int(rng.integers(0, oldest)),
-            "duration": int(rng.integers(1, 4)),
-        }
-        | keys
-        | {"unisex_blend": weight}
-        for weight in weights
+        {"table_name": name, "sex": "u", "age": int(x), "duration": int(d), **keys, "unisex_blend": w}
+        for x, d, w in zip(ages, durations, weights, strict=True)
     ]
     registry = TableRegistry(maxsize=1000)
     mark = next(decrement._table_instance_counter)
@@ -301,7 +290,6 @@ BAD_ARGUMENTS = [  # policies, keyword arguments, the exception, its message
     (BASE, {"what": ("qx", "ex")}, ValueError, "what must name one or more of"),
     (BASE, {"block_size": 0}, ValueError, "block_size must be a positive whole number"),
     ([1, 2, 3], {}, TypeError, "policies must be a polars or pandas DataFrame"),
-    (BASE, {"workers": 0}, ValueError, "workers must be a positive whole number or None, got 0"),
     (BASE, {"workers": 2.5}, ValueError, "workers must be a positive whole number or None, got 2.5"),
     (MappingProxyType(BASE | {"age": [40]}), {}, ValueError, "policies: the columns do not make a frame"),
     (pd.DataFrame(ONE | {"table_name": ["SULT", None]}), {}, ValueError,

@@ -3,7 +3,6 @@ registered in memory, and a table the workers cannot find."""
 
 from __future__ import annotations
 
-import os
 from collections.abc import Iterator
 from pathlib import Path
 
@@ -27,15 +26,9 @@ def worker_files(tmp_path_factory: pytest.TempPathFactory) -> Path:
 
 @pytest.fixture(scope="module")
 def client(worker_files: Path) -> Iterator[object]:
-    saved = os.environ.get("VELTRANE_TABLES_PATH")
-    os.environ["VELTRANE_TABLES_PATH"] = str(worker_files)  # the workers' environment, from their start
-    try:
+    with pytest.MonkeyPatch.context() as patch:  # the workers' environment, from their start
+        patch.setenv("VELTRANE_TABLES_PATH", str(worker_files))
         cluster = distributed.LocalCluster(n_workers=2, threads_per_worker=1, dashboard_address=":0")
-    finally:
-        if saved is None:
-            del os.environ["VELTRANE_TABLES_PATH"]
-        else:
-            os.environ["VELTRANE_TABLES_PATH"] = saved
     with cluster, distributed.Client(cluster) as connected:
         yield connected
 
@@ -51,8 +44,9 @@ def test_local_cluster_gives_the_single_process_result(client, worker_files):
     frame = pl.DataFrame({"table_name": names, "sex": ["u"] * n, "age": age}).with_columns(
         age=pl.when(sel).then(pl.col("age") % 8).otherwise("age"),
         unisex_blend=pl.when(sel).then(pl.Series(rng.uniform(0.0, 1.0, n))),
+        duration=pl.Series(duration),
+        cohort=pl.Series(cohort),
     )
-    frame = frame.with_columns(duration=pl.Series(duration), cohort=pl.Series(cohort))
     with Config().override(tables_path=[worker_files]):
         alone = project(frame, 7, what=QUANTITIES)
         spread = project_dask(frame, 7, client=client, what=QUANTITIES, block_size=64)
@@ -93,15 +87,8 @@ def test_valuation_on_the_cluster_gives_the_single_process_bits(client):
     from veltrane.valuation import Product, value, value_dask
 
     rng, n = np.random.default_rng(5), 3000
-    frame = pl.DataFrame(
-        {
-            "table_name": rng.choice(["SSSM", "SULT"], n),
-            "sex": ["u"] * n,
-            "age": rng.integers(20, 80, n),
-            "duration": rng.integers(1, 4, n),
-            "sum": rng.uniform(1.0, 100.0, n),
-        }
-    )
+    frame = pl.DataFrame({"table_name": rng.choice(["SSSM", "SULT"], n), "age": rng.integers(20, 80, n)})
+    frame = frame.with_columns(sex=pl.lit("u"), duration=rng.integers(1, 4, n), sum=rng.uniform(1, 100, n))
     product = Product(death_benefit="sum", survival_benefit=1.0, term=20, premium=None)
     alone = value(frame, product, interest=0.02, reserves_by_year=True)
     spread = value_dask(client, frame, product, interest=0.02, block_size=1024, reserves_by_year=True)

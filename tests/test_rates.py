@@ -148,22 +148,6 @@ def test_cohort_year_validation(value, result):
         assert got == result and type(got) is int
 
 
-# -- survivorship --------------------------------------------------------------------------------------
-
-
-def test_compute_lx(tables):
-    cols = tables.period()
-    t = LifeTable("PER", "m")
-    q = cols["qx_m"].copy()
-    np.testing.assert_array_equal(t._compute_lx(), 1e6 * np.concatenate([[1.0], np.cumprod(1.0 - q[:-1])]))
-    assert t._lx is None  # returned, not stored
-    q[-1] = 0.25  # the last rate never enters
-    q[3] = 1.0  # certain decrement at age 3: nobody reaches age 4
-    t._decrement = q
-    lx = t._compute_lx()
-    assert lx[0] == base._LX_RADIX and (lx[4:] == 0.0).all() and (lx[:4] > 0).all()
-
-
 # -- unisex blends -----------------------------------------------------------------------------------
 
 
@@ -194,10 +178,6 @@ def test_reblend(tables):
     assert t.valid_sexes == ["f", "m", "u"] and t.data.columns.count("qx_u") == 1
     t.unisex_blend = 0.6
     assert t._rebuilds_since_calc == 1
-    with exactly(TypeError, "Expected numeric input for unisex_blend"):
-        t._generate_unisex_decrement("0.6")
-    with exactly(ValueError, "unisex_blend must be in [0.0, 1.0], got 1.5"):
-        t._generate_unisex_decrement(1.5)
     np.testing.assert_array_equal(t.data["qx_u"].to_numpy(), want)
 
 

@@ -53,33 +53,21 @@ CALLS: dict[str, Callable[[LifeTable, int], float]] = {
     "annuity": lambda t, x: annuity(t, x),
     "annuity n": lambda t, x: annuity(t, x, 10),
     "annuity n=0": lambda t, x: annuity(t, x, 0),
-    "annuity i": lambda t, x: annuity(t, x, 20, i=0.07),
-    "annuity int i": lambda t, x: annuity(t, x, i=0),
     "annuity negative i": lambda t, x: annuity(t, x, 15, i=-0.02),
     "annuity m=12": lambda t, x: annuity(t, x, 20, m=12),
     "annuity immediate": lambda t, x: annuity(t, x, due=False, m=4),
-    "annuity continuous": lambda t, x: annuity(t, x, m=None),
     "annuity udd": lambda t, x: annuity(t, x, 15, m=12, method="udd"),
-    "annuity woolhouse2": lambda t, x: annuity(t, x, m=12, method="woolhouse2"),
-    "annuity float age": lambda t, x: annuity(t, float(x), 10.0),
-    "insurance": lambda t, x: insurance(t, x),
+    "annuity woolhouse2": lambda t, x: annuity(t, float(x), m=12, method="woolhouse2"),
     "insurance n": lambda t, x: insurance(t, x, 10),
-    "insurance endowment": lambda t, x: insurance(t, x, 10, endowment=True),
     "insurance m=12": lambda t, x: insurance(t, x, m=12),
     "insurance continuous": lambda t, x: insurance(t, x, 20, m=None),
-    "insurance udd": lambda t, x: insurance(t, x, m=4, method="udd"),
-    "pure_endowment": lambda t, x: pure_endowment(t, x, 10),
-    "pure_endowment i": lambda t, x: pure_endowment(t, x, 25, i=0.03),
-    "net_premium": lambda t, x: net_premium(t, x, 20),
-    "net_premium whole life": lambda t, x: net_premium(t, x),
-    "net_premium endowment": lambda t, x: net_premium(t, x, 15, endowment=True, m=12),
+    "pure_endowment": lambda t, x: pure_endowment(t, x, 25, i=0.03),
+    "net_premium": lambda t, x: net_premium(t, x, 15, endowment=True, m=12),
     "ex": lambda t, x: t.ex(x),
-    "ex complete": lambda t, x: t.ex(x, complete=True),
-    "ex n": lambda t, x: t.ex(x, 10),
-    "ex complete n": lambda t, x: t.ex(x, 10, complete=True),
+    "ex complete": lambda t, x: t.ex(x, 10, complete=True),
 }
 
-AGES = (0, 1, 30, 45, 65, 90, 115)
+AGES = (0, 45, 90, 115)
 
 
 @pytest.mark.parametrize("table", TABLES)
@@ -101,24 +89,10 @@ def test_a_column_serves_every_age_with_the_value_of_a_vector_call(call):
     f = CALLS[call]
     f(t, 40)  # builds the column
     ages = np.arange(t.w + 1)
-    one_by_one = [f(t, int(x)) for x in ages]
-    as_vectors = [float(f(t, np.array([float(x)]))[0]) if call != "ex complete" else None for x in ages]
-    expected = [uncached(lambda x=x: f(t, int(x))) for x in ages]
-    assert [bits(v) for v in one_by_one] == [bits(v) for v in expected]
+    expected = [bits(uncached(lambda x=x: f(t, int(x)))) for x in ages]
+    assert [bits(f(t, int(x))) for x in ages] == expected
     if call != "ex complete":
-        assert [bits(v) for v in as_vectors] == [bits(v) for v in expected]
-
-
-def _set_sex(t: LifeTable) -> None:
-    t.sex = "f"
-
-
-def _configure(t: LifeTable) -> None:
-    t.configure(sex="f")
-
-
-def _modify(t: LifeTable) -> None:
-    t.modify_qx({"decrement_multiplier": 0.8})
+        assert [bits(float(f(t, np.array([float(x)]))[0])) for x in ages] == expected
 
 
 def _modify_and_reset(t: LifeTable) -> None:
@@ -132,91 +106,77 @@ def _batch(t: LifeTable) -> None:
         t.sex = "f"
 
 
-# (the change, the fresh table it must agree with)
-CHANGES = {
-    "sex setter": (_set_sex, lambda: LifeTable("CSO1980", "f", interest_rate=RATE)),
-    "configure": (_configure, lambda: LifeTable("CSO1980", "f", interest_rate=RATE)),
-    "batch_update": (_batch, lambda: LifeTable("CSO1980", "f", interest_rate=RATE)),
-    "modify_qx": (_modify, lambda: _fresh_modified({"decrement_multiplier": 0.8})),
-    "reset_modifications": (_modify_and_reset, lambda: LifeTable("CSO1980", "m", interest_rate=RATE)),
-    "interest_rate": (
-        lambda t: t.configure(interest_rate=0.06),
-        lambda: LifeTable("CSO1980", "m", interest_rate=0.06),
-    ),
-}
-
-
-def _fresh_modified(modification: dict) -> LifeTable:
-    t = LifeTable("CSO1980", "m", interest_rate=RATE)
-    t.modify_qx(modification)
+def _table(sex: str = "m", rate: float = RATE, **modification) -> LifeTable:
+    t = LifeTable("CSO1980", sex, interest_rate=rate)
+    if modification:
+        t.modify_qx(modification)
     return t
 
 
+# (the change, the fresh table it must agree with)
+CHANGES = {
+    "sex setter": (lambda t: setattr(t, "sex", "f"), lambda: _table("f")),
+    "configure": (lambda t: t.configure(sex="f"), lambda: _table("f")),
+    "batch_update": (_batch, lambda: _table("f")),
+    "modify_qx": (
+        lambda t: t.modify_qx({"decrement_multiplier": 0.8}),
+        lambda: _table(decrement_multiplier=0.8),
+    ),
+    "reset_modifications": (_modify_and_reset, _table),
+    "interest_rate": (lambda t: t.configure(interest_rate=0.06), lambda: _table(rate=0.06)),
+}
+
+
 @pytest.mark.parametrize("change", CHANGES)
-@pytest.mark.parametrize(
-    "call", ["annuity", "annuity m=12", "insurance n", "pure_endowment", "ex", "net_premium"]
-)
+@pytest.mark.parametrize("call", ["annuity m=12", "insurance n", "pure_endowment", "ex", "net_premium"])
 def test_every_change_of_state_drops_the_columns(change, call):
     make_change, fresh = CHANGES[change]
     f = CALLS[call]
-    t = LifeTable("CSO1980", "m", interest_rate=RATE)
+    t = _table()
     before = f(t, 65)
     make_change(t)
     after = f(t, 65)
     expected = f(fresh(), 65)
     assert bits(after) == bits(expected)
-    unchanged = change == "reset_modifications" or (change == "interest_rate" and call == "ex")
+    unchanged = change == "reset_modifications" or (
+        change == "interest_rate" and call in ("ex", "pure_endowment")
+    )
     assert (after == before) == unchanged
 
 
-@pytest.mark.parametrize("call", ["annuity", "insurance n", "ex", "pure_endowment"])
+@pytest.mark.parametrize("call", ["annuity", "ex"])
 def test_a_rolled_back_batch_keeps_the_values_of_the_state_it_restores(call):
     f = CALLS[call]
-    t = LifeTable("CSO1980", "m", interest_rate=RATE)
+    t = _table()
     before = f(t, 65)
     with pytest.raises(KeyError), t.batch_update():
         t.sex = "f"
         raise KeyError("abandon")
     assert bits(f(t, 65)) == bits(before)
     t.sex = "f"
-    assert bits(f(t, 65)) == bits(f(LifeTable("CSO1980", "f", interest_rate=RATE), 65))
-
-
-@pytest.mark.parametrize("duration", [2, 7, "ult"])
-def test_a_change_of_select_duration_moves_to_the_new_diagonal(duration):
-    t = LifeTable("CSO2017", "m", duration=1, interest_rate=RATE)
-    before = annuity(t, 45)
-    t.duration = duration
-    fresh = LifeTable("CSO2017", "m", duration=duration, interest_rate=RATE)
-
-    def values_of(table: LifeTable) -> list[float]:
-        return [annuity(table, 45), insurance(table, 45, 20), table.ex(45)]
-
-    assert values_of(t) == values_of(fresh)
-    assert annuity(t, 45) != before
-
-
-def test_a_change_of_cohort_drops_the_columns():
-    t = LifeTable("DAV2004R", "m", cohort=1950, interest_rate=RATE)
-    annuity(t, 65)
-    t.cohort = 1990
-    fresh = LifeTable("DAV2004R", "m", cohort=1990, interest_rate=RATE)
-    assert bits(annuity(t, 65)) == bits(annuity(fresh, 65))
+    assert bits(f(t, 65)) == bits(f(_table("f"), 65))
 
 
 @pytest.mark.parametrize(
-    ("setting", "value", "call"),
-    [
-        ("lx_interpolation", "exponential", "annuity m=12"),
-        ("lx_interpolation", "hyperbolic", "ex complete"),
-        ("lx_interpolation", "exponential", "insurance continuous"),
-    ],
+    ("name", "attribute", "old", "new"),
+    [("CSO2017", "duration", 1, 7), ("CSO2017", "duration", 1, "ult"), ("DAV2004R", "cohort", 1950, 1990)],
 )
-def test_a_change_of_settings_drops_the_columns(setting, value, call):
+def test_a_change_of_select_duration_or_cohort_moves_to_the_new_column(name, attribute, old, new):
+    t = LifeTable(name, "m", **{attribute: old}, interest_rate=RATE)
+    before = annuity(t, 45)
+    setattr(t, attribute, new)
+    fresh = LifeTable(name, "m", **{attribute: new}, interest_rate=RATE)
+    for f in (CALLS["annuity"], CALLS["insurance n"], CALLS["ex"]):
+        assert bits(f(t, 45)) == bits(f(fresh, 45))
+    assert annuity(t, 45) != before
+
+
+@pytest.mark.parametrize(("value", "call"), [("exponential", "annuity m=12"), ("hyperbolic", "ex complete")])
+def test_a_change_of_interpolation_drops_the_columns(value, call):
     f = CALLS[call]
     t = LifeTable("SULT", "u", interest_rate=RATE)
     before = f(t, 65)
-    with Config().override(**{setting: value}):
+    with Config().override(lx_interpolation=value):
         inside = f(t, 65)
         expected = f(LifeTable("SULT", "u", interest_rate=RATE), 65)
         assert bits(inside) == bits(expected) == bits(uncached(lambda: f(t, 65)))
@@ -247,11 +207,8 @@ def test_a_deep_copy_and_a_pickle_give_the_same_values():
     ("call", "error"),
     [
         (lambda t: annuity(t, 65, m=5), ValueError),
-        (lambda t: annuity(t, 65, 10, method="woolhouse9"), ValueError),
         (lambda t: annuity(t, 121), ValueError),
-        (lambda t: annuity(t, 65, moment=3), ValueError),
         (lambda t: insurance(t, 65, endowment=True), ValueError),
-        (lambda t: insurance(t, 65, 10, i=-1.0), ValueError),
         (lambda t: pure_endowment(t, 65, -1), ValueError),
         (lambda t: annuity(t, 65, due=1), TypeError),
         (lambda t: t.ex(130), ValueError),
@@ -274,16 +231,13 @@ def test_a_select_table_modified_at_a_select_duration_is_refused_after_a_cached_
 
 def test_values_beyond_a_float_are_refused_at_each_call():
     t = LifeTable("SULT", "u")
-    with pytest.raises(ValueError, match="beyond the range"):
-        annuity(t, 0, i=-0.999999)
-    with pytest.raises(ValueError, match="beyond the range"):
-        annuity(t, 0, i=-0.999999)
+    for _ in range(2):
+        with pytest.raises(ValueError, match="beyond the range"):
+            annuity(t, 0, i=-0.999999)
     assert math.isfinite(annuity(t, 119, i=-0.5))
 
 
 class _DoubleRate(LifeTable):
-    """A subclass whose rate is its own: twice the one it was given."""
-
     __slots__ = ()
 
     @property

@@ -28,23 +28,20 @@ def frame(table: str, sex: str, ages, **columns) -> pl.DataFrame:
     return pl.DataFrame({"table_name": [table] * n, "sex": [sex] * n, "age": ages, **columns})
 
 
+# fmt: off
 REFERENCES = [
     (Product(death_benefit=1.0, term=20), lambda t, x: insurance(t, x, 20, i=RATE)),
     (Product(death_benefit=1.0), lambda t, x: insurance(t, x, i=RATE)),
     (Product(endowment=1.0, term=15), lambda t, x: pure_endowment(t, x, 15, i=RATE)),
-    (
-        Product(death_benefit=1.0, endowment=1.0, term=10),
-        lambda t, x: insurance(t, x, 10, i=RATE, endowment=True),
-    ),
+    (Product(death_benefit=1, endowment=1, term=10), lambda *a: insurance(*a, 10, i=RATE, endowment=True)),
     (Product(survival_benefit=1.0), lambda t, x: annuity(t, x, i=RATE)),
     (Product(survival_benefit=1.0, term=12, due=False), lambda t, x: annuity(t, x, 12, i=RATE, due=False)),
     (Product(survival_benefit=1.0, term=30, deferral=5), lambda t, x: annuity(t, x, 25, i=RATE, defer=5)),
     (Product(survival_benefit=1.0, m=12), lambda t, x: annuity(t, x, i=RATE, m=12)),
-    (
-        Product(survival_benefit=1.0, term=20, m=4, due=False),
-        lambda t, x: annuity(t, x, 20, i=RATE, m=4, due=False),
-    ),
+    (Product(survival_benefit=1, term=20, m=4, due=False),
+     lambda *a: annuity(*a, 20, i=RATE, m=4, due=False)),
 ]
+# fmt: on
 
 
 @pytest.mark.parametrize(("product", "reference"), REFERENCES)
@@ -60,35 +57,16 @@ def test_present_values_equal_the_single_life_functions(product, reference, name
     close(result.pv_benefits, reference(table, AGES))
 
 
-@pytest.mark.parametrize("interpolation", ["linear", "exponential", "hyperbolic"])
-def test_instalments_follow_the_configured_interpolation(interpolation):
-    from veltrane.config import Config
-
-    before = Config().lx_interpolation
-    Config().lx_interpolation = interpolation
-    try:
-        table = LifeTable("SULT", "u")
-        result = value(frame("SULT", "u", AGES), Product(survival_benefit=1.0, m=12, term=25), interest=RATE)
-        close(result.pv_benefits, annuity(table, AGES, 25, i=RATE, m=12))
-    finally:
-        Config().lx_interpolation = before
-
-
 @pytest.mark.parametrize("issue_age", [20, 35, 60])
 @pytest.mark.parametrize("duration", [1, 3, 26, 40])
 def test_select_policies_follow_their_diagonal(issue_age, duration):
     path = LifeTable("CSO2001", "m", duration=1).select_path(issue_age)
     attained = issue_age + duration - 1
-    policies = pl.DataFrame(
-        {"table_name": ["CSO2001"], "sex": ["m"], "issue_age": [issue_age], "duration": [duration]}
-    )
-    product = Product(death_benefit=1000.0, endowment=1000.0, term=15, premium=None)
-    result = value(policies, product, interest=RATE)
+    row = pl.DataFrame({"table_name": "CSO2001", "sex": "m", "issue_age": issue_age, "duration": duration})
+    result = value(row, Product(death_benefit=1e3, endowment=1e3, term=15, premium=None), interest=RATE)
     close(result.pv_benefits, 1000.0 * insurance(path, attained, 15, i=RATE, endowment=True))
-    # The net premium is fixed at issue over the whole term, so the in-force reserve is the
-    # prospective reserve of that premium.
-    years = duration - 1 + 15
-    premium = 1000.0 * net_premium(path, issue_age, years, i=RATE, endowment=True)
+    # The net premium is fixed at issue: the in-force reserve is the prospective reserve of it.
+    premium = 1000.0 * net_premium(path, issue_age, duration - 1 + 15, i=RATE, endowment=True)
     close(result.net_premium, premium)
     close(result.reserve, result.pv_benefits - premium * annuity(path, attained, 15, i=RATE), scale=1000.0)
 
@@ -113,31 +91,17 @@ def test_new_business_net_premium_makes_the_reserve_zero_and_equals_net_premium(
 
 
 def test_reserves_satisfy_the_one_year_recursion():
-    product = Product(
-        death_benefit=100.0, survival_benefit=3.0, endowment=50.0, term=25, premium=None, escalation=0.02
+    cover = Product(
+        death_benefit=100, survival_benefit=3, endowment=50, term=25, premium=None, escalation=0.02
     )
-    result = value(frame("SULT", "u", [30, 45, 60]), product, interest=RATE, reserves_by_year=True)
-    table = LifeTable("SULT", "u")
-    v = 1 / (1 + RATE)
-    reserves = result.reserves
+    result = value(frame("SULT", "u", [30, 45, 60]), cover, interest=RATE, reserves_by_year=True)
+    reserves, level = result.reserves, 1.02 ** np.arange(25)
     close(reserves[:, 0], result.reserve, rel=1e-10)
     for p, x in enumerate([30, 45, 60]):
-        q = table._decrement[x : x + 25]
-        premium = result.net_premium[p]
-        for k in range(25):
-            level = 1.02**k
-            ahead = reserves[p, k + 1] if k < 24 else 50.0 * level
-            expected = (reserves[p, k] + premium - 3.0 * level) / v
-            assert abs(expected - (q[k] * 100.0 * level + (1 - q[k]) * ahead)) <= 1e-10 * max(
-                1.0, abs(expected)
-            )
-
-
-def test_a_flat_curve_gives_the_flat_rate_values():
-    product = Product(death_benefit=1.0, survival_benefit=1.0, term=30, m=4)
-    flat = value(frame("SULT", "u", AGES), product, interest=RATE)
-    curved = value(frame("SULT", "u", AGES), product, curve=YieldCurve([1, 10, 30], [RATE] * 3))
-    np.testing.assert_array_equal(flat.pv_benefits, curved.pv_benefits)
+        q = LifeTable("SULT", "u")._decrement[x : x + 25]
+        ahead = np.append(reserves[p, 1:25], 50.0 * level[24])
+        expected = (reserves[p, :25] + result.net_premium[p] - 3.0 * level) * (1 + RATE)
+        close(expected, q * 100.0 * level + (1 - q) * ahead, rel=1e-10, scale=1.0)
 
 
 def test_curves_discount_by_their_spot_rates_and_scenarios_add_an_axis():
@@ -158,28 +122,14 @@ def test_cash_flows_sum_the_expected_payments_by_year():
     product = Product(death_benefit=10.0, survival_benefit=1.0, endowment=5.0, term=3, premium=2.0)
     result = value(frame("SULT", "u", [40, 60]), product, interest=RATE)
     flows = result.cash_flows
-    assert flows.columns == [
-        "year",
-        "in_force",
-        "deaths",
-        "death_benefits",
-        "survival_benefits",
-        "endowments",
-        "premiums",
-        "discount_factor",
-    ]
-    table = LifeTable("SULT", "u")
-    # The rates as the table holds them, unrounded survival.
-    q = np.array([table._decrement[x : x + 3] for x in (40, 60)])
+    q = np.array([LifeTable("SULT", "u")._decrement[x : x + 3] for x in (40, 60)])  # unrounded
     alive = np.cumprod(np.hstack([np.ones((2, 1)), 1 - q[:, :2]]), axis=1)
     close(flows["in_force"].to_numpy(), alive.sum(axis=0))
     close(flows["death_benefits"].to_numpy(), 10.0 * (alive * q).sum(axis=0))
     close(flows["premiums"].to_numpy(), 2.0 * alive.sum(axis=0))
     close(flows["endowments"].to_numpy()[2], 5.0 * (alive[:, 2] * (1 - q[:, 2])).sum())
     discounted = (flows["death_benefits"] + flows["endowments"]).to_numpy() * (1 + RATE) ** -np.arange(1, 4)
-    discounted += (flows["survival_benefits"] - flows["premiums"]).to_numpy() * flows[
-        "discount_factor"
-    ].to_numpy()
+    discounted += ((flows["survival_benefits"] - flows["premiums"]) * flows["discount_factor"]).to_numpy()
     close(discounted.sum(), result.reserve.sum(), rel=1e-12)
 
 
@@ -202,74 +152,38 @@ def mixed_book() -> pl.DataFrame:
     )
 
 
-def test_the_same_bits_whatever_the_threads_and_blocks(mixed_book):
+def test_the_same_bits_whatever_the_threads_blocks_and_processes(mixed_book):
     product = Product(death_benefit="benefit", endowment="benefit", term="term", premium=None)
-    registry = TableRegistry()
-    runs = [
-        value(
-            mixed_book,
-            product,
-            interest="rate",
-            registry=registry,
-            threads=t,
-            block_size=b,
-            reserves_by_year=True,
-        )
-        for t, b in [(1, None), (2, None), (2, 1), (1, 3000)]
-    ]
+    basis = {"interest": "rate", "registry": TableRegistry(), "reserves_by_year": True}
+    ways = [{}, {"threads": 2}, {"threads": 2, "block_size": 1}, {"block_size": 3000}]
+    runs = [value(mixed_book, product, **basis, **way) for way in [*ways, {"block_size": 1024, "workers": 2}]]
     for other in runs[1:]:
         for name in ("pv_benefits", "pv_premiums", "net_premium", "reserve", "reserves"):
             np.testing.assert_array_equal(getattr(runs[0], name), getattr(other, name))
         assert runs[0].cash_flows.equals(other.cash_flows)
 
 
-def test_worker_processes_give_the_same_bits(mixed_book):
-    product = Product(death_benefit="benefit", term="term", premium=None)
-    alone = value(mixed_book, product, interest="rate", block_size=1024)
-    shared = value(mixed_book, product, interest="rate", block_size=1024, workers=2)
-    np.testing.assert_array_equal(alone.reserve, shared.reserve)
-    assert alone.cash_flows.equals(shared.cash_flows)
-
-
 BOOK = {"table_name": ["SULT", "SULT"], "sex": ["u", "u"], "age": [40, 50]}
 
 
-@pytest.mark.parametrize(
-    ("columns", "product", "basis", "message"),
-    [
-        ({}, Product(death_benefit="sum"), {"interest": RATE}, "column 'sum'"),
-        (
-            {"sum": ["a", "b"]},
-            Product(death_benefit="sum"),
-            {"interest": RATE},
-            "column 'sum'.*must hold numbers",
-        ),
-        (
-            {"sum": [1.0, float("nan")]},
-            Product(death_benefit="sum"),
-            {"interest": RATE},
-            "column 'sum', row 1",
-        ),
-        ({"n": [3, -1]}, Product(death_benefit=1.0, term="n"), {"interest": RATE}, "column 'n', row 1"),
-        (
-            {"d": [0.5, 1]},
-            Product(survival_benefit=1.0, deferral="d"),
-            {"interest": RATE},
-            "column 'd', row 0",
-        ),
-        ({}, Product(death_benefit=1.0), {}, "exactly one of interest"),
-        ({}, Product(death_benefit="age"), {"interest": RATE}, "column 'age' describes the policies"),
-        ({}, Product(death_benefit=1.0), {"interest": RATE, "curve": YieldCurve([1], [0.01])}, "exactly one"),
-        ({"i": [0.01, -2.0]}, Product(death_benefit=1.0), {"interest": "i"}, "column 'i', row 1"),
-        ({"age_shift": [0, -1]}, Product(death_benefit=1.0), {"interest": RATE}, "column 'age_shift', row 1"),
-        (
-            {"aggravated_risk": [0.0, 1]},
-            Product(death_benefit=1.0),
-            {"interest": RATE},
-            "'aggravated_risk', row 0",
-        ),
-    ],
-)
+BY = {"interest": RATE}
+# fmt: off
+BAD_INPUT = [
+    ({}, Product(death_benefit="sum"), BY, "column 'sum'"),
+    ({"sum": ["a", "b"]}, Product(death_benefit="sum"), BY, "column 'sum'.*must hold numbers"),
+    ({"sum": [1.0, float("nan")]}, Product(death_benefit="sum"), BY, "column 'sum', row 1"),
+    ({"n": [3, -1]}, Product(death_benefit=1.0, term="n"), BY, "column 'n', row 1"),
+    ({"d": [0.5, 1]}, Product(survival_benefit=1.0, deferral="d"), BY, "column 'd', row 0"),
+    ({}, Product(death_benefit=1.0), {}, "exactly one of interest"),
+    ({}, Product(death_benefit="age"), BY, "column 'age' describes the policies"),
+    ({"i": [0.01, -2.0]}, Product(death_benefit=1.0), {"interest": "i"}, "column 'i', row 1"),
+    ({"age_shift": [0, -1]}, Product(death_benefit=1.0), BY, "column 'age_shift', row 1"),
+    ({"aggravated_risk": [0.0, 1]}, Product(death_benefit=1.0), BY, "'aggravated_risk', row 0"),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize(("columns", "product", "basis", "message"), BAD_INPUT)
 def test_bad_input_is_refused_naming_column_and_row(columns, product, basis, message):
     with pytest.raises(ValueError, match=message):
         value(pl.DataFrame(BOOK | columns), product, **basis)
@@ -414,15 +328,14 @@ def test_given_premiums_for_a_limited_term_and_escalating_benefits():
 def test_pandas_frames_and_the_progress_bar(capsys):
     pandas = pytest.importorskip("pandas")
     pytest.importorskip("tqdm")  # an optional extra (veltrane[progress])
-    book = pandas.DataFrame(
-        {"table_name": ["SULT"] * 3, "sex": ["u"] * 3, "age": [30, 40, 50], "b": [1.0, 2.0, 3.0]}
-    )
-    result = value(book, Product(death_benefit="b", term=5), interest=RATE, progress=True)
-    expected = value(
-        pl.DataFrame({c: book[c].tolist() for c in book.columns}),
+    book = frame("SULT", "u", [30, 40, 50], b=[1.0, 2.0, 3.0])
+    result = value(
+        pandas.DataFrame(book.to_dict(as_series=False)),
         Product(death_benefit="b", term=5),
         interest=RATE,
+        progress=True,
     )
+    expected = value(book, Product(death_benefit="b", term=5), interest=RATE)
     np.testing.assert_array_equal(result.pv_benefits, expected.pv_benefits)
     assert "valuing" in capsys.readouterr().err
 
@@ -434,18 +347,11 @@ def test_ratings_on_a_select_policy_rate_each_column_of_its_diagonal():
     with warnings.catch_warnings():
         warnings.simplefilter("ignore")
         path.modify_qx({"decrement_multiplier": 1.5, "aggravated_risk": 2.0})
-    policies = pl.DataFrame(
-        {
-            "table_name": ["CSO2001"],
-            "sex": ["f"],
-            "issue_age": [issue_age],
-            "duration": [duration],
-            "age_shift": [shift],
-            "decrement_multiplier": [1.5],
-            "aggravated_risk": [2.0],
-        }
+    keys = {"issue_age": issue_age, "duration": duration, "age_shift": shift}
+    policies = pl.DataFrame({"table_name": "CSO2001", "sex": "f", "decrement_multiplier": 1.5} | keys)
+    result = value(
+        policies.with_columns(aggravated_risk=pl.lit(2.0)), Product(death_benefit=1.0, term=25), interest=RATE
     )
-    result = value(policies, Product(death_benefit=1.0, term=25), interest=RATE)
     close(result.pv_benefits, insurance(path, issue_age + duration - 1 + shift, 25, i=RATE))
 
 
@@ -458,13 +364,12 @@ def test_instalments_of_a_year_are_counted_with_the_survival_within_it(interpola
         result = value(
             frame("SULT", "u", [70]), Product(survival_benefit=12.0, term=1, m=12, due=due), interest=RATE
         )
+        many = value(frame("SULT", "u", AGES), Product(survival_benefit=1.0, m=12, term=25), interest=RATE)
+        close(many.pv_benefits, annuity(LifeTable("SULT", "u"), AGES, 25, i=RATE, m=12))
     q = LifeTable("SULT", "u")._decrement[70]
     t = (np.arange(12) + (0 if due else 1)) / 12
-    alive = {
-        "linear": 1 - t * q,
-        "exponential": (1 - q) ** t,
-        "hyperbolic": (1 - q) / (1 - q + t * q),
-    }[interpolation]
+    alive = {"linear": 1 - t * q, "exponential": (1 - q) ** t, "hyperbolic": (1 - q) / (1 - q + t * q)}
+    alive = alive[interpolation]
     close(result.cash_flows["survival_benefits"][0], alive.sum())
     close(result.pv_benefits[0], (alive * (1 + RATE) ** -t).sum())
 
