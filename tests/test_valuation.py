@@ -280,13 +280,13 @@ def _kernel_inputs():
 @pytest.mark.parametrize(
     ("change", "message"),
     [
-        (lambda bank, a: a.__setitem__(1, a[1].astype(np.float64)), "ints must be a C-contiguous"),
-        (lambda bank, a: a[1].__setitem__((2, 0), 10**6), "table row out of range"),
-        (lambda bank, a: a[1].__setitem__((0, 3), -1), "age out of range"),
-        (lambda bank, a: a[1].__setitem__((1, 8), 5), "basis out of range"),
+        (lambda bank, a: a.__setitem__(1, a[1].astype(np.float64)), "ints must be a 2-D array of int64"),
+        (lambda bank, a: a[1].__setitem__((0, 2), 10**6), "table row out of range"),
+        (lambda bank, a: a[1].__setitem__((3, 0), -1), "age out of range"),
+        (lambda bank, a: a[1].__setitem__((8, 1), 5), "basis out of range"),
         (lambda bank, a: a.__setitem__(0, a[0][:, :2]), "discount factors do not reach"),
         (lambda bank, a: a.__setitem__(3, 13), "m out of range"),
-        (lambda bank, a: a.__setitem__(2, a[2][:, :5].copy()), "one column per field"),
+        (lambda bank, a: a.__setitem__(2, a[2][:5].copy()), "one row per field"),
     ],
 )
 def test_the_kernel_refuses_inputs_it_cannot_read_safely(change, message):

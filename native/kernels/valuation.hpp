@@ -27,7 +27,7 @@ namespace veltrane::kernels::valuation {
 // Policies per chunk of the per-year sums.
 inline constexpr std::size_t kChunk = 1024;
 
-// The per-policy integer attributes: a row of kIntFields values per policy.
+// The per-policy integer attributes: a run of n values per field.
 enum IntField : std::size_t {
     kRow,          // bank row of the policy's table at its first select duration (or its only row)
     kPeriod,       // select columns of its table before the ultimate one (0: not select)
@@ -43,7 +43,7 @@ enum IntField : std::size_t {
     kPremiumTerm,  // years of premiums; -1 as long as the cover
     kIntFields
 };
-// The per-policy real attributes: a row of kRealFields values per policy.
+// The per-policy real attributes: a run of n values per field.
 enum RealField : std::size_t {
     kBlend,        // male weight of a blended policy, NaN otherwise
     kMultiplier,   // rating: decrement multiplier (1: none)
@@ -87,8 +87,10 @@ struct Settings {
 
 struct Block {
     std::size_t n;
-    const std::int64_t* ints;  // n x kIntFields
-    const double* reals;       // n x kRealFields
+    const std::int64_t* ints;  // kIntFields runs of n values, int_stride values apart
+    std::size_t int_stride;
+    const double* reals;       // kRealFields runs of n values, real_stride values apart
+    std::size_t real_stride;
 };
 
 // Outputs: results (kResults x scenarios x n); reserves (scenarios x n x years) when asked;

@@ -90,8 +90,8 @@ class Laid:
 
     batch: PolicyBatch
     plan: RatePlan
-    ints: np.ndarray  # (n, len(INT_ROWS)) int64: a policy's attributes side by side
-    reals: np.ndarray  # (n, len(REAL_ROWS)) float64
+    ints: np.ndarray  # (len(INT_ROWS), n) int64: a field's values side by side
+    reals: np.ndarray  # (len(REAL_ROWS), n) float64
     discount: np.ndarray  # (bases, steps) float64
     scenarios: int
     scenario_set: bool
@@ -102,7 +102,7 @@ class Laid:
     interpolation: int
 
     def __len__(self) -> int:
-        return int(self.ints.shape[0])
+        return int(self.ints.shape[1])
 
 
 def _amount(frame: pl.DataFrame, product: Product, name: str, n: int) -> np.ndarray:
@@ -258,27 +258,27 @@ def lay_out(
         discount = chosen.grid(steps, m)
         scenarios, scenario_set = chosen.scenarios, chosen.scenario_set
         basis = np.zeros(n, dtype=np.int64)
-    ints = np.empty((n, len(INT_ROWS)), dtype=np.int64)
-    ints[:, 0] = plan.first_row[group]
-    ints[:, 1] = plan.period[group]
-    ints[:, 2] = plan.female_offset[group]
-    ints[:, 3] = age
-    ints[:, 4] = batch.duration_offset
-    ints[:, 5] = elapsed
-    ints[:, 6] = shift
-    ints[:, 7] = plan.decimals[group]
-    ints[:, 8] = basis
-    ints[:, 9] = term
-    ints[:, 10] = terms["deferral"]
-    ints[:, 11] = terms["premium_term"]
-    reals = np.empty((n, len(REAL_ROWS)), dtype=np.float64)
-    reals[:, 0] = batch.blend if batch.blend is not None else np.nan
-    reals[:, 1] = multiplier
-    reals[:, 2] = aggravation
+    ints = np.empty((len(INT_ROWS), n), dtype=np.int64)
+    ints[0] = plan.first_row[group]
+    ints[1] = plan.period[group]
+    ints[2] = plan.female_offset[group]
+    ints[3] = age
+    ints[4] = batch.duration_offset
+    ints[5] = elapsed
+    ints[6] = shift
+    ints[7] = plan.decimals[group]
+    ints[8] = basis
+    ints[9] = term
+    ints[10] = terms["deferral"]
+    ints[11] = terms["premium_term"]
+    reals = np.empty((len(REAL_ROWS), n), dtype=np.float64)
+    reals[0] = batch.blend if batch.blend is not None else np.nan
+    reals[1] = multiplier
+    reals[2] = aggravation
     for r, name in enumerate(
         ("death_benefit", "survival_benefit", "endowment", "premium", "escalation"), start=3
     ):
-        reals[:, r] = amounts[name]
+        reals[r] = amounts[name]
     return Laid(
         batch=batch,
         plan=plan,

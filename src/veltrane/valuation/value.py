@@ -106,8 +106,8 @@ def block_arguments(laid: Laid, block: slice, reserves: bool) -> tuple[Any, ...]
     """The kernel's arguments after the bank, for one block (views of its rows)."""
     return (
         laid.discount,
-        laid.ints[block],
-        laid.reals[block],
+        laid.ints[:, block],
+        laid.reals[:, block],
         laid.m,
         int(laid.due),
         laid.interpolation,
@@ -119,10 +119,16 @@ def block_arguments(laid: Laid, block: slice, reserves: bool) -> tuple[Any, ...]
     )
 
 
+def _rows_contiguous(a: np.ndarray) -> np.ndarray:
+    return a if a.flags.aligned and a.strides[1] == a.itemsize else np.ascontiguousarray(a)
+
+
 def run_block(bank: np.ndarray, args: tuple[Any, ...], threads: int) -> tuple[Any, ...]:
     """The kernel on one block with ``threads`` threads."""
-    # Arrays that travelled (Dask) may arrive unaligned or read-only: the kernel reads aligned ones.
-    arrays = [np.require(a, requirements=("C", "A")) for a in (bank, *args[:3])]
+    # Arrays that travelled (Dask) may arrive unaligned: the kernel reads aligned ones, with
+    # contiguous rows (the per-policy fields may be columns cut from a larger array).
+    arrays = [np.require(bank, requirements=("C", "A")), np.require(args[0], requirements=("C", "A"))]
+    arrays += [_rows_contiguous(a) for a in args[1:3]]
     result: tuple[Any, ...] = _native._value_block(*arrays, *args[3:], threads)  # type: ignore[call-arg]
     return result
 
