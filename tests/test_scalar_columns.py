@@ -269,3 +269,63 @@ def test_threads_reading_one_table_build_and_read_the_same_values():
 
     with ThreadPoolExecutor(4) as pool:
         assert all(pool.map(work, range(0, 80, 20)))
+
+
+PUBLIC = {"annuity": annuity, "insurance": insurance, "pure_endowment": pure_endowment}
+
+
+def _through_python(call: Callable[[LifeTable, int], float]) -> Callable[[LifeTable, int], float]:
+    """The same call, with the public functions' Python bodies in place of the call-through."""
+
+    def run(t: LifeTable, x: int) -> float:
+        globals().update({name: f.__wrapped__ for name, f in PUBLIC.items()})
+        try:
+            return call(t, x)
+        finally:
+            globals().update(PUBLIC)
+
+    return run
+
+
+@pytest.mark.parametrize("call", [c for c in CALLS if c.split()[0] in PUBLIC])
+def test_the_call_through_gives_the_bits_of_the_python_function(call):
+    t = TABLES["select at duration 4"]()
+    for x in (0, 33.5, np.array([20, 70])) if "woolhouse" not in call else (45,):
+        assert (
+            np.asarray(CALLS[call](t, x)).tobytes()
+            == np.asarray(_through_python(CALLS[call])(t, x)).tobytes()
+        )
+
+
+@pytest.mark.parametrize(
+    ("call", "message"),
+    [
+        (
+            lambda t: annuity(t, 65, 10, 0.03),
+            "annuity() takes from 2 to 3 positional arguments but 4 were given",
+        ),
+        (lambda t: insurance(t, 65, j=1), "insurance() got an unexpected keyword argument 'j'"),
+        (lambda t: pure_endowment(t, 65), "pure_endowment() missing 1 required positional argument: 'n'"),
+        (lambda t: annuity(t, x=65, x2=1), "annuity() got an unexpected keyword argument 'x2'"),
+    ],
+)
+def test_calls_the_compiled_function_cannot_take_get_the_python_errors(call, message):
+    with pytest.raises(TypeError) as caught:
+        call(TABLES["aggregate"]())
+    assert str(caught.value) == message
+
+
+def test_the_public_functions_stay_functions_to_their_users():
+    import inspect
+    import pickle
+
+    from veltrane.contingencies import JointLife
+
+    t = TABLES["aggregate"]()
+    assert annuity(table=t, x=65, n=10) == annuity(t, 65, 10)  # keywords for positional parameters
+    couple = JointLife(t, LifeTable("SULT", "u", interest_rate=RATE))
+    assert annuity(couple, (65, 60)) == annuity.__wrapped__(couple, (65, 60))
+    for f in PUBLIC.values():
+        assert inspect.signature(f) == inspect.signature(f.__wrapped__)
+        assert pickle.loads(pickle.dumps(f)) is f
+        assert inspect.isroutine(f) and f.__doc__ == f.__wrapped__.__doc__

@@ -8,6 +8,7 @@
 #include "decrement/stamping.hpp"
 #include "decrement/table.hpp"
 #include "decrement/valuation.hpp"
+#include "decrement/public_calls.hpp"
 #include "pyutil/module_functions.hpp"
 #include "pyutil/module_slots.hpp"
 
@@ -474,6 +475,7 @@ int decrement_exec(PyObject* module) {
         bind_contingencies(module);
         bind_multistate(module);
         bind_valuation(module);
+        bind_public_calls(module);
         return 0;
     });
 }

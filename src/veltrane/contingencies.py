@@ -35,6 +35,7 @@ Examples
 
 from __future__ import annotations
 
+import functools
 from typing import TYPE_CHECKING, Any, Literal, overload
 
 import numpy as np
@@ -727,3 +728,30 @@ def life_table(table: DecrementTable) -> pl.DataFrame:
         ex = np.where(lx > 0, T / np.where(lx > 0, lx, 1.0), 0.0)
     ages = np.arange(lx.size, dtype=np.int64)
     return pl.DataFrame(dict(zip(LIFE_TABLE_COLUMNS, (ages, lx, dx, qx, L, T, mx, ex), strict=True)))
+
+
+def _call_through(
+    function: Any, compiled: Any, required: int, positional: int, keywords: tuple[str, ...]
+) -> Any:
+    """``function`` with its calls on a table sent straight to ``compiled`` (which takes the same
+    arguments): a scalar value read from a cached column then costs no Python frame."""
+    fast = _native._PublicCall(function, compiled, required, positional, keywords)
+    return functools.update_wrapper(fast, function)
+
+
+if not TYPE_CHECKING:
+    annuity = _call_through(
+        annuity,
+        _native._annuity,
+        2,
+        3,
+        ("i", "due", "m", "defer", "method", "moment", "increasing", "decreasing"),
+    )
+    insurance = _call_through(
+        insurance,
+        _native._insurance,
+        2,
+        3,
+        ("i", "m", "defer", "endowment", "method", "moment", "increasing", "decreasing"),
+    )
+    pure_endowment = _call_through(pure_endowment, _native._pure_endowment, 3, 3, ("i",))

@@ -89,9 +89,8 @@ def _first(mask: pl.Series) -> int:
 
 
 def _no_nulls(frame: pl.DataFrame, column: str) -> None:
-    nulls = frame[column].is_null()
-    if nulls.any():
-        raise _bad(column, _first(nulls), "missing value")
+    if frame[column].null_count():
+        raise _bad(column, _first(frame[column].is_null()), "missing value")
 
 
 def _strings(frame: pl.DataFrame, column: str) -> pl.Series:
@@ -118,12 +117,14 @@ def _integers(frame: pl.DataFrame, column: str, *, nullable: bool) -> pl.Series:
             raise _bad(column, row, f"{series[row]!r} is not a whole number")
     elif not series.dtype.is_integer():
         raise ValueError(f"policies: column {column!r} must hold whole numbers, got {series.dtype}")
-    # Compared as floats: an unsigned or float value may not fit in Int64.
-    huge = (series.cast(pl.Float64).abs() > _MAX_WHOLE).fill_null(False)
-    if huge.any():
+    # Compared as floats: an unsigned or float value may not fit in Int64. The extremes are read
+    # first; the mask is only made to name the row.
+    low, high = series.min(), series.max()
+    if low is not None and (float(low) < -_MAX_WHOLE or float(high) > _MAX_WHOLE):  # type: ignore[arg-type]
+        huge = (series.cast(pl.Float64).abs() > _MAX_WHOLE).fill_null(False)
         row = _first(huge)
         raise _bad(column, row, f"{series[row]!r} is out of range")
-    if not nullable and series.is_null().any():
+    if not nullable and series.null_count():
         raise _bad(column, _first(series.is_null()), "missing value")
     return series.cast(pl.Int64)
 
@@ -246,6 +247,9 @@ def read_policies(policies: Any) -> PolicyBatch:
 
 
 def _check_ages(age: pl.Series, column: str, what: str = "") -> None:
+    low, high = age.min(), age.max()
+    if low is None or (low >= 0 and high <= _MAX_AGE):  # type: ignore[operator]
+        return
     if (age < 0).any():
         row = _first(age < 0)
         raise _bad(column, row, f"{what}{age[row]} is negative")

@@ -487,3 +487,17 @@ def _value_block(
     flat: bool,
     threads: int,
 ) -> tuple[Any, ...]: ...
+
+# A public function whose calls on a table go straight to its compiled counterpart.
+@final
+class _PublicCall:
+    def __new__(
+        cls,
+        wrapped: Callable[..., Any],
+        compiled: Callable[..., Any],
+        required: int,
+        positional: int,
+        keywords: tuple[str, ...],
+    ) -> _PublicCall: ...
+    def __call__(self, *args: Any, **kwargs: Any) -> Any: ...
+    def __get__(self, instance: object, owner: type | None = None, /) -> _PublicCall: ...

@@ -56,11 +56,12 @@ def _numbers(frame: pl.DataFrame, column: str, what: str) -> np.ndarray:
     if not series.dtype.is_numeric() or series.dtype == pl.Boolean:
         raise ValueError(f"policies: column {column!r} ({what}) must hold numbers, got {series.dtype}")
     values = series.cast(pl.Float64)
-    bad = (values.is_null() | ~values.is_finite()).fill_null(True)
-    if bad.any():
+    numbers = values.to_numpy().astype(np.float64, copy=False)
+    if values.null_count() or not np.isfinite(numbers).all():
+        bad = (values.is_null() | ~values.is_finite()).fill_null(True)
         row = int(bad.arg_true()[0])
         raise _bad(column, row, f"{what} must be a finite number, got {values[row]!r}")
-    return values.to_numpy().astype(np.float64, copy=False)
+    return numbers
 
 
 def _whole(frame: pl.DataFrame, column: str, what: str, *, nullable: bool) -> np.ndarray:
