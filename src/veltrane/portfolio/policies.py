@@ -192,21 +192,21 @@ def read_policies(policies: Any) -> PolicyBatch:
     if blend is not None:
         columns["blended"] = blend.is_not_null()
     keys = pl.DataFrame(columns).with_row_index("row")
-    grouped = keys.group_by(list(columns), maintain_order=True).agg(pl.col("row")).with_row_index("g")
-    placed = grouped.select("g", "row").explode("row")
-    raw_group = np.empty(frame.height, dtype=np.int64)
-    raw_group[placed["row"].to_numpy()] = placed["g"].to_numpy()
-    described = grouped.select(
+    # Each policy's group is numbered by the first row of its key, in order of first rows.
+    first_row = keys.select(pl.col("row").first().over(list(columns))).to_series().to_numpy()
+    starts = first_row == np.arange(frame.height)
+    raw_group = (np.cumsum(starts) - 1)[first_row]
+    described = keys[np.flatnonzero(starts)].select(
         "table_name",
         "sex",
         pl.col("cohort") if cohort is not None else pl.lit(None, dtype=pl.Int64).alias("cohort"),
         pl.col("blended") if blend is not None else pl.lit(False).alias("blended"),
-        pl.col("row").list.first().alias("first"),
+        pl.col("row").alias("first"),
     )
     sources: dict[str, TableSource] = {}
     merged: dict[tuple[str, str, int | None, bool], int] = {}
     groups: list[TableGroup] = []
-    remap = np.empty(grouped.height, dtype=np.int32)
+    remap = np.empty(described.height, dtype=np.int32)
     for raw, (name, sex_given, coh, blended, first) in enumerate(described.iter_rows()):
         sex = sex_given.lower()
         if sex not in SEXES:
@@ -285,10 +285,12 @@ def _duration_offsets(frame: pl.DataFrame, group: np.ndarray, groups: list[Table
             "duration", int(np.argmax(select)), "a select table needs a select duration (column 'duration')"
         )
     series = _integers(frame, "duration", nullable=True)
-    lacking = select & series.is_null().to_numpy()
-    if lacking.any():
-        raise _bad("duration", int(np.argmax(lacking)), "a select table needs a select duration")
-    duration = series.fill_null(0).to_numpy()
+    if series.null_count():
+        lacking = select & series.is_null().to_numpy()
+        if lacking.any():
+            raise _bad("duration", int(np.argmax(lacking)), "a select table needs a select duration")
+        series = series.fill_null(0)
+    duration = series.to_numpy()
     start = np.array([g.start_duration for g in groups], dtype=np.int64)[group]
     low = select & (duration < start)
     if low.any():
