@@ -9,6 +9,7 @@ or settings must drop them: after it, a call gives what a freshly built table gi
 from __future__ import annotations
 
 import math
+import re
 import struct
 from collections.abc import Callable
 
@@ -310,9 +311,9 @@ def test_the_call_through_gives_the_bits_of_the_python_function(call):
     ],
 )
 def test_calls_the_compiled_function_cannot_take_get_the_python_errors(call, message):
-    with pytest.raises(TypeError) as caught:
+    # Newer interpreters add a suggestion after the message.
+    with pytest.raises(TypeError, match=f"^{re.escape(message)}"):
         call(TABLES["aggregate"]())
-    assert str(caught.value) == message
 
 
 def test_the_public_functions_stay_functions_to_their_users():
