@@ -277,16 +277,29 @@ def _kernel_inputs():
     return laid.plan.bank, list(block_arguments(laid, slice(0, len(AGES)), True))
 
 
+def _replace_field(fields, f, value):
+    return (*fields[:f], value, *fields[f + 1 :])
+
+
+# After the bank: discount, groups, ints, reals, n, m, ...
 @pytest.mark.parametrize(
     ("change", "message"),
     [
-        (lambda bank, a: a.__setitem__(1, a[1].astype(np.float64)), "ints must be a 2-D array of int64"),
-        (lambda bank, a: a[1].__setitem__((0, 2), 10**6), "table row out of range"),
-        (lambda bank, a: a[1].__setitem__((3, 0), -1), "age out of range"),
-        (lambda bank, a: a[1].__setitem__((8, 1), 5), "basis out of range"),
-        (lambda bank, a: a.__setitem__(0, a[0][:, :2]), "discount factors do not reach"),
-        (lambda bank, a: a.__setitem__(3, 13), "m out of range"),
-        (lambda bank, a: a.__setitem__(2, a[2][:5].copy()), "one row per field"),
+        (
+            lambda bank, a: a.__setitem__(2, _replace_field(a[2], 1, a[2][1].astype(np.float64))),
+            "ints field 1 must be a contiguous 1-D array of int64",
+        ),
+        (
+            lambda bank, a: a.__setitem__(3, _replace_field(a[3], 3, np.ones(2))),
+            "one value per policy, or one",
+        ),
+        (lambda bank, a: a.__setitem__(2, a[2][:5]), "ints must be a tuple of 9 arrays"),
+        (lambda bank, a: a[1].__setitem__((0, 0), 10**6), r"table row out of range \(group 0\)"),
+        (lambda bank, a: a[2][0].__setitem__(0, 3), "group out of range"),
+        (lambda bank, a: a[2][1].__setitem__(2, -1), r"age out of range \(policy 2\)"),
+        (lambda bank, a: a[2][5].__setitem__(0, 5), "basis out of range"),
+        (lambda bank, a: a.__setitem__(0, a[0][:, :2].copy()), "discount factors do not reach"),
+        (lambda bank, a: a.__setitem__(5, 13), "m out of range"),
     ],
 )
 def test_the_kernel_refuses_inputs_it_cannot_read_safely(change, message):
@@ -305,7 +318,7 @@ def test_the_kernel_keeps_no_reference_to_its_inputs():
     from veltrane.tables import decrement
 
     bank, args = _kernel_inputs()
-    arrays = [bank, *args[:3]]
+    arrays = [bank, *args[:2], *args[2], *args[3]]
     before = [sys.getrefcount(a) for a in arrays]
     for _ in range(100):
         decrement._value_block(bank, *args, 2)

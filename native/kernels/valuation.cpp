@@ -21,8 +21,11 @@ namespace {
 
 using Index = std::int64_t;
 
-inline Index field(const Block& b, IntField f, std::size_t i) noexcept { return b.ints[f * b.int_stride + i]; }
-inline double field(const Block& b, RealField f, std::size_t i) noexcept { return b.reals[f * b.real_stride + i]; }
+inline Index field(const Block& b, IntField f, std::size_t i) noexcept { return b.ints[f][i]; }
+inline double field(const Block& b, RealField f, std::size_t i) noexcept { return b.reals[f][i]; }
+inline Index field(const Block& b, GroupField f, std::size_t i) noexcept {
+    return b.groups[static_cast<std::size_t>(b.ints[kGroup][i]) * kGroupFields + f];
+}
 
 // Years walked from issue: to the end of the term, and at most until the table's last column
 // of the bank (1.0 there, so nobody survives it).

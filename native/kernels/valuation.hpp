@@ -18,6 +18,7 @@
 
 #include "kernels/survival.hpp"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -27,23 +28,29 @@ namespace veltrane::kernels::valuation {
 // Policies per chunk of the per-year sums.
 inline constexpr std::size_t kChunk = 1024;
 
-// The per-policy integer attributes: a run of n values per field.
+// The attributes of a policy's table group (a table, sex, cohort and whether it blends): a
+// row of kGroupFields values per group.
+enum GroupField : std::size_t {
+    kRow,      // bank row of the table at its first select duration (or its only row)
+    kPeriod,   // select columns of the table before the ultimate one (0: not select)
+    kFemale,   // rows from its male to its female rows (blended policies)
+    kDecimals, // decimals to which mixed or rated rates are rounded
+    kGroupFields
+};
+// The per-policy integer attributes.
 enum IntField : std::size_t {
-    kRow,          // bank row of the policy's table at its first select duration (or its only row)
-    kPeriod,       // select columns of its table before the ultimate one (0: not select)
-    kFemale,       // rows from its male to its female rows (blended policies)
+    kGroup,        // the policy's group
     kAge,          // attained age at the valuation date
     kOffset,       // select duration at the valuation date less the table's first one
     kElapsed,      // years since issue (0 for a policy valued as new business)
     kShift,        // rating: age shift (>= 0)
-    kDecimals,     // decimals to which mixed or rated rates are rounded
     kBasis,        // first discount basis of the policy (scenarios follow it)
     kTerm,         // years of cover from the valuation date; -1 to the end of the table
     kDeferral,     // years before survival benefits start
     kPremiumTerm,  // years of premiums; -1 as long as the cover
     kIntFields
 };
-// The per-policy real attributes: a run of n values per field.
+// The per-policy real attributes.
 enum RealField : std::size_t {
     kBlend,        // male weight of a blended policy, NaN otherwise
     kMultiplier,   // rating: decrement multiplier (1: none)
@@ -54,6 +61,14 @@ enum RealField : std::size_t {
     kPremium,      // level annual premium; NaN for the net premium
     kEscalation,   // yearly growth of the benefits
     kRealFields
+};
+
+// One attribute of every policy of a block: a value per policy, or one value for all (step 0).
+template <class T>
+struct Column {
+    const T* data = nullptr;
+    std::size_t step = 1;
+    T operator[](std::size_t i) const noexcept { return data[i * step]; }
 };
 
 // The quantities of the per-year sums, in this order.
@@ -87,10 +102,10 @@ struct Settings {
 
 struct Block {
     std::size_t n;
-    const std::int64_t* ints;  // kIntFields runs of n values, int_stride values apart
-    std::size_t int_stride;
-    const double* reals;       // kRealFields runs of n values, real_stride values apart
-    std::size_t real_stride;
+    const std::int64_t* groups;  // groups x kGroupFields
+    std::size_t group_count;
+    std::array<Column<std::int64_t>, kIntFields> ints;
+    std::array<Column<double>, kRealFields> reals;
 };
 
 // Outputs: results (kResults x scenarios x n); reserves (scenarios x n x years) when asked;

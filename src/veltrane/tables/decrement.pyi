@@ -475,8 +475,10 @@ def _disability_insurance(
 def _value_block(
     bank: NDArray[np.float64],
     discount: NDArray[np.float64],
-    ints: NDArray[Any],
-    reals: NDArray[np.float64],
+    groups: NDArray[np.int64],
+    ints: tuple[NDArray[np.int64], ...],
+    reals: tuple[NDArray[np.float64], ...],
+    n: int,
     m: int,
     due: bool,
     interpolation: int,

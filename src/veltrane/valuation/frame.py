@@ -22,22 +22,21 @@ __all__ = ["RATINGS", "Laid", "lay_out"]
 
 #: Per-policy ratings, applied in this order as ``modify_qx`` applies its keys.
 RATINGS = ("age_shift", "decrement_multiplier", "aggravated_risk")
-# Rows of the kernel's integer and real inputs (kernels/valuation.hpp).
-INT_ROWS = (
-    "row",
-    "period",
-    "female",
-    "age",
-    "offset",
-    "elapsed",
-    "shift",
-    "decimals",
-    "basis",
-    "term",
-    "deferral",
-    "premium_term",
+# The kernel's fields (kernels/valuation.hpp): per group, and per policy (integer and real).
+GROUP_FIELDS = ("row", "period", "female", "decimals")
+INT_FIELDS = ("group", "age", "offset", "elapsed", "shift", "basis", "term", "deferral", "premium_term")
+REAL_FIELDS = (
+    "blend",
+    "multiplier",
+    "aggravation",
+    "death",
+    "survival",
+    "endowment",
+    "premium",
+    "escalation",
 )
-REAL_ROWS = ("blend", "multiplier", "aggravation", "death", "survival", "endowment", "premium", "escalation")
+# The product's amounts in the order of the real fields that follow the ratings.
+AMOUNT_ORDER = ("death_benefit", "survival_benefit", "endowment", "premium", "escalation")
 _INTERPOLATION = {"linear": 0, "exponential": 1, "hyperbolic": 2}
 _LARGEST_AGGRAVATION = 100.0
 _LARGEST_TERM = 100_000
@@ -91,8 +90,11 @@ class Laid:
 
     batch: PolicyBatch
     plan: RatePlan
-    ints: np.ndarray  # (len(INT_ROWS), n) int64: a field's values side by side
-    reals: np.ndarray  # (len(REAL_ROWS), n) float64
+    n: int
+    groups: np.ndarray  # (groups, len(GROUP_FIELDS)) int64
+    # One array per field: a value per policy, or a single value shared by every policy.
+    ints: tuple[np.ndarray, ...]  # int64, INT_FIELDS
+    reals: tuple[np.ndarray, ...]  # float64, REAL_FIELDS
     discount: np.ndarray  # (bases, steps) float64
     scenarios: int
     scenario_set: bool
@@ -103,27 +105,46 @@ class Laid:
     interpolation: int
 
     def __len__(self) -> int:
-        return int(self.ints.shape[1])
+        return self.n
+
+    def fields(self, block: slice) -> tuple[tuple[np.ndarray, ...], tuple[np.ndarray, ...]]:
+        """The per-policy fields of the policies of ``block``."""
+
+        def cut(a: np.ndarray) -> np.ndarray:
+            return a if a.shape[0] == 1 and self.n != 1 else a[block]
+
+        return tuple(cut(a) for a in self.ints), tuple(cut(a) for a in self.reals)
 
 
-def _amount(frame: pl.DataFrame, product: Product, name: str, n: int) -> np.ndarray:
+def _field(values: np.ndarray, dtype: type) -> np.ndarray:
+    """One field: a single value when every policy has the same one."""
+    values = np.ascontiguousarray(values, dtype=dtype)
+    if values.size <= 1:
+        return values
+    first = values[0]
+    same = np.isnan(values).all() if first != first else values[-1] == first and (values == first).all()
+    return values[:1].copy() if same else values
+
+
+def _amount(frame: pl.DataFrame, product: Product, name: str) -> np.ndarray:
     value = getattr(product, name)
     if isinstance(value, str):
         return _numbers(frame, value, f"product.{name}")
-    return np.full(n, np.nan if value is None else float(value))
+    return np.full(1, np.nan if value is None else float(value))
 
 
-def _years(frame: pl.DataFrame, product: Product, name: str, n: int) -> np.ndarray:
+def _years(frame: pl.DataFrame, product: Product, name: str) -> np.ndarray:
     value = getattr(product, name)
     if isinstance(value, str):
         return _whole(frame, value, f"product.{name}", nullable=name != "deferral")
-    return np.full(n, -1 if value is None else int(value), dtype=np.int64)
+    return np.full(1, -1 if value is None else int(value), dtype=np.int64)
 
 
-def _ratings(frame: pl.DataFrame, n: int) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
-    shift = np.zeros(n, dtype=np.int64)
-    multiplier = np.ones(n)
-    aggravation = np.ones(n)
+def _ratings(frame: pl.DataFrame) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
+    # A rating not given is one value for every policy.
+    shift = np.zeros(1, dtype=np.int64)
+    multiplier = np.ones(1)
+    aggravation = np.ones(1)
     if "age_shift" in frame.columns:
         shift = _whole(frame, "age_shift", "rating", nullable=False)
     if "decrement_multiplier" in frame.columns:
@@ -208,7 +229,7 @@ def lay_out(
             f"the columns are {frame.columns}"
         )
     n = frame.height
-    amounts = {name: _amount(frame, product, name, n) for name in AMOUNT_FIELDS}
+    amounts = {name: _amount(frame, product, name) for name in AMOUNT_FIELDS}
     if (amounts["escalation"] <= -1.0).any():
         row = int(np.argmax(amounts["escalation"] <= -1.0))
         raise _bad(
@@ -216,11 +237,11 @@ def lay_out(
             row,
             f"escalation must be > -1, got {float(amounts['escalation'][row])!r}",
         )
-    terms = {name: _years(frame, product, name, n) for name in TERM_FIELDS}
+    terms = {name: _years(frame, product, name) for name in TERM_FIELDS}
     if product.premium is None and (terms["premium_term"] == 0).any():
         row = int(np.argmax(terms["premium_term"] == 0))
         raise _bad(str(product.premium_term), row, "a net premium needs a premium term of at least one year")
-    shift, multiplier, aggravation = _ratings(frame, n)
+    shift, multiplier, aggravation = _ratings(frame)
     rates: np.ndarray | None = None
     if isinstance(interest, str):
         rates = _numbers(frame, interest, "interest")
@@ -228,7 +249,7 @@ def lay_out(
             row = int(np.argmax(rates <= -1.0))
             raise _bad(interest, row, f"interest must be > -1, got {float(rates[row])!r}")
     batch = read_policies(frame.drop([c for c in read if c in frame.columns]))
-    elapsed = np.zeros(n, dtype=np.int64)
+    elapsed = np.zeros(1, dtype=np.int64)
     if "issue_age" in frame.columns:
         elapsed = batch.age.astype(np.int64) - frame["issue_age"].cast(pl.Int64).to_numpy()
     plan = _plan(batch.groups, int(batch.age.max()) + int(shift.max()) + 2, registry)
@@ -258,31 +279,42 @@ def lay_out(
         chosen = curve if curve is not None else YieldCurve.flat(float(interest))
         discount = chosen.grid(steps, m)
         scenarios, scenario_set = chosen.scenarios, chosen.scenario_set
-        basis = np.zeros(n, dtype=np.int64)
-    ints = np.empty((len(INT_ROWS), n), dtype=np.int64)
-    ints[0] = plan.first_row[group]
-    ints[1] = plan.period[group]
-    ints[2] = plan.female_offset[group]
-    ints[3] = age
-    ints[4] = batch.duration_offset
-    ints[5] = elapsed
-    ints[6] = shift
-    ints[7] = plan.decimals[group]
-    ints[8] = basis
-    ints[9] = term
-    ints[10] = terms["deferral"]
-    ints[11] = terms["premium_term"]
-    reals = np.empty((len(REAL_ROWS), n), dtype=np.float64)
-    reals[0] = batch.blend if batch.blend is not None else np.nan
-    reals[1] = multiplier
-    reals[2] = aggravation
-    for r, name in enumerate(
-        ("death_benefit", "survival_benefit", "endowment", "premium", "escalation"), start=3
-    ):
-        reals[r] = amounts[name]
+        basis = np.zeros(1, dtype=np.int64)
+    groups = np.ascontiguousarray(
+        np.stack([plan.first_row, plan.period, plan.female_offset, plan.decimals], axis=1), dtype=np.int64
+    )
+    ints = tuple(
+        _field(values, np.int64)
+        for values in (
+            group,
+            age,
+            batch.duration_offset,
+            elapsed,
+            shift,
+            basis,
+            term,
+            terms["deferral"],
+            terms["premium_term"],
+        )
+    )
+    blend = batch.blend if batch.blend is not None else np.full(1, np.nan)
+    reals = tuple(
+        _field(values, np.float64)
+        for values in (
+            blend,
+            multiplier,
+            aggravation,
+            *(
+                amounts[name]
+                for name in ("death_benefit", "survival_benefit", "endowment", "premium", "escalation")
+            ),
+        )
+    )
     return Laid(
         batch=batch,
         plan=plan,
+        n=n,
+        groups=groups,
         ints=ints,
         reals=reals,
         discount=discount,

@@ -103,11 +103,14 @@ def blocks(n: int, block_size: int) -> Iterator[slice]:
 
 
 def block_arguments(laid: Laid, block: slice, reserves: bool) -> tuple[Any, ...]:
-    """The kernel's arguments after the bank, for one block (views of its rows)."""
+    """The kernel's arguments after the bank, for one block (views of its policies' fields)."""
+    ints, reals = laid.fields(block)
     return (
         laid.discount,
-        laid.ints[:, block],
-        laid.reals[:, block],
+        laid.groups,
+        ints,
+        reals,
+        block.stop - block.start,
         laid.m,
         int(laid.due),
         laid.interpolation,
@@ -119,17 +122,15 @@ def block_arguments(laid: Laid, block: slice, reserves: bool) -> tuple[Any, ...]
     )
 
 
-def _rows_contiguous(a: np.ndarray) -> np.ndarray:
-    return a if a.flags.aligned and a.strides[1] == a.itemsize else np.ascontiguousarray(a)
-
-
 def run_block(bank: np.ndarray, args: tuple[Any, ...], threads: int) -> tuple[Any, ...]:
     """The kernel on one block with ``threads`` threads."""
-    # Arrays that travelled (Dask) may arrive unaligned: the kernel reads aligned ones, with
-    # contiguous rows (the per-policy fields may be columns cut from a larger array).
-    arrays = [np.require(bank, requirements=("C", "A")), np.require(args[0], requirements=("C", "A"))]
-    arrays += [_rows_contiguous(a) for a in args[1:3]]
-    result: tuple[Any, ...] = _native._value_block(*arrays, *args[3:], threads)  # type: ignore[call-arg]
+    # Arrays that travelled (Dask) may arrive unaligned or read-only: the kernel reads aligned ones.
+    discount, groups = (np.require(a, requirements=("C", "A")) for a in args[:2])
+    ints, reals = (tuple(np.require(a, requirements=("C", "A")) for a in fields) for fields in args[2:4])
+    bank = np.require(bank, requirements=("C", "A"))
+    result: tuple[Any, ...] = _native._value_block(  # type: ignore[call-arg]
+        bank, discount, groups, ints, reals, *args[4:], threads
+    )
     return result
 
 
