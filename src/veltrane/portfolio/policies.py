@@ -6,7 +6,7 @@ which row (0-based position in the frame) is wrong, before any table is built.
 
 from __future__ import annotations
 
-from collections.abc import Mapping
+from collections.abc import Collection, Mapping
 from dataclasses import dataclass
 from typing import Any
 
@@ -138,7 +138,7 @@ def _source(name: str, row: int) -> TableSource:
         raise _bad("table_name", row, f"table {name!r} cannot be read: {exc}") from exc
 
 
-def read_policies(policies: Any) -> PolicyBatch:
+def read_policies(policies: Any, other_columns: Collection[str] = ()) -> PolicyBatch:
     """Check a frame of policies and group them by table.
 
     Columns: ``table_name`` and ``sex`` (text); the age as exactly one of ``age`` (whole number,
@@ -148,10 +148,11 @@ def read_policies(policies: Any) -> PolicyBatch:
     of issue) for generational tables; ``duration`` (select duration at the start; on other
     tables the policy year from 1, read only with ``issue_age``) for select tables;
     ``unisex_blend`` (male weight) for sex "u" on tables without a unisex column. Columns that a
-    policy's table does not need are ignored for it; columns not named here are refused.
+    policy's table does not need are ignored for it; columns not named here are refused, but for
+    ``other_columns`` (read by the caller).
     """
     frame = _as_frame(policies)
-    unknown = [c for c in frame.columns if c not in COLUMNS]
+    unknown = [c for c in frame.columns if c not in COLUMNS and c not in other_columns]
     if unknown:
         listed = ", ".join(repr(c) for c in unknown)
         raise ValueError(
@@ -196,18 +197,23 @@ def read_policies(policies: Any) -> PolicyBatch:
     first_row = keys.select(pl.col("row").first().over(list(columns))).to_series().to_numpy()
     starts = first_row == np.arange(frame.height)
     raw_group = (np.cumsum(starts) - 1)[first_row]
-    described = keys[np.flatnonzero(starts)].select(
-        "table_name",
-        "sex",
-        pl.col("cohort") if cohort is not None else pl.lit(None, dtype=pl.Int64).alias("cohort"),
-        pl.col("blended") if blend is not None else pl.lit(False).alias("blended"),
-        pl.col("row").alias("first"),
+    # Each key as given, with the first row that gives it.
+    firsts = np.flatnonzero(starts)
+    take = pl.Series(firsts)
+    count = len(firsts)
+    described = zip(
+        names.gather(take).to_list(),
+        sexes.gather(take).to_list(),
+        cohort.gather(take).to_list() if cohort is not None else [None] * count,
+        columns["blended"].gather(take).to_list() if blend is not None else [False] * count,
+        firsts.tolist(),
+        strict=True,
     )
     sources: dict[str, TableSource] = {}
     merged: dict[tuple[str, str, int | None, bool], int] = {}
     groups: list[TableGroup] = []
-    remap = np.empty(described.height, dtype=np.int32)
-    for raw, (name, sex_given, coh, blended, first) in enumerate(described.iter_rows()):
+    remap = np.empty(count, dtype=np.int32)
+    for raw, (name, sex_given, coh, blended, first) in enumerate(described):
         sex = sex_given.lower()
         if sex not in SEXES:
             raise _bad("sex", first, f"{sex_given!r} is not one of 'm', 'f', 'u'")

@@ -248,7 +248,7 @@ def lay_out(
         if (rates <= -1.0).any():
             row = int(np.argmax(rates <= -1.0))
             raise _bad(interest, row, f"interest must be > -1, got {float(rates[row])!r}")
-    batch = read_policies(frame.drop([c for c in read if c in frame.columns]))
+    batch = read_policies(frame, other_columns=read)
     elapsed = np.zeros(1, dtype=np.int64)
     if "issue_age" in frame.columns:
         elapsed = batch.age.astype(np.int64) - frame["issue_age"].cast(pl.Int64).to_numpy()
