@@ -107,6 +107,7 @@ struct Flows {
     Index premium_end;    // premiums are due in years before it
     Index survival_from;  // survival benefits are paid from this year on
     Index maturity;       // the year at whose end the endowment falls (-1: none)
+    bool level_one;       // every level is 1 (no escalation)
 };
 
 struct Sums {
@@ -176,8 +177,9 @@ public:
         survive(q + before, ahead, alive);
 
         const Amounts amounts{death, survival, endowment, basis};
+        const bool level_one = growth == 1.0;
         const Flows from_now{alive, q + before, level + before, ahead, premium_term < 0 ? ahead : premium_term,
-                             deferral, term >= 0 ? term - 1 : -1};
+                             deferral, term >= 0 ? term - 1 : -1, level_one};
         const Sums now = value(from_now, amounts);
         Sums at_issue = now;
         if (elapsed > 0) {
@@ -190,14 +192,14 @@ public:
                 // At one rate the years from the valuation date are worth, at issue, their value
                 // at the valuation date discounted over the years run, for the lives still there.
                 // The years before it pay every premium and no survival benefit.
-                const Flows run{issue_alive, q, level, before, before, before, maturity};
+                const Flows run{issue_alive, q, level, before, before, before, maturity, level_one};
                 const Sums past = value(run, amounts);
                 const double back = issue_alive[before] * year_v(basis)[before];
                 at_issue.benefits = past.benefits + back * now.benefits;
                 at_issue.annuity = past.annuity + back * now.annuity;
             } else {
                 const Index premium_end = premium_term < 0 ? years : elapsed + premium_term;
-                const Flows whole{issue_alive, q, level, years, premium_end, elapsed + deferral, maturity};
+                const Flows whole{issue_alive, q, level, years, premium_end, elapsed + deferral, maturity, level_one};
                 at_issue = value(whole, amounts);
             }
         }
@@ -265,7 +267,9 @@ private:
         const double* level = f.level;
         Sums out;
         if (a.death != 0.0) {
-            out.benefits = a.death * sum(0, f.n, [&](Index k) { return alive[k] * q[k] * v[k + 1] * level[k]; });
+            // A level benefit skips its factors of 1 (the same bits).
+            out.benefits = f.level_one ? a.death * sum(0, f.n, [&](Index k) { return alive[k] * q[k] * v[k + 1]; })
+                                       : a.death * sum(0, f.n, [&](Index k) { return alive[k] * q[k] * v[k + 1] * level[k]; });
         }
         if (a.survival != 0.0 && f.survival_from < f.n) {
             // The common cases without a call or a branch per year.
