@@ -12,7 +12,7 @@ import pytest
 from veltrane import LifeTable
 from veltrane.contingencies import annuity, insurance, net_premium, pure_endowment
 from veltrane.tables.decrement import TableRegistry
-from veltrane.valuation import Product, YieldCurve, value
+from veltrane.valuation import Policies, Product, YieldCurve, value
 
 RATE = 0.03
 AGES = [25, 40, 55, 70, 90]
@@ -308,7 +308,30 @@ def test_the_kernel_refuses_inputs_it_cannot_read_safely(change, message):
     bank, args = _kernel_inputs()
     change(bank, args)
     with pytest.raises(ValueError, match=message):
-        decrement._value_block(bank, *args, 1)
+        decrement._value_block(bank, *args, 1, None, 0)
+
+
+def _read_only(shape):
+    a = np.empty(shape)
+    a.setflags(write=False)
+    return a
+
+
+@pytest.mark.parametrize(
+    ("results", "offset"),
+    [
+        (lambda: np.empty((4, 1, len(AGES) + 1)), 2),  # too few columns for the block at this offset
+        (lambda: np.empty((4, 1, 20), dtype=np.float32), 0),
+        (lambda: np.empty((4, 20, 1)).transpose(0, 2, 1), 0),  # not contiguous along its last axis
+        (lambda: _read_only((4, 1, 20)), 0),
+    ],
+)
+def test_the_kernel_writes_only_into_results_it_can_hold(results, offset):
+    from veltrane.tables import decrement
+
+    bank, args = _kernel_inputs()
+    with pytest.raises(ValueError, match="results must be a writeable float64 array"):
+        decrement._value_block(bank, *args, 1, results(), offset)
 
 
 def test_the_kernel_keeps_no_reference_to_its_inputs():
@@ -321,7 +344,7 @@ def test_the_kernel_keeps_no_reference_to_its_inputs():
     arrays = [bank, *args[:2], *args[2], *args[3]]
     before = [sys.getrefcount(a) for a in arrays]
     for _ in range(100):
-        decrement._value_block(bank, *args, 2)
+        decrement._value_block(bank, *args, 2, None, 0)
     gc.collect()
     assert [sys.getrefcount(a) for a in arrays] == before
 
@@ -410,3 +433,43 @@ def test_scenario_sets_give_each_scenario_its_own_premiums_and_flows():
         flows = result.cash_flows.filter(pl.col("scenario") == s).drop("scenario")
         assert flows.equals(alone.cash_flows)
     np.testing.assert_allclose(result.totals["reserve"], result.reserve.sum(axis=1))
+
+
+def test_policies_read_once_give_the_bits_of_the_frame_on_every_basis(mixed_book):
+    registry = TableRegistry()
+    policies = Policies(mixed_book, registry=registry)
+    bases = [
+        (Product(death_benefit="benefit", term="term", premium=None), {"interest": "rate"}),
+        (Product(survival_benefit="benefit", m=12, term=20), {"curve": YieldCurve([1, 30], [0.01, 0.03])}),
+    ]
+    for product, basis in bases:
+        for threads in (1, 2):
+            ours = value(policies, product, threads=threads, reserves_by_year=True, **basis)
+            read = [c for c in mixed_book.columns if c not in ("term", "rate") or c in product.columns()]
+            read += ["rate"] if basis.get("interest") == "rate" else []
+            theirs = value(
+                mixed_book.select(read), product, registry=registry, reserves_by_year=True, **basis
+            )
+            for name in ("pv_benefits", "net_premium", "reserve", "reserves"):
+                np.testing.assert_array_equal(getattr(ours, name), getattr(theirs, name))
+            assert ours.cash_flows.equals(theirs.cash_flows)
+
+
+PLAIN = Product(death_benefit=1.0)
+
+
+@pytest.mark.parametrize(
+    ("call", "message"),
+    [
+        (lambda p: value(p, PLAIN, interest=RATE, registry=TableRegistry()), "own registry"),
+        (lambda p: value(p, PLAIN, interest=RATE, out="x.parquet"), "give the frame"),
+        (lambda p: value(p, Product(death_benefit="nothing"), interest=RATE), "column 'nothing' named by"),
+        (lambda p: value(p, Product(death_benefit="spare"), interest=RATE), "column 'spare', row 1"),
+    ],
+)
+def test_policies_read_once_refuse_what_a_frame_would(call, message):
+    policies = Policies(pl.DataFrame(BOOK | {"spare": [1.0, None]}))
+    with pytest.raises(ValueError, match=message):
+        call(policies)
+    with pytest.raises(ValueError, match="row 1: 'x' is not one of"):
+        Policies(pl.DataFrame(BOOK | {"sex": ["u", "x"]}))

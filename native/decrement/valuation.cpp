@@ -1,7 +1,9 @@
 // The module function behind veltrane.valuation: `_value_block(bank, discount, groups, ints,
-// reals, n, m, due, interpolation, scenarios, years, reserves, flows, flat, threads)`. The arrays
-// are the ones the Python layer lays out (kernels/valuation.hpp names their fields); every index
-// is checked here, before the kernel runs without the GIL, so that no input can read outside them.
+// reals, n, m, due, interpolation, scenarios, years, reserves, flows, flat, threads, results,
+// offset)`. The arrays are the ones the Python layer lays out (kernels/valuation.hpp names their
+// fields); every index is checked here, before the kernel runs without the GIL, so that no input
+// can read or write outside them. `results` is None (a new array is returned) or the caller's
+// array, written at columns offset .. offset + n.
 #include "decrement/valuation.hpp"
 
 #include "kernels/valuation.hpp"
@@ -118,6 +120,19 @@ void check_block(const kv::Bank& bank, const kv::Discount& discount, const kv::S
     if (kv::steps_needed(bank, b, settings) > discount.steps) refuse("the discount factors do not reach the last year");
 }
 
+// An array the caller gives for the results: float64, aligned, native, writeable, (kResults,
+// scenarios, >= columns), contiguous along its last axis and with rows that do not overlap.
+void check_results(PyArrayObject* a, npy_intp scenarios, npy_intp columns) {
+    const bool shaped = PyArray_Check(reinterpret_cast<PyObject*>(a)) && PyArray_NDIM(a) == 3 &&
+                        PyArray_DIM(a, 0) == kv::kResults && PyArray_DIM(a, 1) == scenarios && PyArray_DIM(a, 2) >= columns;
+    if (!shaped || PyArray_TYPE(a) != NPY_FLOAT64 || !PyArray_ISALIGNED(a) || !PyArray_ISNOTSWAPPED(a) ||
+        !PyArray_ISWRITEABLE(a) || PyArray_STRIDE(a, 2) != 8 || PyArray_STRIDE(a, 1) < PyArray_DIM(a, 2) * 8 ||
+        PyArray_STRIDE(a, 0) < PyArray_DIM(a, 1) * PyArray_STRIDE(a, 1) || PyArray_STRIDE(a, 1) % 8 != 0 ||
+        PyArray_STRIDE(a, 0) % 8 != 0) {
+        refuse("results must be a writeable float64 array (4, scenarios, at least offset + n), contiguous by row");
+    }
+}
+
 PyObject* new_array(std::initializer_list<npy_intp> shape, bool zeros) {
     std::vector<npy_intp> dims(shape);
     const int nd = static_cast<int>(dims.size());
@@ -126,7 +141,7 @@ PyObject* new_array(std::initializer_list<npy_intp> shape, bool zeros) {
 
 PyObject* value_block(PyObject*, PyObject* const* args, Py_ssize_t nargs) {
     return py::guard([&]() -> PyObject* {
-        if (nargs != 15) refuse("takes 15 arguments");
+        if (nargs != 17) refuse("takes 17 arguments");
         PyArrayObject* bank_a = matrix(args[0], NPY_FLOAT64, "bank");
         PyArrayObject* discount_a = matrix(args[1], NPY_FLOAT64, "discount");
         PyArrayObject* groups_a = matrix(args[2], NPY_INT64, "groups");
@@ -157,11 +172,18 @@ PyObject* value_block(PyObject*, PyObject* const* args, Py_ssize_t nargs) {
         const auto scenarios = static_cast<npy_intp>(settings.scenarios);
         const auto years = static_cast<npy_intp>(settings.years);
         const auto chunks = static_cast<npy_intp>((block.n + kv::kChunk - 1) / kv::kChunk);
-        py::ref results = py::ref::steal(new_array({kv::kResults, scenarios, n}, false));
+        py::ref results = args[15] == Py_None ? py::ref::steal(new_array({kv::kResults, scenarios, n}, false))
+                                              : py::ref::borrow(args[15]);
+        const npy_intp offset = static_cast<npy_intp>(whole(args[16], "offset", 0, std::int64_t{1} << 40));
+        auto* results_a = reinterpret_cast<PyArrayObject*>(results.get());
+        if (args[15] != Py_None) check_results(results_a, scenarios, offset + n);
         py::ref reserves = settings.reserves ? py::ref::steal(new_array({scenarios, n, years}, true)) : py::ref::borrow(Py_None);
         py::ref flows =
             settings.flows ? py::ref::steal(new_array({chunks, scenarios, kv::kFlows, years}, true)) : py::ref::borrow(Py_None);
-        const kv::Outputs out{py::f64_data(results.get()), settings.reserves ? py::f64_data(reserves.get()) : nullptr,
+        const kv::Outputs out{py::f64_data(results.get()) + (args[15] == Py_None ? 0 : offset),
+                              static_cast<std::size_t>(PyArray_STRIDE(results_a, 0) / 8),
+                              static_cast<std::size_t>(PyArray_STRIDE(results_a, 1) / 8),
+                              settings.reserves ? py::f64_data(reserves.get()) : nullptr,
                               settings.flows ? py::f64_data(flows.get()) : nullptr};
         {
             // The arrays are owned by this call (the inputs by the caller's references).
@@ -175,7 +197,7 @@ PyObject* value_block(PyObject*, PyObject* const* args, Py_ssize_t nargs) {
 PyMethodDef functions[] = {
     {"_value_block", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(value_block)), METH_FASTCALL,
      "_value_block(bank, discount, groups, ints, reals, n, m, due, interpolation, scenarios, years, reserves, "
-     "flows, flat, threads)\n"
+     "flows, flat, threads, results, offset)\n"
      "--\n\nValue one block of policies (internal: see veltrane.valuation)."},
 };
 

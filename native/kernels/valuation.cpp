@@ -149,7 +149,7 @@ public:
 
     // Values policy i under scenario s; writes its results and, when asked, its reserves and
     // adds its years to `flows` (kFlows x years of its chunk and scenario).
-    void operator()(const Block& b, std::size_t i, std::size_t s, Scratch& w, double* results, double* reserves,
+    void operator()(const Block& b, std::size_t i, std::size_t s, Scratch& w, const Outputs& out, double* reserves,
                     double* flows) const noexcept {
         const Index elapsed = field(b, kElapsed, i);
         const Index term = field(b, kTerm, i);
@@ -206,12 +206,11 @@ public:
         const double net =
             at_issue.annuity > 0.0 ? at_issue.benefits / at_issue.annuity : std::numeric_limits<double>::quiet_NaN();
         const double premium = std::isnan(given_premium) ? net : given_premium;
-        const std::size_t stride = settings_.scenarios * b.n;
-        const std::size_t at_policy = s * b.n + i;
-        results[kPvBenefits * stride + at_policy] = now.benefits;
-        results[kPvPremiums * stride + at_policy] = premium * now.annuity;
-        results[kNetPremium * stride + at_policy] = net;
-        results[kReserve * stride + at_policy] = now.benefits - premium * now.annuity;
+        double* results = out.results + s * out.scenario_stride + i;
+        results[kPvBenefits * out.result_stride] = now.benefits;
+        results[kPvPremiums * out.result_stride] = premium * now.annuity;
+        results[kNetPremium * out.result_stride] = net;
+        results[kReserve * out.result_stride] = now.benefits - premium * now.annuity;
         const Index kept = std::min(ahead, static_cast<Index>(settings_.years));
         if (reserves != nullptr) reserves_of(from_now, amounts, premium, kept, reserves);
         if (flows != nullptr) add_flows(from_now, amounts, premium, kept, flows);
@@ -452,7 +451,7 @@ void value_block(const Bank& bank, const Discount& discount, const Settings& set
                     double* reserves =
                         settings.reserves ? out.reserves + (s * block.n + i) * settings.years : nullptr;
                     double* flows = settings.flows ? out.flows + c * per_chunk + s * kFlows * settings.years : nullptr;
-                    valuer(block, i, s, w, out.results, reserves, flows);
+                    valuer(block, i, s, w, out, reserves, flows);
                 }
             }
         }

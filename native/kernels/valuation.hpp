@@ -108,11 +108,14 @@ struct Block {
     std::array<Column<double>, kRealFields> reals;
 };
 
-// Outputs: results (kResults x scenarios x n); reserves (scenarios x n x years) when asked;
-// flows (chunks x scenarios x kFlows x years, chunks = ceil(n / kChunk)) when asked, each
-// chunk's sums over its policies (to be added in chunk order).
+// Outputs: results (kResults x scenarios x n: result r of policy i under scenario s at
+// results[r * result_stride + s * scenario_stride + i], possibly columns of a larger array);
+// reserves (scenarios x n x years) when asked; flows (chunks x scenarios x kFlows x years,
+// chunks = ceil(n / kChunk)) when asked, each chunk's sums over its policies (to be added in
+// chunk order).
 struct Outputs {
     double* results;
+    std::size_t result_stride, scenario_stride;
     double* reserves;
     double* flows;
 };

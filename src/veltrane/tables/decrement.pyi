@@ -488,6 +488,8 @@ def _value_block(
     flows: bool,
     flat: bool,
     threads: int,
+    results: NDArray[np.float64] | None,
+    offset: int,
 ) -> tuple[Any, ...]: ...
 
 # A public function whose calls on a table go straight to its compiled counterpart.

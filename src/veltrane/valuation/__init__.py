@@ -11,13 +11,23 @@ from __future__ import annotations
 from typing import TYPE_CHECKING, Any
 
 from veltrane.valuation.curve import YieldCurve
+from veltrane.valuation.frame import Policies
 from veltrane.valuation.product import Product
 from veltrane.valuation.value import DEFAULT_BLOCK_SIZE, FLOWS, Valuation, value
 
 if TYPE_CHECKING:
     from veltrane.valuation.parallel import value_dask
 
-__all__ = ["DEFAULT_BLOCK_SIZE", "FLOWS", "Product", "Valuation", "YieldCurve", "value", "value_dask"]
+__all__ = [
+    "DEFAULT_BLOCK_SIZE",
+    "FLOWS",
+    "Policies",
+    "Product",
+    "Valuation",
+    "YieldCurve",
+    "value",
+    "value_dask",
+]
 
 
 def __getattr__(name: str) -> Any:

@@ -4,6 +4,7 @@ checked and laid out for the kernel, next to what ``read_policies`` makes of the
 from __future__ import annotations
 
 from collections import OrderedDict
+from collections.abc import Collection
 from dataclasses import dataclass
 from typing import Any
 
@@ -18,7 +19,7 @@ from veltrane.tables.decrement import TableRegistry
 from veltrane.valuation.curve import YieldCurve
 from veltrane.valuation.product import AMOUNT_FIELDS, TERM_FIELDS, Product
 
-__all__ = ["RATINGS", "Laid", "lay_out"]
+__all__ = ["RATINGS", "Laid", "Policies", "lay_out"]
 
 #: Per-policy ratings, applied in this order as ``modify_qx`` applies its keys.
 RATINGS = ("age_shift", "decrement_multiplier", "aggravated_risk")
@@ -209,11 +210,86 @@ def check_basis(interest: Any, curve: Any) -> None:
             raise ValueError(f"value: interest must be a finite rate > -1, got {interest!r}")
 
 
+@dataclass(frozen=True)
+class PolicyPart:
+    """What a frame says of its policies, whatever the product: tables, ages, durations, ratings."""
+
+    frame: pl.DataFrame
+    batch: PolicyBatch
+    shift: np.ndarray
+    multiplier: np.ndarray
+    aggravation: np.ndarray
+    elapsed: np.ndarray  # years since issue (one 0 for policies given by attained age)
+
+
+def read_policy_part(frame: pl.DataFrame, other_columns: Collection[str]) -> PolicyPart:
+    """The ratings and ``read_policies`` of a frame whose ``other_columns`` are read elsewhere."""
+    shift, multiplier, aggravation = _ratings(frame)
+    batch = read_policies(frame, other_columns={*other_columns, *RATINGS})
+    elapsed = np.zeros(1, dtype=np.int64)
+    if "issue_age" in frame.columns:
+        elapsed = batch.age.astype(np.int64) - frame["issue_age"].cast(pl.Int64).to_numpy()
+    return PolicyPart(frame, batch, shift, multiplier, aggravation, elapsed)
+
+
+class Policies:
+    """Policies checked and grouped once, to be valued many times.
+
+    ``value(Policies(frame), product, ...)`` gives what ``value(frame, product, ...)`` gives, without
+    reading the policy columns again: worth it when the same policies are valued on several
+    products, rates, curves or scenario sets. The tables are looked up in ``registry`` (a
+    ``value`` call may only name the same one); the frame is kept, and the columns a product or
+    an interest column names are read from it at each call (the other columns are let be: each
+    product reads its own). Frames in memory only (not with ``out``).
+
+    Parameters
+    ----------
+    policies : polars.DataFrame, pandas.DataFrame or mapping of columns
+        As for :func:`value`; columns other than the policy columns and ratings are left for the
+        products and interest columns of later calls.
+    registry : TableRegistry, optional
+        Where tables are looked up and kept.
+
+    Raises
+    ------
+    ValueError
+        A bad policy column or value, as :func:`value` reports it.
+    """
+
+    def __init__(self, policies: Any, *, registry: TableRegistry | None = None) -> None:
+        frame = _as_frame(policies)
+        others = [c for c in frame.columns if c not in POLICY_COLUMNS]
+        self._part = read_policy_part(frame, others)
+        self._registry = registry
+
+    @property
+    def registry(self) -> TableRegistry | None:
+        """The registry the tables are looked up in."""
+        return self._registry
+
+    def __len__(self) -> int:
+        return self._part.frame.height
+
+    def __repr__(self) -> str:
+        return f"<Policies: {len(self):,} policies on {len(self._part.batch.groups)} tables>"
+
+
+def _policy_part(
+    policies: Any, registry: TableRegistry | None
+) -> tuple[PolicyPart | None, pl.DataFrame, TableRegistry | None]:
+    """The policies read already (a Policies) and its frame and registry, or the frame to read."""
+    if not isinstance(policies, Policies):
+        return None, _as_frame(policies), registry
+    if registry is not None and registry is not policies.registry:
+        raise ValueError("value: these Policies look their tables up in their own registry; give no other")
+    return policies._part, policies._part.frame, policies.registry
+
+
 def lay_out(
     policies: Any, product: Product, interest: Any, curve: YieldCurve | None, registry: TableRegistry | None
 ) -> Laid:
     """Check everything and lay out the arrays; nothing is computed before every check passed."""
-    frame = _as_frame(policies)
+    part, frame, registry = _policy_part(policies, registry)
     read = set(product.columns()) | {c for c in RATINGS if c in frame.columns}
     if isinstance(interest, str):
         read.add(interest)
@@ -241,17 +317,16 @@ def lay_out(
     if product.premium is None and (terms["premium_term"] == 0).any():
         row = int(np.argmax(terms["premium_term"] == 0))
         raise _bad(str(product.premium_term), row, "a net premium needs a premium term of at least one year")
-    shift, multiplier, aggravation = _ratings(frame)
     rates: np.ndarray | None = None
     if isinstance(interest, str):
         rates = _numbers(frame, interest, "interest")
         if (rates <= -1.0).any():
             row = int(np.argmax(rates <= -1.0))
             raise _bad(interest, row, f"interest must be > -1, got {float(rates[row])!r}")
-    batch = read_policies(frame, other_columns=read)
-    elapsed = np.zeros(1, dtype=np.int64)
-    if "issue_age" in frame.columns:
-        elapsed = batch.age.astype(np.int64) - frame["issue_age"].cast(pl.Int64).to_numpy()
+    if part is None:
+        part = read_policy_part(frame, read)
+    batch, elapsed = part.batch, part.elapsed
+    shift, multiplier, aggravation = part.shift, part.multiplier, part.aggravation
     plan = _plan(batch.groups, int(batch.age.max()) + int(shift.max()) + 2, registry)
     group = batch.group
     width = plan.width

@@ -14,7 +14,7 @@ import polars as pl
 from veltrane.tables import decrement as _native
 from veltrane.tables.decrement import TableRegistry
 from veltrane.valuation.curve import YieldCurve
-from veltrane.valuation.frame import Laid, check_basis, lay_out
+from veltrane.valuation.frame import Laid, Policies, check_basis, lay_out
 from veltrane.valuation.product import Product
 
 __all__ = ["CHUNK", "DEFAULT_BLOCK_SIZE", "FLOWS", "Valuation", "value"]
@@ -122,14 +122,17 @@ def block_arguments(laid: Laid, block: slice, reserves: bool) -> tuple[Any, ...]
     )
 
 
-def run_block(bank: np.ndarray, args: tuple[Any, ...], threads: int) -> tuple[Any, ...]:
-    """The kernel on one block with ``threads`` threads."""
+def run_block(
+    bank: np.ndarray, args: tuple[Any, ...], threads: int, results: np.ndarray | None = None, offset: int = 0
+) -> tuple[Any, ...]:
+    """The kernel on one block with ``threads`` threads; its results go to a new array, or to
+    ``results`` from column ``offset`` on."""
     # Arrays that travelled (Dask) may arrive unaligned or read-only: the kernel reads aligned ones.
     discount, groups = (np.require(a, requirements=("C", "A")) for a in args[:2])
     ints, reals = (tuple(np.require(a, requirements=("C", "A")) for a in fields) for fields in args[2:4])
     bank = np.require(bank, requirements=("C", "A"))
     result: tuple[Any, ...] = _native._value_block(  # type: ignore[call-arg]
-        bank, discount, groups, ints, reals, *args[4:], threads
+        bank, discount, groups, ints, reals, *args[4:], threads, results, offset
     )
     return result
 
@@ -187,13 +190,14 @@ def value(
 
     Parameters
     ----------
-    policies : polars.DataFrame, polars.LazyFrame, pandas.DataFrame, mapping of columns, or path
+    policies : polars.DataFrame, polars.LazyFrame, pandas.DataFrame, mapping, path, or Policies
         One row per policy, described as for :func:`veltrane.portfolio.project` (``table_name``,
         ``sex``, ``age`` or ``issue_age``, ``cohort`` or ``issue_year``, ``duration``,
         ``unisex_blend``), plus the columns the product names, an interest column if one is
         named, and the ratings ``age_shift``, ``decrement_multiplier``, ``aggravated_risk``
         (each the numbers of ``modify_qx`` with that key on the policy's table). A path names a
         Parquet or CSV file; a file or a LazyFrame is read a batch of rows at a time.
+        :class:`Policies` are a frame read once for many calls.
     product : Product
         The cash flows of each policy.
     interest : float or str, optional
@@ -234,6 +238,8 @@ def value(
     check_basis(interest, curve)
     size = check_run(threads, block_size, workers)
     run = Run(threads, size, workers, reserves_by_year)
+    if out is not None and isinstance(policies, Policies):
+        raise ValueError("value: out= reads its policies batch by batch; give the frame, not Policies")
     if out is not None or isinstance(policies, str | Path | pl.LazyFrame):
         from veltrane.valuation.stream import value_stream
 
@@ -264,20 +270,23 @@ class Run:
     def arrays(self, laid: Laid, totals: Totals, bar: Any) -> dict[str, np.ndarray]:
         """The per-policy arrays of laid-out policies; their per-year sums are added to ``totals``."""
         cut = list(blocks(len(laid), self.block_size))
+        results = np.empty((4, laid.scenarios, len(laid)))
         if self.workers is None or self.workers == 1 or len(cut) == 1:
-            outputs = in_process(laid, cut, self.threads, self.reserves)
+            outputs = in_process(laid, cut, self.threads, self.reserves, results)
         else:
             from veltrane.valuation.parallel import in_workers
 
             outputs = in_workers(laid, cut, self.threads, self.workers, self.reserves)
-        return collect(laid, cut, outputs, self.reserves, totals, bar)
+        return collect(laid, cut, outputs, self.reserves, totals, bar, results)
 
 
-def in_process(laid: Laid, cut: list[slice], threads: int, reserves: bool) -> Iterator[tuple[Any, ...]]:
-    """The kernel's outputs block by block, in this process."""
+def in_process(
+    laid: Laid, cut: list[slice], threads: int, reserves: bool, results: np.ndarray
+) -> Iterator[tuple[Any, ...]]:
+    """The kernel's outputs block by block, in this process; the results written into ``results``."""
     bank = laid.plan.bank
     for block in cut:
-        yield run_block(bank, block_arguments(laid, block, reserves), threads)
+        yield run_block(bank, block_arguments(laid, block, reserves), threads, results, block.start)
 
 
 def collect(
@@ -287,13 +296,16 @@ def collect(
     reserves_by_year: bool,
     totals: Totals,
     bar: Any,
+    results: np.ndarray | None = None,
 ) -> dict[str, np.ndarray]:
-    """The kernel's outputs of every block, taken in block order, as per-policy arrays."""
+    """The kernel's outputs of every block, taken in block order, as per-policy arrays (in
+    ``results`` when given; blocks whose kernel wrote there already are not copied)."""
     n, s = len(laid), laid.scenarios
-    results = np.empty((4, s, n))
+    results = np.empty((4, s, n)) if results is None else results
     reserves = np.zeros((s, n, laid.years)) if reserves_by_year else None
     for block, (res, rsv, flows) in zip(cut, outputs, strict=True):
-        results[:, :, block] = res
+        if res is not results:
+            results[:, :, block] = res
         if reserves is not None:
             reserves[:, block, :] = rsv
         totals.add(flows)
