@@ -3,6 +3,7 @@ checked and laid out for the kernel, next to what ``read_policies`` makes of the
 
 from __future__ import annotations
 
+import functools
 from collections import OrderedDict
 from collections.abc import Collection
 from dataclasses import dataclass
@@ -221,6 +222,28 @@ class PolicyPart:
     aggravation: np.ndarray
     elapsed: np.ndarray  # years since issue (one 0 for policies given by attained age)
 
+    @functools.cached_property
+    def fields(self) -> tuple[tuple[np.ndarray, ...], tuple[np.ndarray, ...]]:
+        """The kernel fields that describe the policies (every product's): group, age, select
+        offset, years since issue, age shift; blend, multiplier, aggravation."""
+        batch = self.batch
+        blend = batch.blend if batch.blend is not None else np.full(1, np.nan)
+        ints = (batch.group, batch.age, batch.duration_offset, self.elapsed, self.shift)
+        reals = (blend, self.multiplier, self.aggravation)
+        return tuple(_field(a, np.int64) for a in ints), tuple(_field(a, np.float64) for a in reals)
+
+    def to_end(self, width: int) -> np.ndarray:
+        """Years from issue to the last column of a bank of ``width`` ages: nobody survives it."""
+        kept = self.__dict__.setdefault("_to_end", {})
+        if width not in kept:
+            ints = self.fields[0]
+            start = ints[1] - ints[3] + ints[4]  # the age at issue, shifted
+            np.minimum(start, width - 1, out=start)
+            np.subtract(width, start, out=start)
+            kept.clear()
+            kept[width] = start
+        return kept[width]
+
 
 def read_policy_part(frame: pl.DataFrame, other_columns: Collection[str]) -> PolicyPart:
     """The ratings and ``read_policies`` of a frame whose ``other_columns`` are read elsewhere."""
@@ -325,16 +348,16 @@ def lay_out(
             raise _bad(interest, row, f"interest must be > -1, got {float(rates[row])!r}")
     if part is None:
         part = read_policy_part(frame, read)
-    batch, elapsed = part.batch, part.elapsed
-    shift, multiplier, aggravation = part.shift, part.multiplier, part.aggravation
+    batch, shift = part.batch, part.shift
     plan = _plan(batch.groups, int(batch.age.max()) + int(shift.max()) + 2, registry)
-    group = batch.group
     width = plan.width
-    age = batch.age.astype(np.int64)
     term = terms["term"]
-    # Nobody survives the bank's last column: no policy walks further than that.
-    to_end = width - np.minimum(age - elapsed + shift, width - 1)
-    walked = np.where(term >= 0, np.minimum(elapsed + term, to_end), to_end)
+    to_end = part.to_end(width)
+    elapsed = part.fields[0][3]
+    if term.size == 1:  # one term for every policy
+        walked = to_end if term[0] < 0 else np.minimum(elapsed + term[0], to_end)
+    else:
+        walked = np.where(term >= 0, np.minimum(elapsed + term, to_end), to_end)
     horizon = walked - elapsed
     m = product.m
     steps = (int(walked.max()) + 1) * m + 1
@@ -358,33 +381,12 @@ def lay_out(
     groups = np.ascontiguousarray(
         np.stack([plan.first_row, plan.period, plan.female_offset, plan.decimals], axis=1), dtype=np.int64
     )
-    ints = tuple(
-        _field(values, np.int64)
-        for values in (
-            group,
-            age,
-            batch.duration_offset,
-            elapsed,
-            shift,
-            basis,
-            term,
-            terms["deferral"],
-            terms["premium_term"],
-        )
+    policy_ints, policy_reals = part.fields
+    ints = (
+        *policy_ints,
+        *(_field(values, np.int64) for values in (basis, term, terms["deferral"], terms["premium_term"])),
     )
-    blend = batch.blend if batch.blend is not None else np.full(1, np.nan)
-    reals = tuple(
-        _field(values, np.float64)
-        for values in (
-            blend,
-            multiplier,
-            aggravation,
-            *(
-                amounts[name]
-                for name in ("death_benefit", "survival_benefit", "endowment", "premium", "escalation")
-            ),
-        )
-    )
+    reals = (*policy_reals, *(_field(amounts[name], np.float64) for name in AMOUNT_ORDER))
     return Laid(
         batch=batch,
         plan=plan,
