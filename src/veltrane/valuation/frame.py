@@ -234,7 +234,7 @@ class PolicyPart:
 
     def to_end(self, width: int) -> np.ndarray:
         """Years from issue to the last column of a bank of ``width`` ages: nobody survives it."""
-        kept = self.__dict__.setdefault("_to_end", {})
+        kept: dict[int, np.ndarray] = self.__dict__.setdefault("_to_end", {})
         if width not in kept:
             ints = self.fields[0]
             start = ints[1] - ints[3] + ints[4]  # the age at issue, shifted
