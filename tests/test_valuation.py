@@ -473,3 +473,13 @@ def test_policies_read_once_refuse_what_a_frame_would(call, message):
         call(policies)
     with pytest.raises(ValueError, match="row 1: 'x' is not one of"):
         Policies(pl.DataFrame(BOOK | {"sex": ["u", "x"]}))
+
+
+def test_policies_do_not_see_later_changes_to_their_frame():
+    book = pl.DataFrame(BOOK | {"sum": [1.0, 2.0]})
+    policies = Policies(book)
+    before = value(policies, Product(death_benefit="sum"), interest=RATE).pv_benefits
+    book.replace_column(2, pl.Series("age", [60, 70]))
+    book.replace_column(3, pl.Series("sum", [5.0, 5.0]))
+    after = value(policies, Product(death_benefit="sum"), interest=RATE).pv_benefits
+    np.testing.assert_array_equal(before, after)

@@ -263,7 +263,8 @@ class Policies:
     products, rates, curves or scenario sets. The tables are looked up in ``registry`` (a
     ``value`` call may only name the same one); the frame is kept, and the columns a product or
     an interest column names are read from it at each call (the other columns are let be: each
-    product reads its own). Frames in memory only (not with ``out``).
+    product reads its own). A later change to the caller's frame (``replace_column``, say) does
+    not reach it. Frames in memory only (not with ``out``).
 
     Parameters
     ----------
@@ -280,7 +281,8 @@ class Policies:
     """
 
     def __init__(self, policies: Any, *, registry: TableRegistry | None = None) -> None:
-        frame = _as_frame(policies)
+        # A clone shares the columns' memory, and no later change to the caller's frame reaches it.
+        frame = _as_frame(policies).clone()
         others = [c for c in frame.columns if c not in POLICY_COLUMNS]
         self._part = read_policy_part(frame, others)
         self._registry = registry
