@@ -272,7 +272,7 @@ class Policies:
         As for :func:`value`; columns other than the policy columns and ratings are left for the
         products and interest columns of later calls.
     registry : TableRegistry, optional
-        Where tables are looked up and kept.
+        Where tables are looked up and kept; by default a registry of their own.
 
     Raises
     ------
@@ -285,11 +285,12 @@ class Policies:
         frame = _as_frame(policies).clone()
         others = [c for c in frame.columns if c not in POLICY_COLUMNS]
         self._part = read_policy_part(frame, others)
-        self._registry = registry
+        # Without one, a registry of their own keeps their tables from one call to the next.
+        self._registry = registry if registry is not None else TableRegistry()
 
     @property
-    def registry(self) -> TableRegistry | None:
-        """The registry the tables are looked up in."""
+    def registry(self) -> TableRegistry:
+        """The registry the tables are looked up in (their own when none was given)."""
         return self._registry
 
     def __len__(self) -> int:
