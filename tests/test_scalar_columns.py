@@ -64,6 +64,7 @@ CALLS: dict[str, Callable[[LifeTable, int], float]] = {
     "insurance continuous": lambda t, x: insurance(t, x, 20, m=None),
     "pure_endowment": lambda t, x: pure_endowment(t, x, 25, i=0.03),
     "net_premium": lambda t, x: net_premium(t, x, 15, endowment=True, m=12),
+    "net_premium whole life": lambda t, x: net_premium(t, x, i=0.02),
     "ex": lambda t, x: t.ex(x),
     "ex complete": lambda t, x: t.ex(x, 10, complete=True),
 }
@@ -272,7 +273,12 @@ def test_threads_reading_one_table_build_and_read_the_same_values():
         assert all(pool.map(work, range(0, 80, 20)))
 
 
-PUBLIC = {"annuity": annuity, "insurance": insurance, "pure_endowment": pure_endowment}
+PUBLIC = {
+    "annuity": annuity,
+    "insurance": insurance,
+    "pure_endowment": pure_endowment,
+    "net_premium": net_premium,
+}
 
 
 def _through_python(call: Callable[[LifeTable, int], float]) -> Callable[[LifeTable, int], float]:

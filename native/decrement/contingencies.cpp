@@ -555,6 +555,40 @@ PyObject* life_table(PyObject* module, PyObject* const* args, Py_ssize_t nargs, 
     });
 }
 
+// net_premium(table, x, n=None, *, i=None, endowment=False) at a whole age (a Python int) and
+// a whole term (None or an int > 0): benefit / payments from the two compiled functions, given
+// the very arguments the Python function gives them (so their cached columns answer, with the
+// same bits). NotImplemented for every other call, and where no payment is due: the Python
+// function answers those.
+PyObject* net_premium_whole(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+    static constexpr std::array<const char*, 5> names = {"table", "x", "n", "i", "endowment"};
+    return py::guard([&]() -> PyObject* {
+        const Arguments<5> a = parse_arguments("_net_premium_whole", names, 2, args, nargs, kwnames);
+        PyObject* n = a.given(2) ? a.values[2] : Py_None;
+        bool whole = PyLong_CheckExact(a.values[1]) && (n == Py_None || PyLong_CheckExact(n));
+        if (whole && n != Py_None) {
+            const long long term = PyLong_AsLongLong(n);
+            if (term == -1 && PyErr_Occurred()) PyErr_Clear();
+            whole = term > 0;
+        }
+        if (!whole) Py_RETURN_NOTIMPLEMENTED;
+        PyObject* i = a.given(3) ? a.values[3] : Py_None;
+        PyObject* endowment = a.given(4) ? a.values[4] : Py_False;
+        py::ref one = py::ref::steal(py::require(PyLong_FromLong(1)));
+        py::ref zero = py::ref::steal(py::require(PyLong_FromLong(0)));
+        // _insurance(table, x, n, i, 1, 0, endowment) and _annuity(table, x, n, i, True, 1, 0).
+        PyObject* const benefit_args[] = {a.values[0], a.values[1], n, i, one.get(), zero.get(), endowment};
+        PyObject* const payment_args[] = {a.values[0], a.values[1], n, i, Py_True, one.get(), zero.get()};
+        py::ref benefit = py::ref::steal(py::require(insurance(module, benefit_args, 7, nullptr)));
+        py::ref payments = py::ref::steal(py::require(annuity(module, payment_args, 7, nullptr)));
+        const double p = PyFloat_AsDouble(payments.get());
+        const double b = PyFloat_AsDouble(benefit.get());
+        if (PyErr_Occurred()) py::throw_error_set();
+        if (p == 0.0) Py_RETURN_NOTIMPLEMENTED;
+        return PyFloat_FromDouble(b / p);
+    });
+}
+
 PyMethodDef functions[] = {
     {"_life_table", FASTCALL_KW(life_table), METH_FASTCALL | METH_KEYWORDS,
      "_life_table(table)\n--\n\n"
@@ -570,6 +604,9 @@ PyMethodDef functions[] = {
     {"_pure_endowment", FASTCALL_KW(pure_endowment), METH_FASTCALL | METH_KEYWORDS,
      "_pure_endowment(table, x, n, i=None)\n--\n\n"
      "Pure endowments v^n l(x + n) / l(x) (see veltrane.contingencies.pure_endowment)."},
+    {"_net_premium_whole", FASTCALL_KW(net_premium_whole), METH_FASTCALL | METH_KEYWORDS,
+     "_net_premium_whole(table, x, n=None, i=None, endowment=False)\n--\n\n"
+     "The net premium at a whole age and term, or NotImplemented (see veltrane.contingencies.net_premium)."},
     {"_commutation", FASTCALL_KW(commutation), METH_FASTCALL | METH_KEYWORDS,
      "_commutation(table, i=None)\n--\n\n"
      "The columns lx, dx, Dx, Nx, Sx, Cx, Mx, Rx over ages 0..w as a tuple of float64 vectors."},

@@ -44,7 +44,11 @@ PyObject* PublicCall_vectorcall(PyObject* self, PyObject* const* args, std::size
     const bool direct = n >= c->required && n <= c->positional &&
                         PyObject_TypeCheck(args[0], reinterpret_cast<PyTypeObject*>(c->table_type)) &&
                         keyword_only(c, kwnames);
-    return PyObject_Vectorcall(direct ? c->compiled : c->wrapped, args, nargsf, kwnames);
+    if (!direct) return PyObject_Vectorcall(c->wrapped, args, nargsf, kwnames);
+    PyObject* result = PyObject_Vectorcall(c->compiled, args, nargsf, kwnames);
+    if (result != Py_NotImplemented) return result;
+    Py_DECREF(result);  // the compiled function leaves this call to the Python one
+    return PyObject_Vectorcall(c->wrapped, args, nargsf, kwnames);
 }
 
 PyObject* PublicCall_new(PyTypeObject* type, PyObject* args, PyObject* kwargs) {

@@ -734,7 +734,8 @@ def _call_through(
     function: Any, compiled: Any, required: int, positional: int, keywords: tuple[str, ...]
 ) -> Any:
     """``function`` with its calls on a table sent straight to ``compiled`` (which takes the same
-    arguments): a scalar value read from a cached column then costs no Python frame."""
+    arguments, and may return NotImplemented to leave a call to ``function``): a scalar value
+    read from a cached column then costs no Python frame."""
     fast = _native._PublicCall(function, compiled, required, positional, keywords)
     return functools.update_wrapper(fast, function)
 
@@ -755,3 +756,5 @@ if not TYPE_CHECKING:
         ("i", "m", "defer", "endowment", "method", "moment", "increasing", "decreasing"),
     )
     pure_endowment = _call_through(pure_endowment, _native._pure_endowment, 3, 3, ("i",))
+    # Whole ages and terms only; the compiled function passes every other call back.
+    net_premium = _call_through(net_premium, _native._net_premium_whole, 2, 3, ("i", "endowment"))

@@ -4,7 +4,7 @@ import inspect
 from abc import ABCMeta, abstractmethod
 from collections.abc import Callable, Iterable, Mapping, Sequence
 from pathlib import Path
-from types import TracebackType
+from types import NotImplementedType, TracebackType
 from typing import (
     Any,
     ClassVar,
@@ -79,6 +79,9 @@ def _interest(
 def _pure_endowment(
     table: DecrementTable, x: object, n: object, i: object = None
 ) -> float | NDArray[np.float64]: ...
+def _net_premium_whole(
+    table: DecrementTable, x: object, n: object = None, i: object = None, endowment: object = False
+) -> float | NotImplementedType: ...
 def _commutation(table: DecrementTable, i: object = None) -> tuple[NDArray[np.float64], ...]: ...
 def _joint(
     kind: str,
