@@ -298,6 +298,7 @@ def _replace_field(fields, f, value):
         (lambda bank, a: a[2][0].__setitem__(0, 3), "group out of range"),
         (lambda bank, a: a[2][1].__setitem__(2, -1), r"age out of range \(policy 2\)"),
         (lambda bank, a: a[2][5].__setitem__(0, 5), "basis out of range"),
+        (lambda bank, a: a[2][2].__setitem__(0, 2**62), "duration or age shift out of range"),
         (lambda bank, a: a.__setitem__(0, a[0][:, :2].copy()), "discount factors do not reach"),
         (lambda bank, a: a.__setitem__(5, 13), "m out of range"),
     ],

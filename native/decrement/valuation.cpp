@@ -70,7 +70,8 @@ bool all_in_range(const kv::Block& b, std::int64_t groups, std::int64_t last_bas
         const std::int64_t group = b.ints[kv::kGroup][i], age = b.ints[kv::kAge][i], elapsed = b.ints[kv::kElapsed][i];
         const std::int64_t shift = b.ints[kv::kShift][i], basis = b.ints[kv::kBasis][i], term = b.ints[kv::kTerm][i];
         ok &= (group >= 0) & (group < groups) & (age >= 0) & (age <= kLargest) & (elapsed >= 0) & (elapsed <= age) &
-              (b.ints[kv::kOffset][i] >= 0) & (shift >= 0) & (shift <= kLargest) & (basis >= 0) & (basis <= last_basis) &
+              (b.ints[kv::kOffset][i] >= 0) & (b.ints[kv::kOffset][i] <= kLargest) & (shift >= 0) & (shift <= kLargest) &
+              (basis >= 0) & (basis <= last_basis) &
               (term >= -1) & (term <= 100000) & (b.ints[kv::kDeferral][i] >= 0) & (b.ints[kv::kPremiumTerm][i] >= -1);
     }
     return ok;
@@ -86,7 +87,8 @@ void name_first_out_of_range(const kv::Block& b, std::int64_t groups, const kv::
         if (f(kv::kGroup) < 0 || f(kv::kGroup) >= groups) fail("group out of range", i);
         if (age < 0 || age > (std::int64_t{1} << 40)) fail("age out of range", i);
         if (f(kv::kElapsed) < 0 || f(kv::kElapsed) > age) fail("years since issue out of range", i);
-        if (f(kv::kOffset) < 0 || f(kv::kShift) < 0 || f(kv::kShift) > (std::int64_t{1} << 40)) {
+        if (f(kv::kOffset) < 0 || f(kv::kOffset) > (std::int64_t{1} << 40) || f(kv::kShift) < 0 ||
+            f(kv::kShift) > (std::int64_t{1} << 40)) {
             fail("duration or age shift out of range", i);
         }
         const std::int64_t basis = f(kv::kBasis);

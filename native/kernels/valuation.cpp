@@ -244,8 +244,10 @@ private:
         // unless the policy starts beyond it; then its one year reads the last age.
         const Index select_years = std::clamp<Index>(period - issue_offset, 0, years);
         if (!rated && std::isnan(blend) && first_age + years <= width) {
-            const double* diagonal = bank_.rates + (row + issue_offset) * width + first_age;
-            for (Index j = 0; j < select_years; ++j) q[j] = diagonal[j * (width + 1)];
+            if (select_years > 0) {  // the diagonal starts inside the select columns
+                const double* diagonal = bank_.rates + (row + issue_offset) * width + first_age;
+                for (Index j = 0; j < select_years; ++j) q[j] = diagonal[j * (width + 1)];
+            }
             const double* ultimate = bank_.rates + (row + period) * width + first_age;
             std::copy(ultimate + select_years, ultimate + years, q + select_years);
             return;
