@@ -62,24 +62,8 @@ long long whole(PyObject* obj, const char* name, long long low, long long high) 
     return v;
 }
 
-// Whether every policy's fields are in range, in one pass without a branch per field.
-bool all_in_range(const kv::Block& b, std::int64_t groups, std::int64_t last_basis) noexcept {
-    constexpr std::int64_t kLargest = std::int64_t{1} << 40;
-    bool ok = last_basis >= 0;
-    for (std::size_t i = 0; i < b.n; ++i) {
-        const std::int64_t group = b.ints[kv::kGroup][i], age = b.ints[kv::kAge][i], elapsed = b.ints[kv::kElapsed][i];
-        const std::int64_t shift = b.ints[kv::kShift][i], basis = b.ints[kv::kBasis][i], term = b.ints[kv::kTerm][i];
-        ok &= (group >= 0) & (group < groups) & (age >= 0) & (age <= kLargest) & (elapsed >= 0) & (elapsed <= age) &
-              (b.ints[kv::kOffset][i] >= 0) & (b.ints[kv::kOffset][i] <= kLargest) & (shift >= 0) & (shift <= kLargest) &
-              (basis >= 0) & (basis <= last_basis) &
-              (term >= -1) & (term <= 100000) & (b.ints[kv::kDeferral][i] >= 0) & (b.ints[kv::kPremiumTerm][i] >= -1);
-    }
-    return ok;
-}
-
-// Raises for the first policy whose fields are out of range.
-void name_first_out_of_range(const kv::Block& b, std::int64_t groups, const kv::Discount& discount,
-                             const kv::Settings& settings) {
+// Raises for the first policy whose fields are out of range; the message is only made for it.
+void check_policies(const kv::Block& b, std::int64_t groups, const kv::Discount& discount, const kv::Settings& settings) {
     auto fail = [](const char* what, std::size_t i) { refuse(std::string(what) + " (policy " + std::to_string(i) + ")"); };
     for (std::size_t i = 0; i < b.n; ++i) {
         auto f = [&](kv::IntField field) { return b.ints[field][i]; };
@@ -99,7 +83,6 @@ void name_first_out_of_range(const kv::Block& b, std::int64_t groups, const kv::
             fail("term, deferral or premium term out of range", i);
         }
     }
-    refuse("a policy's fields are out of range");
 }
 
 void check_block(const kv::Bank& bank, const kv::Discount& discount, const kv::Settings& settings, const kv::Block& b) {
@@ -116,9 +99,7 @@ void check_block(const kv::Bank& bank, const kv::Discount& discount, const kv::S
         if (f[kv::kDecimals] < -400 || f[kv::kDecimals] > 400) fail("decimals out of range", "group", g);
     }
     const auto groups = static_cast<std::int64_t>(b.group_count);
-    if (!all_in_range(b, groups, static_cast<std::int64_t>(discount.bases) - static_cast<std::int64_t>(settings.scenarios))) {
-        name_first_out_of_range(b, groups, discount, settings);
-    }
+    check_policies(b, groups, discount, settings);
     if (kv::steps_needed(bank, b, settings) > discount.steps) refuse("the discount factors do not reach the last year");
 }
 

@@ -129,15 +129,6 @@ def print_values(age: Any, term: Any, result: Any, second_age: Any = None) -> in
         ]
         print("\t".join([*cells, format_number(value)]))
     return 0
-    ages = age if isinstance(age, list) else [age]
-    ages = ages * len(result) if len(ages) == 1 else ages
-    terms = term if isinstance(term, list) else [term] * len(result)
-    terms = terms * len(result) if len(terms) == 1 else terms
-    print("\t".join(["age", "term", "value"] if term is not None else ["age", "value"]))
-    for a, t, value in zip(ages, terms, result, strict=True):
-        cells = [str(a), str(t)] if term is not None else [str(a)]
-        print("\t".join([*cells, format_number(value)]))
-    return 0
 
 
 # The tables' messages suggest Python calls; on the command line the same hints read as options.

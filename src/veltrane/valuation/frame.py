@@ -90,7 +90,6 @@ def _whole(frame: pl.DataFrame, column: str, what: str, *, nullable: bool) -> np
 class Laid:
     """A frame of policies ready for the kernel."""
 
-    batch: PolicyBatch
     plan: RatePlan
     n: int
     groups: np.ndarray  # (groups, len(GROUP_FIELDS)) int64
@@ -391,7 +390,6 @@ def lay_out(
     )
     reals = (*policy_reals, *(_field(amounts[name], np.float64) for name in AMOUNT_ORDER))
     return Laid(
-        batch=batch,
         plan=plan,
         n=n,
         groups=groups,
