@@ -16,7 +16,7 @@ from typing import Any
 import numpy as np
 import pytest
 
-from veltrane.config import Config
+from veltrane.config import LX_INTERPOLATIONS, Config
 from veltrane.tables import decrement
 from veltrane.tables.source import TableSource, write_table
 
@@ -155,3 +155,18 @@ def standard(tables: TableWriter) -> dict[str, dict[str, np.ndarray]]:
         "SEL": tables.select(),
         "GSEL": tables.select("GSEL", generational="exponential"),
     }
+
+
+@pytest.fixture(scope="module")
+def sult() -> Any:
+    """The SULT unisex life table."""
+    from veltrane.tables.life import LifeTable
+
+    return LifeTable("SULT", "u")
+
+
+@pytest.fixture(params=LX_INTERPOLATIONS)
+def method(request: Any) -> Iterator[str]:
+    """Each survivorship interpolation in turn, set for the test."""
+    with Config().override(lx_interpolation=request.param):
+        yield request.param

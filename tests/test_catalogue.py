@@ -196,8 +196,6 @@ def test_pri2012r_projects_year_by_year_with_mp2020(sex, base_file, scale_file):
     ("name", "kind", "sex", "file", "first", "last", "w"),
     [
         ("CIDA1985_30", DisabilityTable, "m", "t1240.xml", 20, 65, 65),
-        ("CIDA1985_30", DisabilityTable, "f", "t1266.xml", 20, 65, 65),
-        ("CIDA1985_90", DisabilityTable, "m", "t1246.xml", 20, 65, 65),
         ("CIDA1985_90", DisabilityTable, "f", "t1272.xml", 20, 65, 65),
         ("PBGC_DISABLED", LifeTable, "m", "t1154.xml", 20, 107, 110),
         ("PBGC_DISABLED", LifeTable, "f", "t1155.xml", 20, 110, 110),

@@ -52,7 +52,7 @@ def test_tables_lists_bundled_and_user_tables(capsys, tables):
     assert any(line.startswith("MINE") and line.endswith(tables.directory.name[-20:]) for line in narrow)
 
 
-def test_show(capsys):
+def test_show_and_the_only_sex_by_default(capsys, tables):
     code, out, _ = run(capsys, "show", "SSSM", "--sex", "U", "--duration", "1", "--rows", "3")
     lines = out.splitlines()
     assert code == 0
@@ -63,6 +63,10 @@ def test_show(capsys):
     assert "qx_u_s1" in out and "│ 22  ┆" in out and "│ 23  ┆" not in out
     # The summary samples the first ages of the vector; the rates below start at the table's first age.
     assert "SSSM: rates from age 20" in lines and "│ 19  ┆" not in out
+    # Without --sex, the table's only sex.
+    tables.period(name="MALE", sexes=("m",))
+    assert run(capsys, "eval", "MALE", "qx", "3")[:2] == (0, f"{LifeTable('MALE', 'm').qx(3)!r}\n")
+    assert run(capsys, "show", "SULT", "--rows", "1")[1].splitlines()[:2] == ["LifeTable: SULT", "Sex: u"]
 
 
 EVALS = [  # the function's arguments, the lines printed
@@ -108,6 +112,10 @@ ERRORS = [  # the command line, what its one-line message says
     (["show", "GEN", "--sex", "m", "--cohort", "1800"], "--cohort must be a year between 1900 and"),
     (["show", "PER", "--sex", "m", "--cohort", "1950"], "--cohort should not be given for period tables"),
     (["show", "PER"], "table 'PER' has sexes m, f: choose one with --sex"),
+    (
+        ["eval", "CSO2017", "--sex", "m", "--duration", "3", "--selected-at", "45", "qx", "45"],
+        "--duration cannot be given with --selected-at",
+    ),
 ]
 
 
@@ -121,19 +129,11 @@ def test_errors_are_one_line_in_command_line_syntax_with_status_2(capsys, tables
     assert not re.search(r"(?<![-\w])(sex|duration|cohort|unisex_blend)=|unisex_blend|\w+Table\(", err), err
 
 
-def test_far_off_names_suggest_nothing(capsys):
-    assert "did you mean" not in run(capsys, "show", "QQQQQQ")[2]
-
-
-def test_sex_defaults_to_the_only_one(capsys, tables):
-    tables.period(name="MALE", sexes=("m",))
-    assert run(capsys, "eval", "MALE", "qx", "3")[:2] == (0, f"{LifeTable('MALE', 'm').qx(3)!r}\n")
-    assert run(capsys, "show", "SULT", "--rows", "1")[1].splitlines()[:2] == ["LifeTable: SULT", "Sex: u"]
-
-
-def test_a_bare_command_prints_the_help(capsys):
+def test_bare_command_version_and_far_off_names(capsys):
     code, out, err = run(capsys)
     assert (code, err) == (0, "") and out.startswith("usage: veltrane") and "COMMAND" in out
+    assert run(capsys, "--version") == (0, f"veltrane {veltrane.__version__}\n", "")
+    assert "did you mean" not in run(capsys, "show", "QQQQQQ")[2]
 
 
 @pytest.mark.parametrize(
@@ -147,17 +147,6 @@ def test_a_bare_command_prints_the_help(capsys):
 def test_unknown_options_name_the_commands_own_help(capsys, argv, message):
     code, out, err = run(capsys, *argv)
     assert (code, out) == (2, "") and err == f"veltrane eval: error: {message} (see 'veltrane eval --help')\n"
-
-
-def test_a_duration_beside_a_selection_age_is_refused(capsys):
-    code, _, err = run(
-        capsys, "eval", "CSO2017", "--sex", "m", "--duration", "3", "--selected-at", "45", "qx", "45"
-    )
-    assert code == 2 and "--duration cannot be given with --selected-at" in err
-
-
-def test_version(capsys):
-    assert run(capsys, "--version") == (0, f"veltrane {veltrane.__version__}\n", "")
 
 
 def test_tables_path_before_and_after_the_command(capsys, tmp_path):
@@ -180,7 +169,7 @@ def _command(*argv: str, **kwargs) -> subprocess.CompletedProcess[str]:
     return subprocess.run([sys.executable, "-c", script, *argv], text=True, check=False, **kwargs)
 
 
-def test_closed_pipe_ends_quietly():
+def test_process_errors_and_warnings_are_single_lines_and_a_closed_pipe_ends_quietly(tmp_path):
     read_end, write_end = os.pipe()
     os.close(read_end)  # the reader is gone before the first byte, as after `| head -1`
     try:
@@ -188,9 +177,6 @@ def test_closed_pipe_ends_quietly():
     finally:
         os.close(write_end)
     assert (result.returncode, result.stderr) == (0, "")
-
-
-def test_process_errors_and_warnings_are_single_lines(tmp_path):
     result = _command("eval", "NOPE", "--sex", "u", "lx", "1", capture_output=True, cwd=tmp_path)
     assert (result.returncode, len(result.stderr.splitlines())) == (2, 1) and "Traceback" not in result.stderr
     missing = tmp_path / "missing"

@@ -9,7 +9,6 @@ the functions under test must agree to 1e-10 relative (most agree to 1e-13).
 from __future__ import annotations
 
 import math
-from collections.abc import Iterator
 
 import numpy as np
 import polars as pl
@@ -65,17 +64,6 @@ class Survival:
 
     def force(self, y: float) -> float:
         return -0.5 * (math.log(self(y) / self(y - 1)) + math.log(self(y + 1) / self(y)))
-
-
-@pytest.fixture(scope="module")
-def sult() -> LifeTable:
-    return LifeTable("SULT", "u")
-
-
-@pytest.fixture(params=LX_INTERPOLATIONS)
-def method(request) -> Iterator[str]:
-    with Config().override(lx_interpolation=request.param):
-        yield request.param
 
 
 def test_sult_at_five_percent(sult):
@@ -178,27 +166,36 @@ def test_vectors_pair_element_by_element(sult):
         assert values[k] == annuity(sult, float(ages[k]), i=RATE, m=4)
 
 
+@pytest.mark.parametrize("i", [RATE, -0.02, -0.5])
 @pytest.mark.parametrize(
-    ("x", "n", "defer"), [(65, None, 0), (30, 20, 0), (40, None, 10), (45.5, 15, 0), (119, None, 0)]
+    ("x", "n", "defer"),
+    [(65, None, 0), (30, 20, 0), (40, None, 10), (45.5, 15, 0), (50.5, None, 0), (119, None, 0)],
 )
-def test_insurances_sum_every_year(sult, method, x, n, defer):
+def test_insurances_sum_every_year(sult, method, x, n, defer, i):
     ref = Survival(sult, method)
-    term, kw, i12 = ref.insurance(x, n, defer=defer), {"i": RATE, "defer": defer}, 12 * (1.05 ** (1 / 12) - 1)
+    term, kw = ref.insurance(x, n, i=i, defer=defer), {"i": i, "defer": defer}
     assert insurance(sult, x, n, **kw) == pytest.approx(term, rel=RTOL)
-    assert insurance(sult, x, n, m=12, method="udd", **kw) == pytest.approx(RATE / i12 * term, rel=RTOL)
+    assert insurance(sult, x, n, m=12, method="udd", **kw) == pytest.approx(
+        i / (12 * ((1 + i) ** (1 / 12) - 1)) * term, rel=RTOL
+    )
     udd = insurance(sult, x, n, m=None, method="udd", **kw)
-    assert udd == pytest.approx(RATE / math.log1p(RATE) * term, rel=RTOL)
+    assert udd == pytest.approx(i / math.log1p(i) * term, rel=RTOL)
     if n is not None:
-        pure = ref.endowment(x, defer + n)
+        pure = ref.endowment(x, defer + n, i=i)
         assert insurance(sult, x, n, endowment=True, **kw) == pytest.approx(term + pure, rel=RTOL)
 
 
-def test_pure_endowment(sult, method):
+@pytest.mark.parametrize("i", [RATE, -0.02, -0.5])
+def test_pure_endowment(sult, method, i):
     ref = Survival(sult, method)
     terms = [0, 1, 10.5, 54.99, 55.5, 56]
-    expected = [ref.endowment(65, n) for n in terms]
-    np.testing.assert_allclose(pure_endowment(sult, 65, terms, i=RATE), expected, rtol=RTOL, atol=1e-18)
-    assert pure_endowment(sult, 65, 0, i=RATE) == 1.0 and pure_endowment(sult, 65, 56, i=RATE) == 0.0
+    expected = [ref.endowment(65, n, i=i) for n in terms]
+    np.testing.assert_allclose(pure_endowment(sult, 65, terms, i=i), expected, rtol=RTOL, atol=1e-18)
+    assert pure_endowment(sult, 65, 0, i=i) == 1.0 and pure_endowment(sult, 65, 56, i=i) == 0.0
+    # Discounting grows without bound, survival ends: a payment past the table is worth 0, not NaN.
+    assert pure_endowment(sult, 65, [1e300, 60.5], i=i).tolist() == [0.0, 0.0]
+    whole_life = insurance(sult, 65, i=i)
+    assert insurance(sult, 65, 1e300, i=i, endowment=True) == whole_life and (whole_life > 1.0) == (i < 0)
 
 
 def test_net_premiums(sult):
@@ -226,9 +223,6 @@ def test_commutation_columns_against_numpy(sult):
         np.testing.assert_allclose(frame[name].to_numpy(), column, rtol=1e-13, err_msg=name)
 
 
-NO_I = "i is required: pass i=... or give the table an interest_rate"
-
-
 def test_interest_from_the_table_or_the_call(tables):
     t = LifeTable("SULT", "u", interest_rate=0.04)
     assert annuity(t, 65) == annuity(t, 65, i=0.04)
@@ -240,22 +234,8 @@ def test_interest_from_the_table_or_the_call(tables):
     tables.write("WD", {"table_type": "exit", "sexes": ["u"]}, {"ox_u": [0.05] * 10 + [1.0]})
     wd = ExitTable("WD", "u")
     assert annuity(wd, 0, i=0.03) == pytest.approx(sum(1.03**-k * 0.95**k for k in range(11)), rel=1e-13)
-    with exactly(ValueError, f"[annuity] {NO_I}"):
+    with exactly(ValueError, "[annuity] i is required: pass i=... or give the table an interest_rate"):
         annuity(wd, 0)
-
-
-@pytest.mark.parametrize("i", [-0.02, -0.5])
-def test_negative_interest(sult, method, i):
-    ref = Survival(sult, method)
-    assert insurance(sult, 65, 20, i=i) == pytest.approx(ref.insurance(65, 20, i=i), rel=RTOL)
-    assert insurance(sult, 50.5, i=i) == pytest.approx(ref.insurance(50.5, i=i), rel=RTOL)
-    # Discounting grows without bound, survival ends: a payment past the table is worth 0, not NaN.
-    assert pure_endowment(sult, 65, [1e300, 60.5], i=i).tolist() == [0.0, 0.0]
-    whole_life = insurance(sult, 65, i=i)
-    assert insurance(sult, 65, 1e300, i=i, endowment=True) == whole_life > 1.0
-    # Where the values leave the range of a float the rate is refused, not answered with inf or NaN.
-    with pytest.raises(ValueError, match=r"^\[annuity\] .*beyond the range of a float"):
-        annuity(sult, [65, 0], i=-1 + 1e-12)
 
 
 def test_three_term_woolhouse_is_never_negative(sult):
@@ -273,6 +253,9 @@ def test_three_term_woolhouse_is_never_negative(sult):
 
 def test_zero_interest_and_its_limits(sult):
     ref = Survival(sult)
+    # Where the values leave the range of a float the rate is refused, not answered with inf or NaN.
+    with pytest.raises(ValueError, match=r"^\[annuity\] .*beyond the range of a float"):
+        annuity(sult, [65, 0], i=-1 + 1e-12)
     assert annuity(sult, 65, i=0) == pytest.approx(1 + sult.ex(65), rel=1e-13)
     assert insurance(sult, 65, i=0) == pytest.approx(1.0, rel=1e-13)
     assert insurance(sult, 65, i=0, m=None) == pytest.approx(1.0, rel=1e-13)

@@ -15,7 +15,6 @@ import polars as pl
 import pytest
 
 from conftest import exactly
-from veltrane.config import LX_INTERPOLATIONS, Config
 from veltrane.tables.exit import ExitTable
 from veltrane.tables.life import LifeTable
 
@@ -43,12 +42,6 @@ def complete_reference(lives: np.ndarray, x: int, method: str) -> float:
     for j in range(x, w):
         total += lives[j] * year_integral(lives[j + 1] / lives[j], method)
     return total / lives[x]
-
-
-@pytest.fixture(params=LX_INTERPOLATIONS)
-def method(request):
-    with Config().override(lx_interpolation=request.param):
-        yield request.param
 
 
 @pytest.fixture

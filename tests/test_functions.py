@@ -290,21 +290,17 @@ def test_input_kinds_agree():
     assert table.px(np.int64(50), m=np.int64(12)) == table.px(50, m=12)
 
 
-def test_a_change_of_settings_reaches_cached_vectors():
+def test_cached_vectors_are_fresh_copies_and_follow_the_settings():
     t = LifeTable("SULT", "u")
+    for fn in (t.px, t.qx, t.lx, t.dx):
+        fn()[:] = -1.0
+        assert fn().tolist() == fn(INTEGER_AGES[: t.w + 1]).tolist()  # the vector of every age 0..w
     before = (t.lx(50.5), t.px()[60], t.qx(70))
     with Config().override(decimals={"lx": 2, "px": 3, "qx": 4}, lx_interpolation="exponential"):
         lx, px, qx = t.lx(50.5), t.px()[60], t.qx(70)
         assert lx == round(lx, 2) and px == round(px, 3) and qx == round(qx, 4)
         assert lx != before[0]
     assert (t.lx(50.5), t.px()[60], t.qx(70)) == before
-
-
-def test_whole_table_vectors_are_fresh_copies():
-    table = LifeTable("SULT", "u")
-    for fn in (table.px, table.qx, table.lx, table.dx):
-        fn()[:] = -1.0
-        assert fn().tolist() == fn(INTEGER_AGES[: table.w + 1]).tolist()  # the vector of every age 0..w
 
 
 def test_pending_table_is_refused(tables):

@@ -1,10 +1,5 @@
-"""Hostile and unusual numeric input: lists changed by their own elements, masked arrays, big arrays.
-
-Crashers run in a fresh interpreter, so that a segmentation fault fails one test, not the run.
-Long vectors are computed in pieces (with Ctrl-C honoured between them): the pieces must join
-into exactly the values of short calls, and validation must read a float64 array in place
-without ever writing to it or handing it back.
-"""
+"""Hostile numeric input: lists changed by their own elements, masked arrays, big arrays read in place
+and in pieces. Crashers run in a fresh interpreter, so that a segmentation fault fails one test only."""
 
 from __future__ import annotations
 
@@ -30,8 +25,6 @@ def run_isolated(code: str) -> list[str]:
     assert result.returncode == 0, f"exit status {result.returncode}\n{result.stderr[-3000:]}"
     return result.stdout.split()
 
-
-# -- values replaced by Python code while they are read ----------------------------------------------
 
 SHIFTING = """
 import gc
@@ -133,8 +126,6 @@ def test_values_replaced_by_python_code_midway_stay_alive(code):
     assert len(run_isolated(code)) == 1
 
 
-# -- the vector entry points, each taking one array -------------------------------------------------
-
 # fmt: off
 CALLS = {
     "qx": TABLE.qx, "qx whole ages": lambda a: TABLE.qx(np.floor(a)), "px m=12": lambda a: TABLE.px(a, m=12),
@@ -193,9 +184,6 @@ def test_masked_multipliers_are_refused_and_the_table_kept():
     t.modify_qx({"decrement_multiplier": np.ma.masked_array(factors.data)})  # nothing masked: the data
     plain.modify_qx({"decrement_multiplier": factors.data})
     np.testing.assert_array_equal(t.qx(), plain.qx())
-
-
-# -- big arrays: read in place, never written, never returned; long ones in pieces -------------------
 
 
 def test_validation_reads_a_float64_array_in_place():

@@ -9,6 +9,7 @@ import pytest
 
 from test_contingencies import Survival
 from veltrane import Config, LifeTable
+from veltrane.config import LX_INTERPOLATIONS
 from veltrane.contingencies import (
     JointLife,
     annuity,
@@ -18,8 +19,6 @@ from veltrane.contingencies import (
     pure_endowment,
     reversionary_annuity,
 )
-
-INTERPOLATIONS = ("linear", "exponential", "hyperbolic")
 
 
 @pytest.fixture(scope="module")
@@ -49,7 +48,7 @@ def reference(a: Survival, x: float, b: Survival, y: float, status: str, *, i: f
     return due, arrears, cover, np.sum(whole)
 
 
-@pytest.mark.parametrize("interpolation", INTERPOLATIONS)
+@pytest.mark.parametrize("interpolation", LX_INTERPOLATIONS)
 @pytest.mark.parametrize("status", ["joint", "last"])
 @pytest.mark.parametrize("n", [None, 15])
 @pytest.mark.parametrize(
@@ -133,7 +132,7 @@ def test_reversionary_annuity_is_the_payees_less_the_joint(pair_tables, due, n):
     np.testing.assert_allclose(reversionary_annuity(failing, x, payee, y, n, **kw), expected, rtol=1e-14)
 
 
-@pytest.mark.parametrize("interpolation", INTERPOLATIONS)
+@pytest.mark.parametrize("interpolation", LX_INTERPOLATIONS)
 def test_contingent_insurance_against_a_numerical_integration(pair_tables, interpolation):
     first, second = pair_tables
     x, y = 70.0, 64.5
@@ -160,33 +159,24 @@ def test_contingent_insurances_of_the_two_orders_make_the_joint_insurance(pair_t
     np.testing.assert_allclose(both, insurance(JointLife(first, second), (x, y), 20, i=0.05), rtol=1e-12)
 
 
-def test_net_premium_and_pure_endowment_of_a_couple(pair_tables):
-    couple = JointLife(*pair_tables)
-    ages = (60, 55)
-    assert net_premium(couple, ages, 20, i=0.05, endowment=True) == pytest.approx(
-        insurance(couple, ages, 20, i=0.05, endowment=True) / annuity(couple, ages, 20, i=0.05), rel=1e-14
-    )
-    assert pure_endowment(couple, ages, 10, i=0.05) == pytest.approx(
-        1.05**-10 * couple.tpx(ages, 10), rel=1e-14
-    )
+def test_a_couple_in_the_single_life_functions(pair_tables):
+    couple, ages, kw = JointLife(*pair_tables), (60, 55), {"i": 0.05}
+    ratio = insurance(couple, ages, 20, endowment=True, **kw) / annuity(couple, ages, 20, **kw)
+    assert net_premium(couple, ages, 20, endowment=True, **kw) == pytest.approx(ratio, rel=1e-14)
+    endowment = pure_endowment(couple, ages, 10, **kw)
+    assert endowment == pytest.approx(1.05**-10 * couple.tpx(ages, 10), rel=1e-14)
+    # Vector pairs broadcast and scalars give floats.
+    one, many = annuity(couple, (65, 60), **kw), annuity(couple, ([65, 66], 60), **kw)
+    assert type(one) is float and many.shape == (2,) and many[0] == one
+    paired = annuity(couple, ([65, 66], [60, 60]), 10, **kw)
+    np.testing.assert_array_equal(paired, annuity(couple, ([65, 66], 60), 10, **kw))
 
 
 def test_interest_from_the_first_table():
-    first = LifeTable("SULT", "u", interest_rate=0.05)
-    second = LifeTable("SULT", "u")
+    first, second = LifeTable("SULT", "u", interest_rate=0.05), LifeTable("SULT", "u")
     assert annuity(JointLife(first, second), (60, 60)) == annuity(JointLife(first, second), (60, 60), i=0.05)
     with pytest.raises(ValueError, match="i is required"):
         annuity(JointLife(second, first), (60, 60))
-
-
-def test_vector_pairs_broadcast_and_scalars_give_floats(pair_tables):
-    couple = JointLife(*pair_tables)
-    one, many = annuity(couple, (65, 60), i=0.05), annuity(couple, ([65, 66], 60), i=0.05)
-    assert type(one) is float and many.shape == (2,) and many[0] == one
-    np.testing.assert_array_equal(
-        annuity(couple, ([65, 66], [60, 60]), 10, i=0.05),
-        annuity(couple, ([65, 66], 60), 10, i=0.05),
-    )
 
 
 @pytest.mark.parametrize(

@@ -30,8 +30,6 @@ def state(t):
     return keys, flags, arrays
 
 
-# -- forwarding properties -----------------------------------------------------------------------
-
 # fmt: off
 FORWARDED = [
     "table_name", "generational", "base_year", "omega", "start_age", "valid_sexes", "select_period",
@@ -66,9 +64,6 @@ def test_declared_types_are_enforced(standard, monkeypatch, prop, value, message
     t._w_mod = "5"
     with exactly(TypeError, "Expected int, got str"):
         t.w  # noqa: B018
-
-
-# -- setters ---------------------------------------------------------------------------------------
 
 
 def test_sex_setter_lowers_rebuilds_and_counts(standard):
@@ -137,18 +132,6 @@ def test_invalid_keys_change_nothing(standard, name, attr, value, exc, message):
         assert t._cohort is None and t.duration is None
 
 
-def test_pending_setters_count_until_complete(standard):
-    t = LifeTable("GEN", pending=True)
-    t.sex = "M"
-    assert t.metadata_pending and t._rebuilds_since_calc == 1 and t._decrement is None
-    t.cohort = 1970  # completes the keys: one rebuild, not counted
-    assert not t.metadata_pending and t._rebuilds_since_calc == 1
-    np.testing.assert_array_equal(t._decrement, LifeTable("GEN", "m", cohort=1970)._decrement)
-
-
-# -- readiness and the chained-rebuild warning ------------------------------------------------
-
-
 # fmt: off
 NOT_READY = [
     ({}, {}, "px", "assign 'sex', 'cohort', 'duration' before calculations "
@@ -178,7 +161,7 @@ def calculation(t):
     t._ensure_ready("px")
 
 
-def test_chained_rebuilds_warn_once(standard):
+def test_chained_rebuilds_warn_once_unless_switched_off_or_batched(standard):
     t = LifeTable("GEN", "m", cohort=1970)
     t.sex = "f"
     t.cohort = 1971
@@ -196,20 +179,13 @@ def test_chained_rebuilds_warn_once(standard):
     t._ensure_ready("px")  # nothing to say now (warnings are errors here)
     t.cohort = 1972
     t._ensure_ready("px")  # one rebuild is no chain
-
-
-@pytest.mark.parametrize(("flag", "suspended"), [(False, False), (True, True)])
-def test_chained_rebuilds_quiet(standard, flag, suspended):
-    t = LifeTable("GEN", "m", cohort=1970)
-    t.cohort, t.sex, t.cohort = 1971, "f", 1972
-    t._suspend_rebuild = suspended
-    with Config().override(warn_on_chained_table_rebuild=flag), warnings.catch_warnings():
-        warnings.simplefilter("error")
-        t._ensure_ready("px")
-    assert t._rebuilds_since_calc == 0
-
-
-# -- rebuild machinery -------------------------------------------------------------------------
+    for flag, suspended in ((False, False), (True, True)):  # switched off, or inside a batch: quiet
+        t.cohort, t.sex, t.cohort = 1971, "f", 1972
+        t._suspend_rebuild = suspended
+        with Config().override(warn_on_chained_table_rebuild=flag), warnings.catch_warnings():
+            warnings.simplefilter("error")
+            t._ensure_ready("px")
+        assert t._rebuilds_since_calc == 0
 
 
 def test_reset_modifications_and_invalidate(standard):
@@ -224,9 +200,6 @@ def test_reset_modifications_and_invalidate(standard):
     assert t._decrement_base is base and t._decrement is not base
     assert (t.modified, t.w, t.modifications_applied, t._rebuilds_since_calc) == (False, 7, [], 1)
     assert (t._lx, t._lx_raw, t._px, t._qx) == (None,) * 4
-
-
-# -- identity and copies -------------------------------------------------------------------------
 
 
 def test_identity_and_hash(standard):
@@ -258,9 +231,16 @@ def test_copy_is_deep_and_independent(standard):
     assert pair[0] is pair[1]
 
 
-def test_copy_keeps_pending_state(standard):
+def test_pending_state_is_copied_and_counts_until_complete(standard):
     t = LifeTable("GSEL", cohort=1970, pending=True)
     c = t.copy()
     assert c.metadata_pending and c.cohort == 1970 and c.sex is None and c._decrement is None
     c.sex, c.duration = "m", 1
     assert not c.metadata_pending and t.metadata_pending and t.sex is None
+    # A pending table's setters count until its keys are complete.
+    t = LifeTable("GEN", pending=True)
+    t.sex = "M"
+    assert t.metadata_pending and t._rebuilds_since_calc == 1 and t._decrement is None
+    t.cohort = 1970  # completes the keys: one rebuild, not counted
+    assert not t.metadata_pending and t._rebuilds_since_calc == 1
+    np.testing.assert_array_equal(t._decrement, LifeTable("GEN", "m", cohort=1970)._decrement)

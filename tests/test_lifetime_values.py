@@ -16,7 +16,7 @@ import pytest
 
 from conftest import exactly
 from test_contingencies import Survival
-from veltrane.config import LX_INTERPOLATIONS, Config
+from veltrane.config import Config
 from veltrane.contingencies import annuity, insurance, life_table, net_premium
 from veltrane.tables.life import LifeTable
 from veltrane.tables.source import TableSource
@@ -64,17 +64,6 @@ class Reference(Survival):
             mid = (lo + hi) / 2
             lo, hi = (mid, hi) if self(x + mid) > target else (lo, mid)
         return (lo + hi) / 2
-
-
-@pytest.fixture(scope="module")
-def sult() -> LifeTable:
-    return LifeTable("SULT", "u")
-
-
-@pytest.fixture(params=LX_INTERPOLATIONS)
-def method(request) -> Iterator[str]:
-    with Config().override(lx_interpolation=request.param):
-        yield request.param
 
 
 MU = 0.04
@@ -169,16 +158,13 @@ def test_force_of_decrement_under_each_interpolation(sult, method):
     assert sult.mu(65) == every[65] and isinstance(sult.mu(65), float)
 
 
-def test_lifetime_quantiles_against_bisection(sult, method):
+def test_lifetime_quantiles_and_temporary_expectations(sult, method):
     ref = Reference(sult, method)
     for x, p in [(65, 0.5), (65.4, 0.1), (30, 0.99), (119, 0.5), (119.5, 0.9), (0, 1e-6)]:
         assert sult.lifetime_quantile(x, p) == pytest.approx(ref.quantile(x, p), rel=1e-12, abs=1e-12)
     many = sult.lifetime_quantile([60, 70], [0.25, 0.75])
     assert many.tolist() == [sult.lifetime_quantile(60, 0.25), sult.lifetime_quantile(70, 0.75)]
-
-
-def test_temporary_expectations(sult, method):
-    ref = Reference(sult, method)
+    # Temporary expectations, curtate and complete.
     for x, n in [(65, 10), (45.5, 20), (118, 5)]:
         curtate = sum(ref(x + k) for k in range(1, n + 1)) / ref(x)
         assert sult.ex(x, n) == pytest.approx(curtate, rel=RTOL)
@@ -254,6 +240,7 @@ P = "p must lie strictly between 0 and 1, got"
 MOMENT2 = "moment=2 needs an annuity-due (or m=None) without defer, valued with method='exact'"
 DECREASING = "a decreasing benefit needs a term n (it falls to 1 in the last year)"
 BOTH = "increasing and decreasing exclude each other"
+SAME, LEVEL2 = "x and p must have the same length, got 2 and 3", "moment=2 is for a level benefit"
 LEVEL = "increasing and decreasing are for term and whole-life covers, not with endowment=True"
 
 

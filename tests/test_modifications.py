@@ -13,6 +13,8 @@ import sys
 from contextlib import nullcontext
 
 import numpy as np
+import pandas as pd
+import polars as pl
 import pytest
 
 from veltrane.tables import decrement as dm
@@ -81,6 +83,8 @@ CASES = [  # modifications, NumPy reference, descriptors
     ({AS: 2, AR: 1.5, MU: 0.8}, lambda q: (1 - (1 - q[2:]) ** 1.5) * 0.8,
      ["age_shift=2", "aggravated_risk=1.5", "decrement_multiplier=0.8"]),
     ([{AS: 2, MU: 1.5}, {AR: 2.0}], lambda q: 1 - (1 - q) ** 2, ["aggravated_risk=2.0"]),  # the last only
+    *[({MU: series(M)}, lambda q: q * M, ["decrement_multiplier=<array[8]>"])
+      for series in (pd.Series, pl.Series)],  # a series is a vector multiplier
 ]
 # fmt: on
 
@@ -147,15 +151,6 @@ def test_limits_of_growth_and_aggravation():
         t.modify_qx({GI: (1, 40)})
     with exactly("modifications must be a dict, got list", TypeError):
         t.modify_qx([(AS, 1)])
-
-
-@pytest.mark.parametrize("series", ["pandas", "polars"])
-def test_a_series_is_a_vector_multiplier(kinds, series):
-    module = pytest.importorskip(series)
-    t = make("life")
-    t.modify_qx({MU: module.Series(M)})
-    np.testing.assert_array_equal(t._decrement, final(kinds["life"] * M))
-    assert t.modifications_applied == ["decrement_multiplier=<array[8]>"]
 
 
 # -- rates pushed above 1 before a step that reads probabilities ----------------------------------

@@ -106,7 +106,7 @@ def paths(kind: str, start: str, active: tuple = ("SULT", "u", None)) -> dict[in
 
 @pytest.mark.parametrize("kind", KINDS)
 @pytest.mark.parametrize("start", ["active", "disabled"])
-def test_state_probabilities_are_the_numpy_chain(kind, start):
+def test_states_and_insurances_are_the_numpy_chain(kind, start):
     chosen, expected = model(kind), paths(kind, start)
     ages = np.arange(last_age(chosen) + 1)
     years = 60
@@ -118,6 +118,19 @@ def test_state_probabilities_are_the_numpy_chain(kind, start):
         rest = ours[x, want.shape[0] :]  # after the end of the model: everyone dead
         assert np.all(rest[:, :2] == 0.0) and np.allclose(rest[:, 2], 1.0, rtol=0, atol=1e-14)
     np.testing.assert_array_equal(chosen.state_probabilities(45, 10, start=start), ours[45, :11])
+    frame = chosen.state_frame(60, 5, start=start)
+    assert frame["age"].to_list() == list(range(60, 66))
+    np.testing.assert_array_equal(frame.select("active", "disabled", "dead").to_numpy(), ours[60, :6])
+    end = last_age(chosen) + 1
+    for n in (None, 20):
+        want = [reference_insurance(expected[x], end - x if n is None else min(n, end - x)) for x in ages]
+        np.testing.assert_allclose(
+            chosen.insurance(ages, n, i=RATE, start=start), want, rtol=1e-12, atol=1e-15
+        )
+    # Whole life: 1 - d times the annuity-due while alive.
+    alive = chosen.annuity(ages, i=RATE, start=start, payable="alive")
+    d = RATE / (1 + RATE)
+    np.testing.assert_allclose(chosen.insurance(ages, i=RATE, start=start), 1 - d * alive, rtol=0, atol=1e-12)
 
 
 @pytest.mark.parametrize("kind", KINDS)
@@ -136,22 +149,6 @@ def test_annuities_are_the_numpy_chain(kind, start, payable, m, due, n):
     ]
     np.testing.assert_allclose(ours, want, rtol=1e-12, atol=1e-15)
     assert chosen.annuity(40, n, i=RATE, start=start, payable=payable, m=m, due=due) == ours[40]
-
-
-@pytest.mark.parametrize("kind", KINDS)
-@pytest.mark.parametrize("start", ["active", "disabled"])
-def test_insurances_are_the_numpy_chain_and_whole_life_is_one_minus_d_annuity(kind, start):
-    chosen, expected = model(kind), paths(kind, start)
-    end = last_age(chosen) + 1
-    ages = np.arange(end)
-    for n in (None, 20):
-        want = [reference_insurance(expected[x], end - x if n is None else min(n, end - x)) for x in ages]
-        np.testing.assert_allclose(
-            chosen.insurance(ages, n, i=RATE, start=start), want, rtol=1e-12, atol=1e-15
-        )
-    alive = chosen.annuity(ages, i=RATE, start=start, payable="alive")
-    d = RATE / (1 + RATE)
-    np.testing.assert_allclose(chosen.insurance(ages, i=RATE, start=start), 1 - d * alive, rtol=0, atol=1e-12)
 
 
 @pytest.mark.parametrize(
@@ -217,23 +214,6 @@ def test_tables_are_read_at_the_call_and_interest_else_from_the_active_table():
     assert chosen.annuity(40, 25, i=RATE) == before
 
 
-def test_the_frame_view_is_the_array():
-    frame = model("recovery").state_frame(60, 5, start="disabled")
-    assert frame["age"].to_list() == list(range(60, 66))
-    np.testing.assert_array_equal(
-        frame.select("active", "disabled", "dead").to_numpy(),
-        model("recovery").state_probabilities(60, 5, "disabled"),
-    )
-
-
-def test_tables_of_the_wrong_class_are_refused():
-    life, incidence = LifeTable("SULT", "u"), DisabilityTable("CIDA1985_90", "m")
-    with pytest.raises(TypeError, match="incidence must be a DisabilityTable, got LifeTable"):
-        DisabilityModel(life, life, life)
-    with pytest.raises(TypeError, match="recovery must be a ExitTable, got DisabilityTable"):
-        DisabilityModel(life, incidence, life, recovery=incidence)
-
-
 def test_rates_summing_above_one_are_refused_with_the_age(tables):
     tables.write("ACT", {"table_type": "life", "sexes": ["u"]}, {"qx_u": [0.1, 0.5, 0.7, 1.0]})
     tables.write("INC", {"table_type": "disability", "sexes": ["u"]}, {"ix_u": [0.2, 0.4, 0.4]})
@@ -282,15 +262,20 @@ def test_bad_arguments_are_refused(call, error, message):
         call(model("plain"))
 
 
-def test_modified_select_and_pending_tables_and_unknown_conventions_are_refused():
-    select, plain = LifeTable("SSSM", "u", duration=1), model("plain")
+def test_wrong_tables_and_conventions_are_refused():
+    life, incidence = LifeTable("SULT", "u"), DisabilityTable("CIDA1985_90", "m")
+    with pytest.raises(TypeError, match="incidence must be a DisabilityTable, got LifeTable"):
+        DisabilityModel(life, life, life)
+    with pytest.raises(TypeError, match="recovery must be a ExitTable, got DisabilityTable"):
+        DisabilityModel(life, incidence, life, recovery=incidence)
+    with pytest.raises(ValueError, match="convention must be one of end_of_year, mid_year, got 'midyear'"):
+        DisabilityModel(life, incidence, life, convention="midyear")
+    with pytest.raises(ValueError, match=r"not ready: assign 'cohort'.*DisabilityModel"):
+        DisabilityModel(LifeTable("IAM2012", "m", pending=True), incidence, life)
+    select = LifeTable("SSSM", "u", duration=1)
     select.modify_qx({"decrement_multiplier": 1.1})
     with pytest.raises(ValueError, match=r"modified select table.*select_path"):
-        DisabilityModel(select, plain.incidence, plain.disabled_mortality)
-    with pytest.raises(ValueError, match=r"not ready: assign 'cohort'.*DisabilityModel"):
-        DisabilityModel(LifeTable("IAM2012", "m", pending=True), plain.incidence, plain.disabled_mortality)
-    with pytest.raises(ValueError, match="convention must be one of end_of_year, mid_year, got 'midyear'"):
-        DisabilityModel(life := plain.active_mortality, plain.incidence, life, convention="midyear")
+        DisabilityModel(select, incidence, life)
 
 
 @pytest.mark.parametrize(

@@ -43,10 +43,6 @@ def reference(row: dict, years: int) -> dict[str, np.ndarray]:
     return {name: np.array(values) for name, values in out.items()}
 
 
-def reference_rates(row: dict, years: int) -> np.ndarray:
-    return reference(row, years)["qx"]
-
-
 @pytest.fixture
 def book(standard, tables):
     """Forty-five policies over bundled and written tables of every structure."""
@@ -94,13 +90,6 @@ def test_rates_follow_the_select_diagonal_rounded_as_the_tables_round(book, deci
     assert frame.filter((pl.col("policy") == 3) & (pl.col("year") == 4))["qx"].item() == expected[3]["qx"][4]
 
 
-@pytest.mark.parametrize("block_size", [1, 4, 7, 1000])
-def test_blocks_do_not_change_the_result(book, block_size):
-    whole = project(book, 6, what=QUANTITIES, block_size=10_000)
-    part = project(book, 6, what=QUANTITIES, block_size=block_size)
-    assert all(whole[k].tobytes() == part[k].tobytes() for k in QUANTITIES)
-
-
 @pytest.fixture
 def in_memory():
     """MEMT: a table registered from memory, with no file anywhere."""
@@ -113,14 +102,15 @@ def in_memory():
     TableSource.unregister("MEMT")
 
 
-def test_worker_processes_give_the_result_of_one_process(book, in_memory):
+@pytest.mark.parametrize(("block_size", "workers"), [(1, None), (7, None), (1000, None), (5, 2)])
+def test_blocks_and_worker_processes_give_the_result_of_one_block(book, in_memory, block_size, workers):
     # The tables' files are found through Config().tables_path alone (no VELTRANE_TABLES_PATH)
     # and MEMT only in this process's memory: the workers get both, and this process's decimals.
     frame = pl.concat([book, in_memory], how="diagonal_relaxed")
     with Config().override(decimals={"qx": 7, "tpx": 9}):
-        alone = project(frame, 6, what=QUANTITIES, block_size=10_000)
-        spread = project(frame, 6, what=QUANTITIES, block_size=5, workers=2)
-    assert all(alone[k].tobytes() == spread[k].tobytes() for k in QUANTITIES)
+        whole = project(frame, 6, what=QUANTITIES, block_size=10_000)
+        part = project(frame, 6, what=QUANTITIES, block_size=block_size, workers=workers)
+    assert all(whole[k].tobytes() == part[k].tobytes() for k in QUANTITIES)
 
 
 def test_a_sample_of_bundled_policies_follows_the_diagonals():
@@ -132,7 +122,7 @@ def test_a_sample_of_bundled_policies_follows_the_diagonals():
         for n, s in specs * 6
     ]
     result = project(pl.DataFrame(rows).with_columns(cohort=pl.lit(1950)), 8, what=("qx",))
-    expected = [reference_rates(row | {"cohort": 1950}, 8) for row in rows]
+    expected = [reference(row | {"cohort": 1950}, 8)["qx"] for row in rows]
     assert result["qx"].tobytes() == np.array(expected).tobytes()
 
 
@@ -247,7 +237,7 @@ def test_blends_are_the_blended_tables_rates_without_a_table_per_weight(standard
     # The male and the female table of every select column, whatever the number of weights.
     source = TableSource(name)
     assert built_since(mark) == 2 * ((source.select_period or 0) + 1) == len(registry)
-    expected = [reference_rates(row | {"cohort": keys.get("cohort")}, 5) for row in rows]  # blended tables
+    expected = [reference(row | {"cohort": keys.get("cohort")}, 5)["qx"] for row in rows]  # blended tables
     assert result["qx"].tobytes() == np.array(expected).tobytes()
 
 

